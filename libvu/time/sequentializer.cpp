@@ -1,0 +1,248 @@
+#include "libvu/time/sequentializer.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+#include "libvu/core/deliver_private.h"
+#include "libvu/core/owned_private.h"
+#include "libvu/core/report.h"
+#include "libvu/core/wire_private.h"
+#include "libvu/time/sample_clock_private.h"
+
+namespace {
+
+constexpr double kHighestPipeRate = 1e6;
+constexpr double kPoolSeconds = 5.0;
+// Below this many ticks whole numbers and doubles step alike, with room for the longest period.
+constexpr int64_t kWholeNumbers = int64_t{1} << 52;
+
+bool isUsablePipeRate(double rate)
+{
+    return rate > 0.0 && rate <= kHighestPipeRate;
+}
+
+// Puts up to `count` new frames on the pool; tells how many it got.
+int64_t growPool(Sequentializer &seq, int64_t count)
+{
+    for (int64_t made = 0; made < count; made++) {
+        Frame *frame = frameCreate(static_cast<uint32_t>(seq.frame_samples), seq.element_size, nullptr);
+        if (!frame)
+            return made;
+        // The head is read after the frame is made: a report of the making may have brought frames back.
+        frame->pool = &seq.free_frames;
+        frame->next = seq.free_frames;
+        if (seq.free_frames)
+            seq.free_frames->prev = frame;
+        seq.free_frames = frame;
+    }
+    return count;
+}
+
+Frame *popPool(Sequentializer &seq)
+{
+    Frame *frame = seq.free_frames;
+    seq.free_frames = frame->next;
+    if (seq.free_frames)
+        seq.free_frames->prev = nullptr;
+    return frame;
+}
+
+// Makes a pool frame with room for samples the current one, or leaves none and reports it.
+void takeFrame(Sequentializer &seq)
+{
+    if (!seq.free_frames)
+        growPool(seq, vu::saturated<int64_t>(seq.pipe_rate));
+    if (!seq.free_frames) {
+        libvuError("Unable to add frames to sequentializer");
+        libvuError("Unable to get frame for channel");
+        return;
+    }
+    Frame *frame = popPool(seq);
+    frame->next = frame->prev = frame->parent = nullptr;
+    frame->refcount = 1;
+    frame->length = 0;
+    frame->is_message = 0;
+    frame->reserved = 0;
+    frame->aux[0] = 0;
+    vu::stampStart(frame, seq.sample_count);
+    seq.current_frame = frame;
+}
+
+void handOn(Sequentializer &seq)
+{
+    Frame *frame = seq.current_frame;
+    if (!seq.pipes || !seq.pipes->first) {
+        frame->length = 0; // nobody listens: the samples go, the frame and its start stay
+        return;
+    }
+    seq.current_frame = nullptr;
+    vu::deliver(*seq.pipes, frame);
+}
+
+void expire(Sequentializer &seq)
+{
+    if (seq.expiry_tick < seq.clock->current_tick)
+        seq.value = seq.invalid_value;
+}
+
+// Fills a run of samples at a period of whole ticks. `limit` is the first tick that need not be passed.
+template <typename Sample>
+uint32_t fillRun(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
+{
+    SampleClock &clock = *seq.clock;
+    const auto period = static_cast<int64_t>(clock.whole_ticks);
+    const int64_t passed = (limit - clock.current_tick + period - 1) / period;
+    const auto count = static_cast<uint32_t>(std::min<int64_t>(passed, room));
+    const int64_t life =
+        (seq.expiry_tick - clock.current_tick) / period; // toward zero: void already if negative
+    const auto live = static_cast<uint32_t>(std::clamp<int64_t>(life, 0, count));
+    std::fill_n(out, live, static_cast<Sample>(seq.value));
+    if (live < count) {
+        seq.value = seq.invalid_value;
+        std::fill_n(out + live, count - live, static_cast<Sample>(seq.value));
+    }
+    clock.current_tick += count * period;
+    clock.next_tick += count * period;
+    return count;
+}
+
+// The same sample by sample, at any period, with the clock in registers.
+template <typename Sample>
+uint32_t fillSteps(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
+{
+    const SampleClock &clock = *seq.clock;
+    const auto period = static_cast<int64_t>(clock.whole_ticks);
+    int64_t current = clock.current_tick;
+    int64_t next = clock.next_tick;
+    double accumulator = clock.remainder_accumulator;
+    auto sample = static_cast<Sample>(seq.value);
+    bool expired = false;
+    uint32_t count = 0;
+    while (current < limit && count < room) {
+        accumulator += clock.remainder_per_sample;
+        current = next;
+        next += period;
+        if (accumulator > clock.half_numerator) {
+            next += 1;
+            accumulator -= clock.rate_numerator;
+        }
+        if (seq.expiry_tick < current && !expired) {
+            expired = true;
+            sample = static_cast<Sample>(seq.invalid_value);
+        }
+        out[count++] = sample;
+    }
+    if (expired)
+        seq.value = seq.invalid_value;
+    seq.clock->current_tick = current;
+    seq.clock->next_tick = next;
+    seq.clock->remainder_accumulator = accumulator;
+    return count;
+}
+
+template <typename Sample>
+uint32_t fill(Sequentializer &seq, Frame *frame, double target)
+{
+    SampleClock &clock = *seq.clock;
+    auto *out = reinterpret_cast<Sample *>(static_cast<uint8_t *>(frame->data)) + frame->length;
+    const uint32_t room = frameAvailable(frame);
+    constexpr double kFewPeriods = 8.0; // below that two divisions cost more than they save
+    const double periods = clock.whole_ticks * kFewPeriods;
+    // A frame's worth of periods ahead must not leave the whole numbers either.
+    const double reach = static_cast<double>(clock.next_tick) + (clock.whole_ticks + 1.0) * (room + 1.0);
+    if (target < static_cast<double>(kWholeNumbers) && reach < static_cast<double>(kWholeNumbers)) {
+        const auto limit = static_cast<int64_t>(std::ceil(target));
+        const bool run = clock.remainder_per_sample == 0.0 && clock.whole_ticks > 0.0 &&
+                         clock.next_tick - clock.current_tick == static_cast<int64_t>(clock.whole_ticks) &&
+                         target - static_cast<double>(clock.current_tick) > periods;
+        // Only the difference to an expiry that lies in the whole numbers too is sure not to overflow.
+        if (run && seq.expiry_tick > -kWholeNumbers)
+            return fillRun(seq, out, room, limit);
+        return fillSteps(seq, out, room, limit);
+    }
+    vu::tick(clock);
+    expire(seq);
+    *out = static_cast<Sample>(seq.value);
+    return 1;
+}
+
+template <typename Sample>
+void advance(Sequentializer &seq, double target)
+{
+    while (target > static_cast<double>(seq.clock->current_tick)) {
+        if (!seq.current_frame)
+            takeFrame(seq);
+        Frame *frame = seq.current_frame;
+        if (!frame) {
+            // A sample without a frame is lost and still counted, so that later frames keep their true start.
+            vu::tick(*seq.clock);
+            expire(seq);
+            seq.sample_count++;
+            continue;
+        }
+        const uint32_t written = fill<Sample>(seq, frame, target);
+        frame->length += written;
+        seq.sample_count += written;
+        if (frame->length == frame->capacity)
+            handOn(seq);
+    }
+}
+
+} // namespace
+
+Sequentializer *createSequentializer(uint32_t element_size, double pipe_rate, double sample_rate,
+                                     double stale_seconds, double invalid_value)
+{
+    auto seq = vu::makeZeroed<Sequentializer>();
+    if (!seq) {
+        libvuError("Unable to allocate memory for sequentializer object");
+        return nullptr;
+    }
+    if (!isUsablePipeRate(pipe_rate)) {
+        libvuError("Invalid pipe rate: %g", pipe_rate);
+        return nullptr;
+    }
+    seq->clock = sampleClockCreate(sample_rate);
+    if (!seq->clock)
+        return nullptr;
+    seq->pipe_rate = pipe_rate;
+    seq->frame_samples = frameBufsize(sample_rate, pipe_rate);
+    seq->element_size = element_size;
+    seq->half_period_ticks =
+        vu::saturated<int64_t>(std::floor(seq->clock->ticks_per_second / sample_rate * 0.5));
+    const double life = std::floor(stale_seconds * seq->clock->ticks_per_second);
+    seq->stale_ticks = vu::subtractSaturated(vu::saturated<int64_t>(life), 1);
+    seq->invalid_value = invalid_value;
+    seq->value = invalid_value;
+    growPool(*seq, vu::saturated<int64_t>(pipe_rate * kPoolSeconds));
+    return seq.release();
+}
+
+void sequentialize(Sequentializer *seq, double time)
+{
+    constexpr double kLastTick = 0x1p63; // the clock stops here: a later target would never be reached
+    if (!std::isfinite(time))
+        return;
+    const double target = std::min(time - static_cast<double>(seq->half_period_ticks), kLastTick);
+    if (target >= 0.0) {
+        if (seq->element_size == sizeof(double))
+            advance<double>(*seq, target);
+        else
+            advance<float>(*seq, target);
+    }
+    seq->last_target = vu::saturated<int64_t>(target);
+}
+
+void sequentialize_value(Sequentializer *seq, double time, double value)
+{
+    sequentialize(seq, time);
+    seq->value = value;
+    seq->expiry_tick = vu::addSaturated(seq->clock->next_tick, seq->stale_ticks);
+}
+
+void destroySequentializer(Sequentializer *seq)
+{
+    std::free(seq);
+}

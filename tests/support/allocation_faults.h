@@ -1,0 +1,26 @@
+// Memory that runs out: allocations made by libvu.so itself are counted, and the n-th one can be made to
+// fail.
+//
+// The library's import table is patched, so the C library, the parser and the test keep their memory, and it
+// works under a sanitizer as well.
+#pragma once
+
+#include <cstdint>
+
+namespace vu::test {
+
+class AllocationFaults {
+public:
+    AllocationFaults();  // counting begins
+    ~AllocationFaults(); // nothing fails any more
+    AllocationFaults(const AllocationFaults &) = delete;
+    AllocationFaults &operator=(const AllocationFaults &) = delete;
+
+    // The n-th allocation from now on fails, and `more` behind it; 0 is the next one.
+    void failAt(int64_t n, int64_t more = 0);
+    void failNone();
+    int64_t count() const; // allocations since construction or reset(), failed ones included
+    void reset();
+};
+
+} // namespace vu::test

@@ -1,0 +1,51 @@
+// The system calls of the library, replaced while a test wants it. The test executable defines these symbols,
+// so the shared library's calls come here; without a hook they go on to the system.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <sys/types.h>
+#include <sys/uio.h>
+#include <utility>
+#include <vector>
+
+namespace vu::test {
+
+// Hooks are process-wide and empty by default. A hook may call the real_... function. `syscalls` is reset by
+// ~ScopedCalls.
+struct SystemCalls {
+    std::function<ssize_t(int, void *, size_t)> read;
+    std::function<ssize_t(int, const void *, size_t, int)> send;
+    std::function<ssize_t(int, const iovec *, int)> writev;
+    std::function<off64_t(int, off64_t, int)> lseek64;
+    std::function<int(int, off64_t)> ftruncate64;
+    std::function<int(const char *)> system;
+    std::function<int(int)> raise;
+    std::function<int(useconds_t)> usleep;
+    std::function<void(int priority, const std::string &line)>
+        syslog; // also what vsyslog() is given, formatted
+};
+extern SystemCalls calls;
+
+ssize_t real_read(int fd, void *buffer, size_t count);
+ssize_t real_send(int fd, const void *buffer, size_t count, int flags);
+ssize_t real_writev(int fd, const iovec *pieces, int count);
+
+// Clears all hooks at the end of a test.
+struct ScopedCalls {
+    ScopedCalls() { calls = {}; }
+    ~ScopedCalls() { calls = {}; }
+};
+
+// Gathers the log lines of the library while it lives.
+class LogTrap {
+public:
+    LogTrap();
+    ~LogTrap();
+    std::vector<std::pair<int, std::string>> lines();
+
+private:
+    std::vector<std::pair<int, std::string>> lines_;
+};
+
+} // namespace vu::test

@@ -1,0 +1,31 @@
+// One command, one subcommand a job. Results go to standard output, everything else to standard error.
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <fmt/core.h>
+
+#include "vu/command.h"
+
+int main(int argc, char **argv)
+{
+    CLI::App app{"Records measurement channels into one checked data file, and reads such files.\n"
+                 "Example: vu run examples/drive/drive.json"};
+    app.name("vu");
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "vu 1.0.0");
+    vu::Action chosen;
+    for (const auto add : {vu::addCheck, vu::addRun, vu::addRecord, vu::addSource, vu::addInfo, vu::addVerify,
+                           vu::addRecover, vu::addExport, vu::addPlot})
+        add(app, chosen);
+    try {
+        app.parse(argc, argv);
+        return chosen();
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? vu::kDone : vu::kUsage;
+    } catch (const vu::InputError &error) {
+        fmt::print(stderr, "{}\n", error.what());
+        return vu::kUsage;
+    } catch (const std::exception &error) {
+        fmt::print(stderr, "vu: {}\n", error.what());
+        return vu::kFailed;
+    }
+}
