@@ -1,1 +1,113 @@
-#include <gtest/gtest.h>
+#include "libvu/core/report.h"
+
+#include <csignal>
+#include <gmock/gmock.h>
+
+#include "libvu/core/callbacks.h"
+#include "tests/support/allocation_faults.h"
+#include "tests/support/interpose.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::Pair;
+using vu::test::AllocationFaults;
+
+std::vector<std::string> offered;
+int32_t answer;
+
+class Reporting : public testing::Test {
+protected:
+    Reporting()
+    {
+        offered.clear();
+        libvuErrorCallback = libvuCriticalErrorCallback = [](const char *text) {
+            offered.emplace_back(text);
+            return answer;
+        };
+        vu::test::calls.raise = [this](int signal) { return raised.push_back(signal), 0; };
+    }
+    ~Reporting() override
+    {
+        libvuErrorCallback = libvuCriticalErrorCallback = nullptr;
+        vu::test::calls = {};
+    }
+    vu::test::LogTrap log;
+    std::vector<int> raised;
+    AllocationFaults memory;
+};
+
+TEST_F(Reporting, HostTakesAnErrorOrItIsLoggedAndRaised)
+{
+    for (const auto report : {libvuError, libvuCriticalError}) {
+        answer = 7;
+        report("taken %d%%", 5);
+        EXPECT_THAT(log.lines(), ElementsAre());
+        EXPECT_THAT(raised, ElementsAre());
+        answer = 0;
+        report("%s", "left 100% %n");
+        EXPECT_THAT(log.lines(), ElementsAre(Pair(11, "left 100% %n")));
+        EXPECT_THAT(std::exchange(raised, {}), ElementsAre(SIGINT));
+        EXPECT_THAT(std::exchange(offered, {}), ElementsAre("taken 5%", "left 100% %n"));
+    }
+    libvuErrorCallback = nullptr;
+    libvuError("nobody there");
+    EXPECT_THAT(log.lines(), ElementsAre(Pair(11, "nobody there")));
+    EXPECT_THAT(raised, ElementsAre(SIGINT));
+}
+
+TEST_F(Reporting, FormattingFailureIsToldTheSameWay)
+{
+    memory.failAt(0);
+    answer = 1;
+    libvuError("text %d", 1);
+    EXPECT_THAT(offered, ElementsAre("Unable to format error message"));
+    EXPECT_THAT(log.lines(), ElementsAre());
+    memory.failAt(0);
+    answer = 0;
+    libvuError("text %d", 1);
+    EXPECT_THAT(log.lines(), ElementsAre(Pair(11, "Unable to format error message: text %d")));
+    EXPECT_THAT(raised, ElementsAre(SIGINT));
+}
+
+TEST_F(Reporting, LastErrorMayQuoteItselfAndSurvivesAFailure)
+{
+    libvuSetError("first %d%%", 1);
+    libvuSetError("second after %s", libvuLastError());
+    EXPECT_STREQ(libvuLastError(), "second after first 1%");
+    memory.failAt(0);
+    libvuSetError("third %d", 3);
+    EXPECT_STREQ(libvuLastError(), "second after first 1%");
+    EXPECT_THAT(log.lines(), ElementsAre(Pair(11, "first 1%"), Pair(11, "second after first 1%"),
+                                         Pair(11, "Unable to format error message: third %d")));
+    EXPECT_THAT(offered, ElementsAre());
+    EXPECT_THAT(raised, ElementsAre());
+}
+
+TEST_F(Reporting, LogLinesCarryTheirSeverity)
+{
+    logError("e%d", 1);
+    logWarning("w");
+    logNotice("n");
+    logInfo("i");
+    logDebug("d");
+    lib_init();
+    EXPECT_THAT(log.lines(), ElementsAre(Pair(11, "e1"), Pair(12, "w"), Pair(13, "n"), Pair(14, "i"),
+                                         Pair(15, "d"), Pair(13, "Using release version of libvu")));
+}
+
+TEST_F(Reporting, FormattingOrDeathEndsTheProcess)
+{
+    char *text = nullptr;
+    asprintf_or_die(&text, "%s-%d", "a", 1);
+    EXPECT_STREQ(text, "a-1");
+    free(text);
+    EXPECT_EXIT(
+        {
+            memory.failAt(0);
+            asprintf_or_die(&text, "%d", 1);
+        },
+        testing::ExitedWithCode(-42 & 0xFF), "");
+}
+
+} // namespace
