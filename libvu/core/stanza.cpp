@@ -37,6 +37,13 @@ std::optional<double> Json::number() const
     return value_->u.number.d;
 }
 
+std::optional<int64_t> Json::integer() const
+{
+    if (!YAJL_IS_INTEGER(value_))
+        return std::nullopt;
+    return YAJL_GET_INTEGER(value_);
+}
+
 std::optional<double> Json::floatingForm() const
 {
     if (!YAJL_IS_DOUBLE(value_))

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 
 struct yajl_val_s;
@@ -24,6 +25,7 @@ public:
     bool isTrue() const;
     const char *text() const; // null unless a string
     std::optional<double> number() const;
+    std::optional<int64_t> integer() const;     // the number, only if JSON holds a valid integer
     std::optional<double> floatingForm() const; // the number, only if it has a finite floating-point form
     size_t size() const;                        // elements of an array, else 0
     Json at(size_t index) const;                // element of an array
@@ -47,6 +49,7 @@ public:
     // Frees the tree ahead of the object's end; values and texts out of it are gone then.
     void release();
 
+    yajl_val_s *tree() const { return tree_; }
     Json root() const { return Json(tree_); }
     const char *text(const char *key) const { return root().member(key).text(); }
     std::optional<double> number(const char *key) const { return root().member(key).number(); }

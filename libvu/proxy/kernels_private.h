@@ -1,0 +1,54 @@
+// The loops over a frame's samples, once for every instruction set. Samples may lie at any alignment, and
+// change between integers and floats, so every access is a copy.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+
+#include "libvu/core/isa_private.h"
+#include "libvu/core/wire_private.h"
+
+namespace vu {
+
+// x = fma(x, scale, offset), one rounding.
+template <typename Sample>
+VU_INLINE_KERNEL void scaleOffsetLoop(void *data, size_t count, Sample scale, Sample offset)
+{
+    auto *at = static_cast<uint8_t *>(data);
+    for (size_t i = 0; i < count; i++)
+        storeHost(at + i * sizeof(Sample),
+                  std::fma(loadHost<Sample>(at + i * sizeof(Sample)), scale, offset));
+}
+
+// Bytes in reverse order, as bit patterns: a float register might quiet a signalling NaN.
+template <typename Word>
+VU_INLINE_KERNEL void swapLoop(void *data, size_t count)
+{
+    auto *at = static_cast<uint8_t *>(data);
+    for (size_t i = 0; i < count; i++)
+        toHostInPlace<Word>(at + i * sizeof(Word));
+}
+
+template <typename Sample>
+void scaleOffsetPlain(void *data, size_t count, Sample scale, Sample offset)
+{
+    scaleOffsetLoop<Sample>(data, count, scale, offset);
+}
+template <typename Sample>
+VU_AVX2 void scaleOffsetAvx2(void *data, size_t count, Sample scale, Sample offset)
+{
+    scaleOffsetLoop<Sample>(data, count, scale, offset);
+}
+
+template <typename Word>
+void swapPlain(void *data, size_t count)
+{
+    swapLoop<Word>(data, count);
+}
+template <typename Word>
+VU_AVX2 void swapAvx2(void *data, size_t count)
+{
+    swapLoop<Word>(data, count);
+}
+
+} // namespace vu

@@ -1,0 +1,292 @@
+// Message channels: every record becomes a frame of its own, or goes to the signals of the channel, or both.
+//
+// The kinds look alike and are not: which timestamps a frame holds in host order, what is counted, and what
+// ends the event are each kind's own.
+#include <cmath>
+#include <span>
+
+#include "libvu/bus/can_record.h"
+#include "libvu/bus/can_set.h"
+#include "libvu/bus/xcp_set.h"
+#include "libvu/core/deliver_private.h"
+#include "libvu/core/report.h"
+#include "libvu/core/wire_private.h"
+#include "libvu/gps/gps_signal.h"
+#include "libvu/proxy/framing_private.h"
+#include "libvu/proxy/ntp_private.h"
+#include "libvu/proxy/proxy_node.h"
+
+using vu::Event;
+
+namespace {
+
+using Body = std::span<uint8_t>;
+
+constexpr uint32_t kTimestamp = 8;  // bytes
+constexpr uint32_t kLengthWord = 4; // bytes
+
+bool anybodyListens(const ProxyNode *node)
+{
+    return node->pipes.first != nullptr;
+}
+
+// A byte message as consumers get it: its length, its timestamp in host order, its content.
+Frame *byteMessage(Body body, int64_t time)
+{
+    const auto length = static_cast<uint32_t>(body.size());
+    Frame *frame = frameCreate(1, length + kLengthWord, nullptr);
+    if (!frame)
+        return nullptr;
+    auto *element = static_cast<uint8_t *>(frame->data);
+    vu::storeHost(element, length);
+    vu::storeHost(element + kLengthWord, time);
+    std::memcpy(element + kLengthWord + kTimestamp, body.data() + kTimestamp, length - kTimestamp);
+    vu::stampStart(frame, time);
+    frame->length = 1;
+    return frame;
+}
+
+bool holdsTimestamp(const ProxyNode *node, Body body)
+{
+    if (body.size() >= kTimestamp)
+        return true;
+    logWarning("Channel %s: a record of %u bytes has no room for its timestamp and is passed over",
+               node->name, static_cast<uint32_t>(body.size()));
+    return false;
+}
+
+Event takeRaw(ProxyNode *node, Body body)
+{
+    if (!holdsTimestamp(node, body))
+        return Event::goesOn;
+    if (!anybodyListens(node)) {
+        node->sample_count += static_cast<int64_t>(body.size());
+        return Event::goesOn;
+    }
+    Frame *frame = byteMessage(body, vu::loadBig<int64_t>(body.data()));
+    if (!frame)
+        return Event::leavesEarly;
+    node->byte_swap(node, frame);
+    vu::deliver(node->pipes, frame);
+    return Event::goesOn;
+}
+
+// The signals rewrite the record, so the consumers' copy comes first; they get it even if no copy could be
+// made.
+Event takeNmea(ProxyNode *node, Body body)
+{
+    if (!holdsTimestamp(node, body))
+        return Event::goesOn;
+    const auto time = vu::loadBig<int64_t>(body.data());
+    if (!anybodyListens(node)) {
+        node->sample_count += static_cast<int64_t>(body.size());
+    } else if (Frame *frame = byteMessage(body, time)) {
+        node->byte_swap(node, frame);
+        vu::deliver(node->pipes, frame);
+    }
+    gpsProcessSignals(node->gps_set, body.data() - kLengthWord, time);
+    return Event::goesOn;
+}
+
+Event takeXcp(ProxyNode *node, Body body)
+{
+    if (body.size() < kTimestamp)
+        return Event::leavesEarly;
+    const Body message = body.subspan(kTimestamp);
+    xcp_ip_set_process(node->xcp_set, vu::loadBig<int64_t>(body.data()), message.data(),
+                       static_cast<uint32_t>(message.size()));
+    return Event::goesOn;
+}
+
+// The records that are messages and lie within the test. Their timestamps are in host order by now.
+void keepMessages(Frame *frame, const CanRecord *records, uint32_t count)
+{
+    auto *to = static_cast<CanRecord *>(frame->data);
+    for (uint32_t i = 0; i < count; i++) {
+        const CanRecord &record = records[i];
+        if (vu::loadHost<int64_t>(record.timestamp) >= 0 && !(record.flags & CAN_RECORD_TIME_ONLY))
+            to[frame->length++] = record;
+    }
+}
+
+// The signals see every record, and before the channel's own consumers do.
+Event takeCan(ProxyNode *node, Body body)
+{
+    const auto count = static_cast<uint32_t>(body.size() / sizeof(CanRecord));
+    if (count == 0)
+        return Event::leavesEarly;
+    auto *records = reinterpret_cast<CanRecord *>(body.data());
+    can_set_process(node->can_set, records, count);
+    if (!anybodyListens(node))
+        return Event::goesOn;
+    Frame *frame = frameCreate(count, sizeof(CanRecord), nullptr);
+    if (!frame) {
+        libvuError("Unable to create frame for raw CAN messages");
+        return Event::leavesEarly;
+    }
+    keepMessages(frame, records, count);
+    if (frame->length == 0) {
+        frameDelete(frame);
+        return Event::leavesEarly;
+    }
+    vu::deliver(node->pipes, frame);
+    return Event::goesOn;
+}
+
+// A wire entry and an element of the frame alike: a timestamp, then a value.
+template <typename Value>
+constexpr uint32_t kEntry = kTimestamp + sizeof(Value);
+
+template <typename Value>
+using Bits = std::conditional_t<sizeof(Value) == 4, uint32_t, uint64_t>;
+
+bool isIdentity(const ProxyNode *node)
+{
+    return node->scale == 1.0 && node->offset == 0.0 && node->rezero_offset == 0.0;
+}
+
+// Single precision: scale and offset are narrowed first, and the result is rounded once.
+struct SingleCalibration {
+    float scale, offset;
+    explicit SingleCalibration(const ProxyNode *node)
+        : scale(static_cast<float>(node->scale)),
+          offset(static_cast<float>(node->offset - node->rezero_offset))
+    {
+    }
+    float operator()(float value) const { return std::fma(value, scale, offset); }
+    double operator()(double value) const { return std::fma(static_cast<float>(value), scale, offset); }
+};
+
+struct DoubleCalibration {
+    double scale, offset;
+    explicit DoubleCalibration(const ProxyNode *node)
+        : scale(node->scale), offset(node->offset - node->rezero_offset)
+    {
+    }
+    double operator()(double value) const { return std::fma(value, scale, offset); }
+};
+
+template <typename Value, typename Calibration>
+void appendEntry(Frame *frame, const void *time, Value value, bool identity, const Calibration &calibrated)
+{
+    auto *element = static_cast<uint8_t *>(frameTail(frame));
+    std::memcpy(element, time, kTimestamp);
+    vu::storeHost(element + kTimestamp, identity ? value : calibrated(value));
+    frame->length++;
+}
+
+Event deliverUnlessEmpty(ProxyNode *node, Frame *frame)
+{
+    if (frame->length == 0)
+        frameDelete(frame);
+    else
+        vu::deliver(node->pipes, frame);
+    return Event::goesOn;
+}
+
+// The first entry's time stands for the body, even if that entry is dropped; elements keep the wire's
+// timestamps.
+template <typename Value, typename Calibration>
+Event takeValues(ProxyNode *node, Body body)
+{
+    const auto count = static_cast<uint32_t>(body.size() / kEntry<Value>);
+    if (count == 0 || !anybodyListens(node))
+        return Event::goesOn;
+    const auto time = vu::loadBig<int64_t>(body.data());
+    if (time < 0)
+        return Event::goesOn;
+    Frame *frame = frameCreate(count, kEntry<Value>, nullptr);
+    if (!frame)
+        return Event::leavesEarly;
+    vu::stampStart(frame, time);
+    const bool identity = isIdentity(node);
+    const Calibration calibrated(node);
+    for (uint32_t i = 0; i < count; i++) {
+        uint8_t *entry = body.data() + size_t{i} * kEntry<Value>;
+        node->byte_swap(node, entry);
+        const auto value = vu::loadHost<Value>(entry + kTimestamp);
+        if (!std::isnan(value))
+            appendEntry(frame, entry, value, identity, calibrated);
+    }
+    return deliverUnlessEmpty(node, frame);
+}
+
+// Behind 8 bytes that nobody reads. Both widths are calibrated at single precision.
+template <typename Value>
+Event takeNtpValues(ProxyNode *node, Body body)
+{
+    if (body.size() < kTimestamp)
+        return Event::goesOn;
+    const Body entries = body.subspan(kTimestamp);
+    const auto count = static_cast<uint32_t>(entries.size() / kEntry<Value>);
+    if (count == 0 || !anybodyListens(node))
+        return Event::goesOn;
+    Frame *frame = frameCreate(count, kEntry<Value>, nullptr);
+    if (!frame)
+        return Event::leavesEarly;
+    const bool identity = isIdentity(node);
+    const SingleCalibration calibrated(node);
+    for (uint32_t i = 0; i < count; i++) {
+        uint8_t *entry = entries.data() + size_t{i} * kEntry<Value>;
+        const auto time = static_cast<int64_t>(vu::ntpToHostInPlace(entry));
+        vu::toHostInPlace<Bits<Value>>(entry + kTimestamp);
+        const auto value = vu::loadHost<Value>(entry + kTimestamp);
+        if (!std::isnan(value))
+            appendEntry(frame, &time, value, identity, calibrated);
+    }
+    return deliverUnlessEmpty(node, frame);
+}
+
+template <Event (*take)(ProxyNode *, Body)>
+void readEach(ProxyNode *node)
+{
+    vu::readRecords(node, [node](Body body, bool) { return take(node, body); });
+}
+
+} // namespace
+
+void proxyNode_ProxyReaderMessageRaw(ProxyNode *node)
+{
+    readEach<takeRaw>(node);
+}
+
+void proxyNode_ProxyReaderMessageNMEA(ProxyNode *node)
+{
+    readEach<takeNmea>(node);
+}
+
+void proxyNode_ProxyReaderMessageXCPIP(ProxyNode *node)
+{
+    readEach<takeXcp>(node);
+}
+
+void proxyNode_ProxyReaderMessageCAN(ProxyNode *node)
+{
+    readEach<takeCan>(node);
+}
+
+void proxyNode_ProxyReaderMessageFloat(ProxyNode *node)
+{
+    readEach<takeValues<float, SingleCalibration>>(node);
+}
+
+void proxyNode_ProxyReaderMessageDouble(ProxyNode *node)
+{
+    readEach<takeValues<double, DoubleCalibration>>(node);
+}
+
+void proxyNode_ProxyReaderMessageNTPFloat(ProxyNode *node)
+{
+    readEach<takeNtpValues<float>>(node);
+}
+
+void proxyNode_ProxyReaderMessageNTPDouble(ProxyNode *node)
+{
+    readEach<takeNtpValues<double>>(node);
+}
+
+double ntp_to_ts(const void *entry)
+{
+    return vu::ntpTicks(vu::loadHost<uint32_t>(entry),
+                        vu::loadHost<uint32_t>(static_cast<const uint8_t *>(entry) + 4));
+}

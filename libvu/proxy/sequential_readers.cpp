@@ -1,0 +1,113 @@
+// Readers of periodic channels: bare samples at a fixed rate fill frames of a fixed length.
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "libvu/core/deliver_private.h"
+#include "libvu/proxy/framing_private.h"
+
+namespace {
+
+constexpr size_t kUnreadHead = 8; // of every body
+
+std::span<const uint8_t> samplesIn(std::span<const uint8_t> body)
+{
+    return body.size() < kUnreadHead ? std::span<const uint8_t>() : body.subspan(kUnreadHead);
+}
+
+void dropFrame(ProxyNode &node)
+{
+    frameDelete(node.frame);
+    node.frame = nullptr;
+}
+
+bool assureFrame(ProxyNode &node)
+{
+    if (node.frame)
+        return true;
+    node.frame = frameCreate(node.frame_length, node.element_size, nullptr);
+    if (node.frame)
+        vu::stampStart(node.frame, node.sample_count);
+    return node.frame != nullptr;
+}
+
+// Samples stay in wire order until their frame is full. `finish` then calibrates it and hands it on.
+template <typename Finish>
+vu::Event fillFrames(ProxyNode &node, const uint8_t *source, size_t samples, Finish &&finish)
+{
+    while (samples > 0) {
+        if (!assureFrame(node))
+            return vu::Event::leavesEarly;
+        Frame *const frame = node.frame;
+        const auto taken = static_cast<uint32_t>(std::min<size_t>(frameAvailable(frame), samples));
+        std::memcpy(frameTail(frame), source, size_t{taken} * node.element_size);
+        frame->length += taken;
+        node.sample_count += taken;
+        source += size_t{taken} * node.record_size;
+        samples -= taken;
+        if (frame->length < frame->capacity)
+            continue;
+        if (node.byte_swap)
+            node.byte_swap(&node, frame);
+        finish(frame);
+    }
+    return vu::Event::goesOn;
+}
+
+template <typename Finish>
+void readSamples(ProxyNode *node, Finish &&finish)
+{
+    vu::readRecords(node, [&](std::span<uint8_t> body, bool listening) {
+        const auto bytes = samplesIn(body);
+        const size_t samples = bytes.size() / node->record_size;
+        if (listening)
+            return fillFrames(*node, bytes.data(), samples, finish);
+        dropFrame(*node);
+        node->sample_count += static_cast<int64_t>(samples);
+        return vu::Event::leavesEarly;
+    });
+}
+
+void handOn(ProxyNode &node)
+{
+    vu::deliver(node.pipes, std::exchange(node.frame, nullptr));
+}
+
+double firstSample(const Frame &frame)
+{
+    if (frame.element_size == sizeof(float))
+        return static_cast<double>(vu::loadHost<float>(frame.data));
+    return vu::loadHost<double>(frame.data);
+}
+
+} // namespace
+
+void proxyNode_ProxyReaderSequentialNoScaling(ProxyNode *node)
+{
+    readSamples(node, [&](Frame *) { handOn(*node); });
+}
+
+// The kernel is fetched once an event: one that replaces itself does so from the next event on.
+void proxyNode_ProxyReaderSequentialScaling(ProxyNode *node)
+{
+    const auto apply = node->apply;
+    readSamples(node, [&](Frame *frame) {
+        if (apply)
+            apply(node, frame);
+        handOn(*node);
+    });
+}
+
+// Every frame of the event that fills the first one is zeroed on its own first sample.
+void proxyNode_ProxyReaderSequentialZeroing(ProxyNode *node)
+{
+    const auto apply = node->apply;
+    readSamples(node, [&](Frame *frame) {
+        node->scale = 1.0;
+        node->offset = -firstSample(*frame);
+        if (apply)
+            apply(node, frame);
+        handOn(*node);
+        node->reader = proxyNode_ProxyReaderSequentialScaling;
+    });
+}
