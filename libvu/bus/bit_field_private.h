@@ -1,0 +1,34 @@
+// A bit field of 8 payload bytes: what both ways to a CAN signal share.
+#pragma once
+
+#include <cstdint>
+
+#include "libvu/core/wire_private.h"
+
+namespace vu {
+
+enum class ByteOrder { intel, motorola };
+
+template <ByteOrder order>
+inline uint64_t payloadWord(const uint8_t *payload)
+{
+    return order == ByteOrder::intel ? loadHost<uint64_t>(payload) : loadBig<uint64_t>(payload);
+}
+
+// Shifts out of the word come from fields without bits or beyond the payload: such a field reads 0.
+inline bool leavesWord(uint32_t leftShift, uint32_t rightShift)
+{
+    return (leftShift | rightShift) > 63;
+}
+
+inline uint64_t unsignedField(uint64_t word, uint32_t leftShift, uint32_t rightShift)
+{
+    return leavesWord(leftShift, rightShift) ? 0 : word << leftShift >> rightShift;
+}
+
+inline int64_t signedField(uint64_t word, uint32_t leftShift, uint32_t rightShift)
+{
+    return leavesWord(leftShift, rightShift) ? 0 : static_cast<int64_t>(word << leftShift) >> rightShift;
+}
+
+} // namespace vu
