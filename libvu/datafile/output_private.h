@@ -1,0 +1,22 @@
+// The way of a block's bytes to the disk, shared by blocks of bytes and blocks of frames.
+#pragma once
+
+#include "libvu/datafile/krd_buffer.h"
+
+namespace vu {
+
+// The running CRC-32 over one more piece, of any length; an empty piece changes nothing.
+uint32_t checksum(uint32_t running, const void *piece, size_t bytes);
+// The checksum over the record's 12 header bytes.
+uint32_t headerChecksum(const KRDBuffer *record);
+
+// Writes `count` pieces of the record's scatter list from entry `first` on. `down` is what earlier calls of
+// the same block have put into the file: a short write cuts that off as well. Returns the bytes written, 0
+// after a failure, which has been reported and has turned all output to discarding.
+int64_t writePieces(KRDBuffer *record, int first, int count, int64_t down);
+
+// Lists a block of `length` bytes in the record's index, if it has one. Comes before the block itself: a full
+// index buffer goes to the file first.
+void recordIndexEntry(KRDBuffer *record, uint32_t group_word, double length);
+
+} // namespace vu

@@ -1,0 +1,74 @@
+#include "libvu/datafile/quantise_private.h"
+
+#include "libvu/core/wire_private.h"
+
+#if defined(__x86_64__)
+#define VU_WIDE [[gnu::target("avx2")]]
+#else
+#define VU_WIDE
+#endif
+
+namespace vu {
+
+namespace {
+
+// Shorter runs are not worth the wide path.
+constexpr size_t kWideFrom = 16;
+
+// What trunc() cuts off is exact, so it alone decides; an infinity cuts off a NaN, which decides for itself.
+[[gnu::always_inline]] inline double roundedAway(double x)
+{
+    const double whole = __builtin_trunc(x);
+    const double cut = __builtin_fabs(x - whole);
+    return cut >= 0.5 ? whole + __builtin_copysign(1.0, x) : whole;
+}
+
+template <typename Source, Rounding kRounding>
+[[gnu::always_inline]] inline void divide(double *__restrict out, const uint8_t *__restrict values,
+                                          size_t count, Quantisation by)
+{
+    for (size_t i = 0; i < count; i++) {
+        const double x = quotient(loadHost<Source>(values + i * sizeof(Source)), by);
+        out[i] = kRounding == Rounding::none ? x : roundedAway(x);
+    }
+}
+
+template <typename Source, Rounding kRounding>
+void divideNarrow(double *out, const uint8_t *values, size_t count, Quantisation by)
+{
+    divide<Source, kRounding>(out, values, count, by);
+}
+
+template <typename Source, Rounding kRounding>
+VU_WIDE void divideWide(double *out, const uint8_t *values, size_t count, Quantisation by)
+{
+    divide<Source, kRounding>(out, values, count, by);
+}
+
+bool machineIsWide()
+{
+#if defined(__x86_64__)
+    static const bool wide = __builtin_cpu_supports("avx2");
+    return wide;
+#else
+    return false;
+#endif
+}
+
+} // namespace
+
+template <typename Source, Rounding kRounding>
+void quotients(double *out, const uint8_t *values, size_t count, Quantisation by)
+{
+    if (count >= kWideFrom && machineIsWide())
+        divideWide<Source, kRounding>(out, values, count, by);
+    else
+        divideNarrow<Source, kRounding>(out, values, count, by);
+}
+
+template void quotients<float, Rounding::none>(double *, const uint8_t *, size_t, Quantisation);
+template void quotients<double, Rounding::none>(double *, const uint8_t *, size_t, Quantisation);
+template void quotients<float, Rounding::halfAwayFromZero>(double *, const uint8_t *, size_t, Quantisation);
+template void quotients<double, Rounding::halfAwayFromZero>(double *, const uint8_t *, size_t, Quantisation);
+
+} // namespace vu

@@ -1,0 +1,85 @@
+#include "libvu/datafile/storage_convert.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "libvu/core/report.h"
+#include "libvu/datafile/pipe_filters_private.h"
+#include "libvu/datafile/storage_table_private.h"
+
+namespace {
+
+bool contains(const char *name, const char *piece)
+{
+    return std::strstr(name, piece) != nullptr;
+}
+
+// The first run of digits in a name, 0 without one.
+uint32_t widthIn(const char *name)
+{
+    constexpr uint32_t kNoWidth = 1000000;
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    while (*name && !isDigit(*name))
+        name++;
+    uint32_t width = 0;
+    for (; isDigit(*name); name++)
+        width = std::min(width * 10 + static_cast<uint32_t>(*name - '0'), kNoWidth);
+    return width;
+}
+
+// Place in a group of nine. A float of the source's own width is none, and falls on the signed integer.
+std::optional<size_t> placeInGroup(const char *destination, bool from64)
+{
+    const uint32_t width = widthIn(destination);
+    if (width == (from64 ? 32 : 64) && contains(destination, "_float"))
+        return 0;
+    const size_t sign = contains(destination, "_uint") ? 0 : 1;
+    switch (width) {
+    case 8: return 1 + sign;
+    case 16: return 3 + sign;
+    case 32: return 5 + sign;
+    case 64: return 7 + sign;
+    default: return std::nullopt;
+    }
+}
+
+bool meantForConversion(const char *source, const char *destination)
+{
+    if (contains(source, "sequential_") && contains(destination, "sequential_"))
+        return true;
+    return contains(source, "message_float") && contains(destination, "message_");
+}
+
+} // namespace
+
+void KRDBuffer_set_storage_convert(KRDBuffer *record, const char *source, const char *destination,
+                                   int32_t sequential, const char *encoding)
+{
+    if (!source || !destination || !meantForConversion(source, destination))
+        return;
+    const bool from64 = widthIn(source) == 64;
+    const bool bare = sequential || contains(source, "sequential_");
+    const std::optional<size_t> place = placeInGroup(destination, from64);
+    if (!place) {
+        record->pipe_filter = nullptr;
+        libvuSetError("No storage convertor to convert from '%s' to '%s'", source, destination);
+        return;
+    }
+    bool runs = encoding && std::strcmp(encoding, "rle") == 0;
+    if (runs && !bare) {
+        logWarning("Run-length encoding is not for message channels: '%s' is stored plain", source);
+        runs = false;
+    }
+    vu::StorageGroup group;
+    if (bare) {
+        group = from64 ? vu::kBare64 : vu::kBare32;
+        record->pipe_filter = from64 ? vu::sequential_float64_filter : vu::sequential_float32_filter;
+    } else {
+        group = from64 ? vu::kMessage64 : vu::kMessage32;
+        record->pipe_filter = from64 ? vu::message_float64_filter : vu::message_float32_filter;
+    }
+    const size_t plain = group + *place;
+    record->convertor = &vu::storage_convertors[runs ? plain + vu::kRunsBehindPlain : plain];
+    record->rle_extra = runs ? 2 : 0;
+}
