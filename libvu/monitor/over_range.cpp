@@ -1,0 +1,349 @@
+#include "libvu/monitor/over_range.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "libvu/core/deliver_private.h"
+#include "libvu/core/report.h"
+#include "libvu/core/saturate_private.h"
+#include "libvu/core/wire_private.h"
+#include "libvu/monitor/element_access.h"
+#include "libvu/monitor/over_range_module_private.h"
+
+namespace {
+
+using vu::kRing;
+using vu::OverRngChannel;
+using vu::OverRngEntry;
+using vu::OverRngModule;
+
+constexpr uint32_t kTableStep = 10;
+constexpr double kEdge = 2.5e-06; // seconds of rounding allowed at a window's edge
+// Windows ahead of `front` in use at a time: with one more, a full ring would look like an empty one.
+constexpr uint32_t kMostAhead = kRing - 1;
+
+struct Table {
+    uint32_t count;
+    uint32_t capacity;
+    OverRngModule **modules;
+} table;
+
+constexpr char kNotice[] = "\n%s (%.1f):  channel '%s' %s range: %f %c %f";
+
+void internalError(const char *what)
+{
+    libvuCriticalError("Internal Error: %s", what);
+}
+
+bool growTable()
+{
+    if (table.count < table.capacity)
+        return true;
+    const size_t wanted = size_t{table.capacity} + kTableStep;
+    auto *modules =
+        static_cast<OverRngModule **>(std::realloc(table.modules, wanted * sizeof(OverRngModule *)));
+    if (!modules) {
+        libvuCriticalError("Failed to allocate memory for '%s'", "over range");
+        return false;
+    }
+    table.modules = modules;
+    table.capacity = static_cast<uint32_t>(wanted);
+    return true;
+}
+
+OverRngModule *moduleOf(int32_t id)
+{
+    const auto slot = static_cast<uint32_t>(id);
+    if (slot >= table.count) {
+        internalError("invalid module_id");
+        return nullptr;
+    }
+    if (!table.modules[slot])
+        internalError("invalid module");
+    return table.modules[slot];
+}
+
+OverRngEntry &entryAt(OverRngModule &module, uint32_t index)
+{
+    return module.entries[index % kRing];
+}
+
+// Windows between the oldest one not yet put out and the oldest one not yet passed.
+uint32_t windowsWaiting(const OverRngModule &module)
+{
+    return (module.back - module.front) % kRing;
+}
+
+double backTime(const OverRngModule &module)
+{
+    return static_cast<double>(module.windowsPassed) / module.rate;
+}
+
+template <typename Sample>
+void repeatSamples(Frame &to, const Frame &from, uint32_t times)
+{
+    const auto *source = static_cast<const uint8_t *>(from.data);
+    auto *target = static_cast<Sample *>(to.data); // made by us, so aligned
+    for (uint32_t i = 0; i < from.length; i++)
+        target = std::fill_n(target, times, vu::loadHost<Sample>(source + i * sizeof(Sample)));
+    to.length = to.capacity;
+}
+
+// The same frame with every sample repeated, at a multiple of its rate. Null after reports.
+Frame *upsampled(const OverRngChannel &channel, const Frame &frame)
+{
+    const uint64_t length = uint64_t{frame.length} * channel.upsample;
+    Frame *longer = nullptr;
+    if (length <= UINT32_MAX)
+        longer = frameCreate(static_cast<uint32_t>(length), frame.element_size, nullptr);
+    if (!longer) {
+        internalError("could not allocate up-sampled frame");
+        return nullptr;
+    }
+    if (frame.element_size == sizeof(float))
+        repeatSamples<float>(*longer, frame, channel.upsample);
+    else
+        repeatSamples<double>(*longer, frame, channel.upsample);
+    int64_t start;
+    if (__builtin_mul_overflow(frame.start, int64_t{channel.upsample}, &start))
+        start = frame.start < 0 ? INT64_MIN : INT64_MAX;
+    vu::stampStart(longer, start);
+    return longer;
+}
+
+// One channel's frame against the ring as it stands.
+struct Passage {
+    OverRngModule &module;
+    OverRngChannel &channel;
+    uint32_t number; // of the channel
+    double back;     // time of the entry at `back`
+    double first;    // times of the frame's samples
+    double last;
+};
+
+void guardRing(const Passage &at)
+{
+    const OverRngModule &module = at.module;
+    // All ones while no window waits: then there is no bound to speak of.
+    const uint32_t free =
+        module.front >= module.back ? module.front - module.back - 1 : module.front + kRing - module.back;
+    const double end = at.back + free * module.window;
+    if (at.first < at.back || !(at.last < end))
+        libvuCriticalError("Internal Error - ran out of output buffers: first_sample_time = %f, "
+                           "back_entry_timestamp = %f, last_sample_time = %f, "
+                           "back_entry_timestamp + output_buffer_window = %f",
+                           at.first, at.back, at.last, end);
+}
+
+// Logged whole; in the list of the run it is cut to the length of a text there.
+void give(OverRngModule &module, const OverRngChannel &channel, double time, bool over, double value)
+{
+    const char *kind = over ? "over" : "under";
+    const char sign = over ? '>' : '<';
+    const double limit = over ? channel.range.upper : channel.range.lower;
+    logNotice(kNotice, module.name, time, channel.name, kind, value, sign, limit);
+    if (!channel.report)
+        return;
+    OverRngNotices &notices = module.notices;
+    if (notices.count == OVER_RNG_NOTICES) {
+        notices.dropped++;
+        return;
+    }
+    std::snprintf(notices.text[notices.count++], OVER_RNG_NOTICE_SIZE, kNotice, module.name, time,
+                  channel.name, kind, value, sign, limit);
+}
+
+void giveNotices(const Passage &at, const vu::Excursions &found, double time)
+{
+    OverRngChannel &channel = at.channel;
+    if (found.under && !channel.underReported) {
+        channel.underReported = true;
+        give(at.module, channel, time, false, found.underValue);
+    }
+    if (found.over && !channel.overReported) {
+        channel.overReported = true;
+        give(at.module, channel, time, true, found.overValue);
+    }
+}
+
+// All windows from the first to the last excursion, in-range ones between included. A sample covers its whole
+// period.
+void mark(const Passage &at, const Frame &frame, const vu::Excursions &found)
+{
+    OverRngModule &module = at.module;
+    const auto timeOf = [&](uint32_t sample) {
+        return static_cast<double>(vu::addSaturated(frame.start, sample)) * at.channel.period;
+    };
+    const double first = timeOf(found.first);
+    const double lastEnd = timeOf(found.last) + (at.channel.period - kEdge);
+    const uint32_t room = kMostAhead - windowsWaiting(module);
+    for (uint32_t k = 0;; k++) {
+        const double begin = at.back + k * module.window;
+        if (begin > lastEnd)
+            return;
+        if (k == room) {
+            logWarning("%s:  channel '%s' is too far ahead, marks of its windows out of range are lost",
+                       module.name, at.channel.name);
+            return;
+        }
+        if (!(begin + module.window - kEdge > first))
+            continue;
+        entryAt(module, module.back + k).value = 1.0;
+        giveNotices(at, found, first);
+    }
+}
+
+// The channel passes every window that ends at or before the frame's last sample. A later frame passes what
+// the ring has no room for now.
+void pass(const Passage &at)
+{
+    OverRngModule &module = at.module;
+    const uint32_t begin = module.back;
+    const uint32_t room = kMostAhead - windowsWaiting(module);
+    double end = at.back + module.window;
+    for (uint32_t k = 0; k < room && at.last >= end; k++, end += module.window) {
+        OverRngEntry &entry = entryAt(module, begin + k);
+        if (!entry.seen[at.number]) {
+            entry.seen[at.number] = 1;
+            entry.seenCount++;
+        }
+        if (entry.seenCount == module.channelCount) {
+            module.back = (module.back + 1) % kRing;
+            module.windowsPassed++;
+        }
+    }
+}
+
+// Looks at a frame in its place in time. What a report's callback leaves of the module is for the caller to
+// ask; its memory stays until the run ends.
+void watch(OverRngModule &module, uint32_t number, const Frame &frame)
+{
+    OverRngChannel &channel = *module.channels[number];
+    const double first = static_cast<double>(frame.start) * channel.period;
+    const double last = first + channel.period * (static_cast<double>(frame.length) - 1.0);
+    const Passage at{module, channel, number, backTime(module), first, last};
+    guardRing(at);
+    vu::Excursions found;
+    if (channel.badMode)
+        internalError("invalid mode value");
+    else
+        found = vu::findExcursions(frame, channel.range);
+    if (found.over || found.under)
+        mark(at, frame, found);
+    pass(at);
+}
+
+bool isUsable(const OverRngChannel &channel, const Frame &frame)
+{
+    if (frame.length == 0)
+        internalError("frame without samples");
+    else if (frame.element_size != channel.elementSize)
+        internalError("frame of another element size");
+    else
+        return true;
+    return false;
+}
+
+// Takes over the frame.
+void take(OverRngModule &module, uint32_t number, Frame *frame)
+{
+    const OverRngChannel &channel = *module.channels[number];
+    Frame *watched = frame;
+    if (!isUsable(channel, *frame)) {
+        watched = nullptr;
+    } else if (channel.upsample > 1) {
+        watched = upsampled(channel, *frame);
+    }
+    if (watched)
+        watch(module, number, *watched);
+    if (watched != frame)
+        frameDelete(watched);
+    frameDelete(frame);
+}
+
+void takeAll(OverRngModule &module)
+{
+    for (uint32_t number = 0; number < module.channelCount && !module.stopped; number++) {
+        Pipe *const pipe = module.channels[number]->pipe;
+        while (!module.stopped) {
+            Frame *const frame = pipeGetFrame(pipe);
+            if (!frame)
+                break;
+            take(module, number, frame);
+        }
+    }
+}
+
+Frame *outputFrame(const OverRngModule &module, double value)
+{
+    Frame *frame = frameCreate(1, sizeof(double), nullptr);
+    if (!frame) {
+        internalError("could not allocate output frame");
+        return nullptr;
+    }
+    frameBuf64Writer(frame, 0, value);
+    frame->length = 1;
+    vu::stampStart(frame, module.nextStart);
+    return frame;
+}
+
+// A window for which no frame can be had stays in the ring and goes out with the next run.
+void putOut(OverRngModule &module)
+{
+    while (module.front != module.back && !module.stopped) {
+        OverRngEntry &entry = entryAt(module, module.front);
+        Frame *const frame = outputFrame(module, entry.value);
+        if (!frame)
+            return;
+        if (!Put_Frame(frame, module.output))
+            frameDelete(frame);
+        module.nextStart++;
+        entry.value = 0.0;
+        entry.seenCount = 0;
+        std::memset(entry.seen, 0, module.channelCount);
+        module.front = (module.front + 1) % kRing;
+    }
+}
+
+} // namespace
+
+int32_t Over_Rng_Detect_init(const OverRngModuleConfig *config, const OverRngChannelConfig *channels)
+{
+    if (!growTable())
+        return -1;
+    OverRngModule *const module = vu::makeModule(*config, channels);
+    if (!module)
+        return -1;
+    table.modules[table.count] = module;
+    return static_cast<int32_t>(table.count++);
+}
+
+OverRngNotices *Over_Rng_Detect_run(int32_t module_id)
+{
+    OverRngModule *const module = moduleOf(module_id);
+    if (!module || module->running)
+        return nullptr;
+    module->notices.count = module->notices.dropped = 0;
+    module->running = true;
+    takeAll(*module);
+    putOut(*module);
+    module->running = false;
+    if (module->stopped) {
+        vu::releaseModule(module);
+        return nullptr;
+    }
+    return module->notices.count > 0 ? &module->notices : nullptr;
+}
+
+void Over_Rng_Detect_stop(int32_t module_id)
+{
+    OverRngModule *const module = moduleOf(module_id);
+    if (!module)
+        return;
+    table.modules[static_cast<uint32_t>(module_id)] = nullptr;
+    if (module->running)
+        module->stopped = true;
+    else
+        vu::releaseModule(module);
+}

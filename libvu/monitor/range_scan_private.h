@@ -1,0 +1,29 @@
+// Where the samples of a frame leave their range.
+#pragma once
+
+#include <cstdint>
+
+#include "libvu/core/frame.h"
+
+namespace vu {
+
+// Limits that a sample may reach; a limit that is not watched is infinite.
+struct Range {
+    double lower;
+    double upper;
+    bool showsExtreme; // of several samples beyond a limit the farthest counts, not the first
+};
+
+struct Excursions {
+    bool over = false;
+    bool under = false;
+    double overValue = 0.0; // the sample that speaks for all beyond the limit
+    double underValue = 0.0;
+    uint32_t first = 0; // index of the first sample out of range, of either kind
+    uint32_t last = 0;  // of the last one
+};
+
+// For elements of 4 or 8 bytes. A sample equal to a limit is in range, and so is a NaN.
+Excursions findExcursions(const Frame &frame, const Range &range);
+
+} // namespace vu
