@@ -18,6 +18,8 @@
 #include "libvu/gps/extractors.h"
 #include "libvu/gps/gps_signal.h"
 #include "libvu/gps/ts_adjust.h"
+#include "libvu/monitor/element_access.h"
+#include "libvu/monitor/over_range.h"
 #include "libvu/proxy/calibration.h"
 #include "libvu/proxy/proxy_node.h"
 #include "libvu/stream/metainfo.h"

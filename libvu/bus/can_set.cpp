@@ -13,12 +13,14 @@
 #include "libvu/core/report.h"
 #include "libvu/core/saturate_private.h"
 #include "libvu/core/stanza_private.h"
+#include "libvu/time/sequentializer_private.h"
 
 using vu::ByteOrder;
 
 namespace {
 
 constexpr uint32_t kPrefetchRecords = 8;
+constexpr uint32_t kGroupsInCache = 200;
 constexpr int32_t kRecordsFlow = 2;
 
 template <ByteOrder order>
@@ -195,7 +197,7 @@ CanSetGroup *groupOf(CanSet &set, uint32_t id, uint32_t mask)
 }
 
 // A multiplexed signal of another mode takes neither value nor time.
-inline void decode(CanSetSignal &signal, const uint8_t *payload, double time)
+inline void decode(CanSetSignal &signal, const uint8_t *payload, vu::Moment time)
 {
     if (signal.mode_extract &&
         signal.mode_extract(payload, signal.mode_left_shift, signal.mode_right_shift) != signal.mode_value)
@@ -207,10 +209,34 @@ inline void decode(CanSetSignal &signal, const uint8_t *payload, double time)
         libvuRezeroCallback(signal.name, signal.rezero_offset);
         signal.rezero_pending = 0;
     }
-    sequentialize_value(signal.sequentializer, time, unzeroed - signal.rezero_offset);
+    vu::takeValue(*signal.sequentializer, time, unzeroed - signal.rezero_offset);
 }
 
-void decodeRecord(const CanSet &set, const CanRecord &record, double time)
+inline void prefetch(const void *record, size_t size)
+{
+    const auto *bytes = static_cast<const char *>(record);
+    for (size_t at = 0; at < size; at += 64)
+        __builtin_prefetch(bytes + at);
+    __builtin_prefetch(bytes + size - 1);
+}
+
+// The records of a large set lie beyond the caches: those of a message are called for together, one pointer
+// behind the other, before the first is needed.
+void callForSignals(const CanSetGroup &group)
+{
+    for (uint32_t k = 0; k < group.count; k++)
+        prefetch(group.signals[k], sizeof(CanSetSignal));
+    for (uint32_t k = 0; k < group.count; k++)
+        prefetch(group.signals[k]->sequentializer, sizeof(Sequentializer));
+    for (uint32_t k = 0; k < group.count; k++) {
+        const Sequentializer *seq = group.signals[k]->sequentializer;
+        prefetch(seq->clock, sizeof(SampleClock));
+        if (seq->current_frame)
+            prefetch(seq->current_frame, sizeof(Frame));
+    }
+}
+
+void decodeRecord(const CanSet &set, const CanRecord &record, vu::Moment time)
 {
     const auto id = vu::loadHost<uint32_t>(record.id);
     const CanSetBucket &bucket = set.buckets[get_bucket_id(id)];
@@ -218,12 +244,14 @@ void decodeRecord(const CanSet &set, const CanRecord &record, double time)
         const CanSetGroup &group = *bucket.entries[i];
         if ((id & group.mask) != group.id)
             continue;
+        if (set.group_count > kGroupsInCache)
+            callForSignals(group);
         for (uint32_t k = 0; k < group.count; k++)
             decode(*group.signals[k], record.payload, time);
     }
 }
 
-void advanceAll(const CanSet &set, double time)
+void advanceAll(const CanSet &set, vu::Moment time)
 {
     for (uint32_t i = 0; i < set.group_count; i++)
         for (uint32_t k = 0; k < set.groups[i].count; k++)
@@ -259,7 +287,7 @@ CanSetSignal *can_set_add_signal(CanSet *set, const char *json)
     const char *mask = stanza.text("db_msg_mask");
     CanSetGroup *group =
         groupOf(*set, vu::wireIdentifier(id), vu::wireIdentifier(mask ? mask : "0xFFFFFFFF"));
-    OwnedSignal signal(vu::makeZeroed<CanSetSignal>().release());
+    OwnedSignal signal(vu::makeZeroedAtLine<CanSetSignal>().release());
     if (!group || !signal || !vu::makeRoom(group->signals, group->capacity, group->count)) {
         reportShortMemory();
         return nullptr;
@@ -299,7 +327,7 @@ void can_set_process(CanSet *set, void *records, uint32_t count)
         CanRecord &record = batch[i];
         if (count - i > kPrefetchRecords)
             __builtin_prefetch(&record + kPrefetchRecords);
-        const auto time = static_cast<double>(vu::toHostInPlace<int64_t>(record.timestamp));
+        const vu::Moment time(vu::toHostInPlace<int64_t>(record.timestamp));
         if (record.flags & CAN_RECORD_TIME_ONLY)
             advanceAll(*set, time);
         else

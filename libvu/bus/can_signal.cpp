@@ -13,6 +13,7 @@
 #include "libvu/core/report.h"
 #include "libvu/core/saturate_private.h"
 #include "libvu/core/stanza_private.h"
+#include "libvu/time/sequentializer_private.h"
 
 using vu::ByteOrder;
 
@@ -177,7 +178,7 @@ bool configure(const vu::Stanza &stanza, vu::RequiredKeys &required, CanSignalNo
 
 void decode(CanSignalNode &node, const CanRecord &record)
 {
-    const auto time = static_cast<double>(vu::loadHost<int64_t>(record.timestamp));
+    const vu::Moment time(vu::loadHost<int64_t>(record.timestamp));
     if (record.flags & CAN_RECORD_TIME_ONLY) {
         vu::advanceSilent(node, time);
         return;
@@ -191,7 +192,7 @@ void decode(CanSignalNode &node, const CanRecord &record)
         libvuRezeroCallback(node.name, node.rezero_offset);
         node.rezero_pending = 0;
     }
-    sequentialize_value(node.sequentializer, time, value);
+    vu::takeValue(*node.sequentializer, time, value);
 }
 
 } // namespace

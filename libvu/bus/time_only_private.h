@@ -2,13 +2,13 @@
 #pragma once
 
 #include "libvu/core/callbacks.h"
-#include "libvu/time/sequentializer.h"
+#include "libvu/time/sequentializer_private.h"
 
 namespace vu {
 
 // A pending zero is served by the invalid value, which reads 0.0 from then on.
 template <typename Signal>
-inline void advanceSilent(Signal &signal, double time)
+inline void advanceSilent(Signal &signal, Moment time)
 {
     Sequentializer *seq = signal.sequentializer;
     if (signal.rezero_pending && libvuRezeroCallback) {
@@ -17,7 +17,7 @@ inline void advanceSilent(Signal &signal, double time)
         libvuRezeroCallback(signal.name, signal.rezero_offset);
         signal.rezero_pending = 0;
     }
-    sequentialize(seq, time);
+    advance(*seq, time);
 }
 
 } // namespace vu

@@ -8,6 +8,7 @@
 #include "libvu/core/owned_private.h"
 #include "libvu/core/report.h"
 #include "libvu/core/stanza_private.h"
+#include "libvu/time/sequentializer_private.h"
 
 namespace {
 
@@ -120,10 +121,10 @@ struct MeasurementFree {
 };
 using OwnedMeasurement = std::unique_ptr<XcpMeasurement, MeasurementFree>;
 
-void advanceAll(const XcpIpSet &set, double time)
+void advanceAll(const XcpIpSet &set, vu::Moment time)
 {
     for (uint32_t i = 0; i < set.count; i++)
-        sequentialize(set.measurements[i]->sequentializer, time);
+        vu::advance(*set.measurements[i]->sequentializer, time);
 }
 
 } // namespace
@@ -141,7 +142,7 @@ XcpMeasurement *xcp_ip_set_add_measurement(XcpIpSet *set, const char *json)
         libvuError("Invalid XCP-over-IP measurement JSON: %s", parserText);
         return nullptr;
     }
-    OwnedMeasurement measurement(vu::makeZeroed<XcpMeasurement>().release());
+    OwnedMeasurement measurement(vu::makeZeroedAtLine<XcpMeasurement>().release());
     if (!measurement || !vu::makeRoom(set->measurements, set->capacity, set->count)) {
         libvuError("Unable to allocate memory for XCP-over-IP measurement");
         return nullptr;
@@ -159,7 +160,7 @@ XcpMeasurement *xcp_ip_set_add_measurement(XcpIpSet *set, const char *json)
 void xcp_ip_set_process(XcpIpSet *set, int64_t timestamp, const void *data, uint32_t length)
 {
     vu::WireReader message(data, length);
-    const auto time = static_cast<double>(timestamp);
+    const vu::Moment time(timestamp);
     if (length == 1 && message.u8() == kTimeOnly)
         advanceAll(*set, time);
     while (message.remaining() >= kIndexSize) {
@@ -171,7 +172,7 @@ void xcp_ip_set_process(XcpIpSet *set, int64_t timestamp, const void *data, uint
         if (!message.ok())
             return;
         const double raw = measurement.read_value(value.data());
-        sequentialize_value(measurement.sequentializer, time, raw * measurement.scale + measurement.offset);
+        vu::takeValue(*measurement.sequentializer, time, raw * measurement.scale + measurement.offset);
     }
 }
 

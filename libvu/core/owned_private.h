@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 namespace vu {
@@ -18,6 +19,16 @@ template <typename T>
 Owned<T> makeZeroed()
 {
     return Owned<T>(static_cast<T *>(std::calloc(1, sizeof(T))));
+}
+
+// The same, at the start of a cache line: for records that the per-sample path touches.
+template <typename T>
+Owned<T> makeZeroedAtLine()
+{
+    constexpr size_t kLine = 64;
+    constexpr size_t kSize = (sizeof(T) + kLine - 1) / kLine * kLine;
+    void *memory = std::aligned_alloc(kLine, kSize);
+    return Owned<T>(memory ? static_cast<T *>(std::memset(memory, 0, kSize)) : nullptr);
 }
 
 } // namespace vu

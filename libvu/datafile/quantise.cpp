@@ -15,22 +15,12 @@ namespace {
 // Shorter runs are not worth the wide path.
 constexpr size_t kWideFrom = 16;
 
-// What trunc() cuts off is exact, so it alone decides; an infinity cuts off a NaN, which decides for itself.
-[[gnu::always_inline]] inline double roundedAway(double x)
-{
-    const double whole = __builtin_trunc(x);
-    const double cut = __builtin_fabs(x - whole);
-    return cut >= 0.5 ? whole + __builtin_copysign(1.0, x) : whole;
-}
-
 template <typename Source, Rounding kRounding>
 [[gnu::always_inline]] inline void divide(double *__restrict out, const uint8_t *__restrict values,
                                           size_t count, Quantisation by)
 {
-    for (size_t i = 0; i < count; i++) {
-        const double x = quotient(loadHost<Source>(values + i * sizeof(Source)), by);
-        out[i] = kRounding == Rounding::none ? x : roundedAway(x);
-    }
+    for (size_t i = 0; i < count; i++)
+        out[i] = quotient<kRounding>(loadHost<Source>(values + i * sizeof(Source)), by);
 }
 
 template <typename Source, Rounding kRounding>

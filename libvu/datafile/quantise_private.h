@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <type_traits>
 
 #include "libvu/core/saturate_private.h"
@@ -15,7 +16,20 @@ namespace vu {
 struct Quantisation {
     double scale;
     double offset;
+    // Where a rounded quotient stops; a NaN gives 0.
+    double least = -std::numeric_limits<double>::infinity();
+    double most = std::numeric_limits<double>::infinity();
 };
+
+// For elements of T: 8 and 16 bits stop where 32 bits stop, and keep the low bits of that.
+template <typename T>
+constexpr Quantisation quantisationFor(double scale, double offset)
+{
+    using Wide = std::conditional_t<std::is_signed_v<T>, int32_t, uint32_t>;
+    if constexpr (std::is_integral_v<T> && sizeof(T) < 8)
+        return {scale, offset, std::numeric_limits<Wide>::min(), std::numeric_limits<Wide>::max()};
+    return {scale, offset};
+}
 
 enum class Rounding { none, halfAwayFromZero };
 
@@ -23,18 +37,33 @@ enum class Rounding { none, halfAwayFromZero };
 template <typename Source, Rounding kRounding>
 void quotients(double *out, const uint8_t *values, size_t count, Quantisation by);
 
-inline double quotient(double value, Quantisation by)
+// What trunc() cuts off is exact, so it alone decides; an infinity cuts off a NaN, which decides for itself.
+// No branch: noise around a half or a bound costs no more than a quiet signal.
+[[gnu::always_inline]] inline double roundedWithin(double x, Quantisation by)
 {
-    return (value - by.offset) / by.scale;
+    const double whole = __builtin_trunc(x);
+    const double step = __builtin_fabs(x - whole) >= 0.5 ? 1.0 : 0.0;
+    const double rounded = whole + __builtin_copysign(step, x);
+    const double below = rounded > by.most ? by.most : rounded;
+    const double held = below < by.least ? by.least : below;
+    return held == held ? held : 0.0;
 }
 
-// A rounded quotient as it is stored. 8 and 16 bits keep the low bits of what 32 bits hold.
+template <Rounding kRounding>
+[[gnu::always_inline]] inline double quotient(double value, Quantisation by)
+{
+    const double exact = (value - by.offset) / by.scale;
+    return kRounding == Rounding::none ? exact : roundedWithin(exact, by);
+}
+
+// A quotient rounded within the bounds of T, as it is stored.
 template <typename T>
 inline T storedInteger(double rounded)
 {
-    using Wide32 = std::conditional_t<std::is_signed_v<T>, int32_t, uint32_t>;
-    using Wide = std::conditional_t<sizeof(T) == 8, T, Wide32>;
-    return static_cast<T>(saturated<Wide>(rounded));
+    if constexpr (sizeof(T) == 8)
+        return saturated<T>(rounded);
+    else
+        return static_cast<T>(static_cast<int64_t>(rounded));
 }
 
 } // namespace vu

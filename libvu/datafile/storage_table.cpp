@@ -1,7 +1,6 @@
 #include "libvu/datafile/storage_table_private.h"
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 
 #include "libvu/core/wire_private.h"
@@ -14,19 +13,33 @@ namespace {
 // Quotients taken at a time: they stay in the first-level cache until they are stored.
 constexpr size_t kBatch = 512;
 
-Quantisation quantisationOf(const KRDBuffer *record)
+template <typename T>
+constexpr Rounding kRoundingOf = std::is_integral_v<T> ? Rounding::halfAwayFromZero : Rounding::none;
+
+template <typename T>
+T stored(double quotient)
 {
-    return {record->scale, record->offset};
+    if constexpr (std::is_integral_v<T>)
+        return storedInteger<T>(quotient);
+    else
+        return static_cast<T>(quotient);
+}
+
+template <typename T>
+T quantised(const KRDBuffer *record, double value)
+{
+    return stored<T>(quotient<kRoundingOf<T>>(value, quantisationFor<T>(record->scale, record->offset)));
 }
 
 // Runs `store` over the quotients of all values, a batch at a time, until it says false.
-template <typename Source, Rounding kRounding, typename Store>
+template <typename Source, typename T, typename Store>
 bool inBatches(const Conversion &conversion, const uint8_t *values, size_t count, Store store)
 {
+    const Quantisation by = quantisationFor<T>(conversion.record->scale, conversion.record->offset);
     double batch[kBatch];
     while (count > 0) {
         const size_t taken = std::min(count, kBatch);
-        quotients<Source, kRounding>(batch, values, taken, quantisationOf(conversion.record));
+        quotients<Source, kRoundingOf<T>>(batch, values, taken, by);
         if (!store(batch, taken))
             return false;
         values += taken * sizeof(Source);
@@ -42,7 +55,7 @@ struct Plain {
         if constexpr (std::is_floating_point_v<T>)
             storeHost(target, static_cast<T>(value));
         else
-            storeHost(target, storedInteger<T>(std::round(quotient(value, quantisationOf(record)))));
+            storeHost(target, quantised<T>(record, value));
         return -static_cast<int32_t>(sizeof(T));
     }
 
@@ -74,13 +87,12 @@ private:
     template <typename Source, typename T>
     static void storeIntegers(Conversion &conversion, const uint8_t *values, size_t count)
     {
-        inBatches<Source, Rounding::halfAwayFromZero>(
-            conversion, values, count, [&](const double *rounded, size_t taken) {
-                for (size_t i = 0; i < taken; i++)
-                    storeHost(conversion.cursor + i * sizeof(T), storedInteger<T>(rounded[i]));
-                conversion.cursor += taken * sizeof(T);
-                return true;
-            });
+        inBatches<Source, T>(conversion, values, count, [&](const double *rounded, size_t taken) {
+            for (size_t i = 0; i < taken; i++)
+                storeHost(conversion.cursor + i * sizeof(T), stored<T>(rounded[i]));
+            conversion.cursor += taken * sizeof(T);
+            return true;
+        });
     }
 };
 
@@ -104,24 +116,11 @@ struct Run {
     }
 };
 
-template <typename T>
-constexpr Rounding kRunRounding = std::is_integral_v<T> ? Rounding::halfAwayFromZero : Rounding::none;
-
-template <typename T>
-T runValue(double quotient)
-{
-    if constexpr (std::is_integral_v<T>)
-        return storedInteger<T>(quotient);
-    else
-        return static_cast<T>(quotient);
-}
-
 struct Runs {
     template <typename T>
     static int32_t convert(const KRDBuffer *record, void *target, double value)
     {
-        const double exact = quotient(value, quantisationOf(record));
-        const T sample = runValue<T>(std::is_integral_v<T> ? std::round(exact) : exact);
+        const T sample = quantised<T>(record, value);
         auto run = loadHost<Run<T>>(target);
         const bool joined = run.takes(sample);
         storeHost(target, run);
@@ -142,7 +141,7 @@ struct Runs {
         auto run = loadHost<Run<T>>(conversion.cursor);
         const auto store = [&](const double *quotients, size_t taken) {
             for (size_t i = 0; i < taken; i++) {
-                const T sample = runValue<T>(quotients[i]);
+                const T sample = stored<T>(quotients[i]);
                 if (run.takes(sample))
                     continue;
                 storeHost(conversion.cursor, run);
@@ -154,7 +153,7 @@ struct Runs {
             }
             return true;
         };
-        if (!inBatches<Source, kRunRounding<T>>(conversion, values, count, store))
+        if (!inBatches<Source, T>(conversion, values, count, store))
             return "RLE channel is too random for RLE encoding.";
         storeHost(conversion.cursor, run);
         return nullptr;

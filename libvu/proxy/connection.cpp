@@ -117,7 +117,8 @@ void proxyNode_ReadSocket(ProxyNode *node)
     if (node->read_count != 0)
         return;
     Membuf &in = node->inbuf;
-    membufAssureAvailable(&in);
+    if (in.size == in.capacity)
+        membufAssureAvailable(&in);
     // Into no room read() brings 0, which would pass for the end of the connection.
     if (in.size == in.capacity)
         return;
@@ -135,9 +136,10 @@ void proxyNode_ReadSocket(ProxyNode *node)
         return;
     }
     node->read_count = static_cast<uint32_t>(got);
-    membufAppend(&in, nullptr, node->read_count);
-    membufAssureAvailable(&in);
     node->parse_pos = 0;
+    in.size += node->read_count;
+    if (in.size == in.capacity)
+        membufAssureAvailable(&in);
 }
 
 void proxyNode_Stop(ProxyNode *node)

@@ -63,7 +63,10 @@ inline void cutRecords(ProxyNode *node, ReadHead &&readHead, Handle &&handle)
         if (handle(head, record, std::span<uint8_t>(record + head.size, head.length)) == Event::leavesEarly)
             return;
     }
-    membufRemove(&in, 0, node->parse_pos);
+    if (in.size == node->parse_pos)
+        in.size = 0; // nothing to move, as a rule
+    else
+        membufRemove(&in, 0, node->parse_pos);
     node->read_count = 0;
     node->parse_pos = 0;
 }

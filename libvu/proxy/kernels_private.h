@@ -34,17 +34,19 @@ void scaleOffsetPlain(void *data, size_t count, Sample scale, Sample offset)
 {
     scaleOffsetLoop<Sample>(data, count, scale, offset);
 }
-template <typename Sample>
-VU_AVX2 void scaleOffsetAvx2(void *data, size_t count, Sample scale, Sample offset)
-{
-    scaleOffsetLoop<Sample>(data, count, scale, offset);
-}
 
 template <typename Word>
 void swapPlain(void *data, size_t count)
 {
     swapLoop<Word>(data, count);
 }
+
+template <typename Sample>
+VU_AVX2 void scaleOffsetAvx2(void *data, size_t count, Sample scale, Sample offset)
+{
+    scaleOffsetLoop<Sample>(data, count, scale, offset);
+}
+
 template <typename Word>
 VU_AVX2 void swapAvx2(void *data, size_t count)
 {

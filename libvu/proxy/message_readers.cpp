@@ -99,14 +99,15 @@ Event takeXcp(ProxyNode *node, Body body)
 }
 
 // The records that are messages and lie within the test. Their timestamps are in host order by now.
-void keepMessages(Frame *frame, const CanRecord *records, uint32_t count)
+uint32_t keepMessages(CanRecord *to, const CanRecord *records, uint32_t count)
 {
-    auto *to = static_cast<CanRecord *>(frame->data);
+    const CanRecord *const first = to;
     for (uint32_t i = 0; i < count; i++) {
         const CanRecord &record = records[i];
         if (vu::loadHost<int64_t>(record.timestamp) >= 0 && !(record.flags & CAN_RECORD_TIME_ONLY))
-            to[frame->length++] = record;
+            *to++ = record;
     }
+    return static_cast<uint32_t>(to - first);
 }
 
 // The signals see every record, and before the channel's own consumers do.
@@ -124,7 +125,7 @@ Event takeCan(ProxyNode *node, Body body)
         libvuError("Unable to create frame for raw CAN messages");
         return Event::leavesEarly;
     }
-    keepMessages(frame, records, count);
+    frame->length = keepMessages(static_cast<CanRecord *>(frame->data), records, count);
     if (frame->length == 0) {
         frameDelete(frame);
         return Event::leavesEarly;
@@ -166,23 +167,33 @@ struct DoubleCalibration {
     double operator()(double value) const { return std::fma(value, scale, offset); }
 };
 
-template <typename Value, typename Calibration>
-void appendEntry(Frame *frame, const void *time, Value value, bool identity, const Calibration &calibrated)
-{
-    auto *element = static_cast<uint8_t *>(frameTail(frame));
-    std::memcpy(element, time, kTimestamp);
-    vu::storeHost(element + kTimestamp, identity ? value : calibrated(value));
-    frame->length++;
-}
+// Elements of a frame, one after the other.
+template <typename Value>
+class Elements {
+public:
+    explicit Elements(Frame *frame) : frame_(frame), next_(static_cast<uint8_t *>(frame->data)) {}
 
-Event deliverUnlessEmpty(ProxyNode *node, Frame *frame)
-{
-    if (frame->length == 0)
-        frameDelete(frame);
-    else
-        vu::deliver(node->pipes, frame);
-    return Event::goesOn;
-}
+    void append(int64_t time, Value value)
+    {
+        vu::storeHost(next_, time);
+        vu::storeHost(next_ + kTimestamp, value);
+        next_ += kEntry<Value>;
+    }
+    // Delivers the frame, unless nothing is in it.
+    void deliver(ProxyNode *node)
+    {
+        const auto bytes = static_cast<size_t>(next_ - static_cast<uint8_t *>(frame_->data));
+        frame_->length = static_cast<uint32_t>(bytes / kEntry<Value>);
+        if (bytes == 0)
+            frameDelete(frame_);
+        else
+            vu::deliver(node->pipes, frame_);
+    }
+
+private:
+    Frame *frame_;
+    uint8_t *next_;
+};
 
 // The first entry's time stands for the body, even if that entry is dropped; elements keep the wire's
 // timestamps.
@@ -201,14 +212,16 @@ Event takeValues(ProxyNode *node, Body body)
     vu::stampStart(frame, time);
     const bool identity = isIdentity(node);
     const Calibration calibrated(node);
+    Elements<Value> elements(frame);
     for (uint32_t i = 0; i < count; i++) {
         uint8_t *entry = body.data() + size_t{i} * kEntry<Value>;
         node->byte_swap(node, entry);
         const auto value = vu::loadHost<Value>(entry + kTimestamp);
         if (!std::isnan(value))
-            appendEntry(frame, entry, value, identity, calibrated);
+            elements.append(vu::loadHost<int64_t>(entry), identity ? value : calibrated(value));
     }
-    return deliverUnlessEmpty(node, frame);
+    elements.deliver(node);
+    return Event::goesOn;
 }
 
 // Behind 8 bytes that nobody reads. Both widths are calibrated at single precision.
@@ -226,15 +239,17 @@ Event takeNtpValues(ProxyNode *node, Body body)
         return Event::leavesEarly;
     const bool identity = isIdentity(node);
     const SingleCalibration calibrated(node);
+    Elements<Value> elements(frame);
     for (uint32_t i = 0; i < count; i++) {
         uint8_t *entry = entries.data() + size_t{i} * kEntry<Value>;
         const auto time = static_cast<int64_t>(vu::ntpToHostInPlace(entry));
         vu::toHostInPlace<Bits<Value>>(entry + kTimestamp);
         const auto value = vu::loadHost<Value>(entry + kTimestamp);
         if (!std::isnan(value))
-            appendEntry(frame, &time, value, identity, calibrated);
+            elements.append(time, identity ? value : calibrated(value));
     }
-    return deliverUnlessEmpty(node, frame);
+    elements.deliver(node);
+    return Event::goesOn;
 }
 
 template <Event (*take)(ProxyNode *, Body)>

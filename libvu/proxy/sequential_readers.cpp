@@ -39,8 +39,9 @@ vu::Event fillFrames(ProxyNode &node, const uint8_t *source, size_t samples, Fin
         if (!assureFrame(node))
             return vu::Event::leavesEarly;
         Frame *const frame = node.frame;
-        const auto taken = static_cast<uint32_t>(std::min<size_t>(frameAvailable(frame), samples));
-        std::memcpy(frameTail(frame), source, size_t{taken} * node.element_size);
+        const auto taken = static_cast<uint32_t>(std::min<size_t>(frame->capacity - frame->length, samples));
+        const size_t filled = size_t{frame->length} * frame->element_size;
+        std::memcpy(static_cast<uint8_t *>(frame->data) + filled, source, size_t{taken} * node.element_size);
         frame->length += taken;
         node.sample_count += taken;
         source += size_t{taken} * node.record_size;

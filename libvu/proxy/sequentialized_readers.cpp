@@ -16,6 +16,7 @@
 #include "libvu/proxy/ntp_private.h"
 #include "libvu/proxy/proxy_node.h"
 #include "libvu/time/sample_clock_private.h"
+#include "libvu/time/sequentializer_private.h"
 
 using vu::Event;
 
@@ -146,25 +147,79 @@ void finishFrame(ProxyNode *node)
     vu::deliver(node->pipes, frame);
 }
 
-// Writes samples while the clock is behind `target` and the frame has room; the clock stays in registers.
-template <typename Variant>
+// The clock of a node in registers, stepped in whole numbers: the usual one.
+class WholeClock {
+public:
+    explicit WholeClock(SampleClock &clock)
+        : current(clock.current_tick), clock_(clock), next_(clock.next_tick),
+          period_(static_cast<int64_t>(clock.whole_ticks)), accumulator_(clock.remainder_accumulator)
+    {
+    }
+    ~WholeClock()
+    {
+        clock_.current_tick = current;
+        clock_.next_tick = next_;
+        clock_.remainder_accumulator = accumulator_;
+    }
+    WholeClock(const WholeClock &) = delete;
+    WholeClock &operator=(const WholeClock &) = delete;
+
+    // Up to here whole numbers and doubles step alike.
+    static bool reaches(const SampleClock &clock, int64_t target)
+    {
+        return target < vu::kWholeNumbers && clock.whole_ticks <= vu::kLongestWholePeriod;
+    }
+    void tick()
+    {
+        accumulator_ += clock_.remainder_per_sample;
+        current = next_;
+        next_ += period_;
+        if (accumulator_ > clock_.half_numerator) {
+            next_ += 1;
+            accumulator_ -= clock_.rate_numerator;
+        }
+    }
+
+    int64_t current;
+
+private:
+    SampleClock &clock_;
+    int64_t next_, period_;
+    double accumulator_;
+};
+
+// Years ahead, or at periods of years, where a step is rounded to a double.
+struct FarClock {
+    explicit FarClock(SampleClock &clock) : current(clock.current_tick), clock_(clock) {}
+    void tick()
+    {
+        vu::tick(clock_);
+        current = clock_.current_tick;
+    }
+
+    int64_t current;
+    SampleClock &clock_;
+};
+
+// Writes samples while the clock is behind `target` and the frame has room.
+template <typename Variant, typename Clock>
 void fillFrame(ProxyNode *node, int64_t target)
 {
     using Sample = typename Variant::Value;
     Frame *frame = node->frame;
-    auto *out = static_cast<Sample *>(frameTail(frame));
-    auto *const end = out + frameAvailable(frame);
-    SampleClock clock = node->clock;
+    auto *out = static_cast<Sample *>(frame->data) + frame->length;
+    auto *const end = static_cast<Sample *>(frame->data) + frame->capacity;
+    Clock clock(node->clock);
+    const int64_t deadline = node->stale_deadline;
     auto sample = static_cast<Sample>(Variant::sample(node));
-    while (clock.current_tick < target && out != end) {
-        vu::tick(clock);
-        if (node->stale_deadline < clock.current_tick) {
+    while (clock.current < target && out != end) {
+        clock.tick();
+        if (deadline < clock.current) {
             node->held_value = node->invalid_value;
             sample = static_cast<Sample>(Variant::sample(node));
         }
         *out++ = sample;
     }
-    node->clock = clock;
     frame->length = static_cast<uint32_t>(out - static_cast<Sample *>(frame->data));
 }
 
@@ -184,7 +239,10 @@ bool catchUp(ProxyNode *node, int64_t target)
             *static_cast<Sample *>(node->frame->data) = static_cast<Sample>(Variant::sample(node));
             node->frame->length = 1;
         }
-        fillFrame<Variant>(node, target);
+        if (WholeClock::reaches(node->clock, target))
+            fillFrame<Variant, WholeClock>(node, target);
+        else
+            fillFrame<Variant, FarClock>(node, target);
         // The last sample of a frame counts once the frame is on its way: callbacks see the count before it.
         node->sample_count += node->frame->length - before - 1;
         if (frameAvailable(node->frame) == 0)

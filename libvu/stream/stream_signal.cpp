@@ -10,7 +10,7 @@
 #include "libvu/core/wire_private.h"
 #include "libvu/proxy/ntp_private.h"
 #include "libvu/proxy/proxy_node.h"
-#include "libvu/time/sequentializer.h"
+#include "libvu/time/sequentializer_private.h"
 
 namespace {
 
@@ -41,7 +41,7 @@ struct LittleEndian {
 
 struct NoScaling {
     NoScaling(float, float) {}
-    void advance(CanSignalNode *signal, double time) const { sequentialize(signal->sequentializer, time); }
+    void advance(CanSignalNode *signal, vu::Moment time) const { vu::advance(*signal->sequentializer, time); }
     float operator()(CanSignalNode *, float value) const { return value; }
 };
 
@@ -49,7 +49,7 @@ struct NoScaling {
 struct ScaleOffset {
     float scale, offset;
 
-    void advance(CanSignalNode *signal, double time) const { vu::advanceSilent(*signal, time); }
+    void advance(CanSignalNode *signal, vu::Moment time) const { vu::advanceSilent(*signal, time); }
     float operator()(CanSignalNode *signal, float value) const
     {
         if (signal->rezero_pending && libvuRezeroCallback) {
@@ -71,15 +71,14 @@ void takeSamples(CanSignalNode *signal, void *payload, uint32_t size, const Scal
         const WireSample wire = Order::load(sample);
         vu::storeHost(sample, wire.seconds);
         vu::storeHost(sample + 4, wire.fraction);
-        // Whole ticks since the start of the test, toward zero, as a double again.
+        // Whole ticks since the start of the test, toward zero.
         const double ticks =
             vu::ntpTicks(wire.seconds, wire.fraction) - static_cast<double>(signal->proxy->start_time);
-        const auto time = static_cast<double>(vu::saturated<int64_t>(ticks));
+        const vu::Moment time(vu::saturated<int64_t>(ticks));
         if (wire.value == vu::kNoValueBits)
             scaled.advance(signal, time);
         else
-            sequentialize_value(signal->sequentializer, time,
-                                double{scaled(signal, std::bit_cast<float>(wire.value))});
+            vu::takeValue(*signal->sequentializer, time, scaled(signal, std::bit_cast<float>(wire.value)));
     }
 }
 

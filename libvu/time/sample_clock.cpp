@@ -51,7 +51,7 @@ void sampleClockInit(SampleClock *clock, double rate)
 
 SampleClock *sampleClockCreate(double rate)
 {
-    auto clock = vu::makeZeroed<SampleClock>();
+    auto clock = vu::makeZeroedAtLine<SampleClock>();
     if (!clock) {
         libvuError("Unable to allocate memory for sampleClock");
         return nullptr;

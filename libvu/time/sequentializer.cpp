@@ -10,13 +10,14 @@
 #include "libvu/core/report.h"
 #include "libvu/core/wire_private.h"
 #include "libvu/time/sample_clock_private.h"
+#include "libvu/time/sequentializer_private.h"
 
 namespace {
 
 constexpr double kHighestPipeRate = 1e6;
 constexpr double kPoolSeconds = 5.0;
-// Below this many ticks whole numbers and doubles step alike, with room for the longest period.
-constexpr int64_t kWholeNumbers = int64_t{1} << 52;
+using vu::kLongestWholePeriod;
+using vu::kWholeNumbers;
 
 bool isUsablePipeRate(double rate)
 {
@@ -87,6 +88,19 @@ void expire(Sequentializer &seq)
         seq.value = seq.invalid_value;
 }
 
+// The payload of a pool's frame lies behind its header; not asking `data` spares a cache line.
+template <typename Sample>
+Sample *tail(Frame *frame)
+{
+    return reinterpret_cast<Sample *>(frame + 1) + frame->length;
+}
+
+template <typename Sample>
+void store(Frame *frame, double value)
+{
+    *tail<Sample>(frame) = static_cast<Sample>(value);
+}
+
 // Fills a run of samples at a period of whole ticks. `limit` is the first tick that need not be passed.
 template <typename Sample>
 uint32_t fillRun(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
@@ -112,7 +126,7 @@ uint32_t fillRun(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
 template <typename Sample>
 uint32_t fillSteps(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
 {
-    const SampleClock &clock = *seq.clock;
+    SampleClock &clock = *seq.clock;
     const auto period = static_cast<int64_t>(clock.whole_ticks);
     int64_t current = clock.current_tick;
     int64_t next = clock.next_tick;
@@ -136,53 +150,72 @@ uint32_t fillSteps(Sequentializer &seq, Sample *out, uint32_t room, int64_t limi
     }
     if (expired)
         seq.value = seq.invalid_value;
-    seq.clock->current_tick = current;
-    seq.clock->next_tick = next;
-    seq.clock->remainder_accumulator = accumulator;
+    clock.current_tick = current;
+    clock.next_tick = next;
+    clock.remainder_accumulator = accumulator;
     return count;
 }
 
+// One step in whole numbers.
 template <typename Sample>
-uint32_t fill(Sequentializer &seq, Frame *frame, double target)
+void stepOnce(Sequentializer &seq, SampleClock &clock, Frame *frame)
 {
-    SampleClock &clock = *seq.clock;
-    auto *out = reinterpret_cast<Sample *>(static_cast<uint8_t *>(frame->data)) + frame->length;
-    const uint32_t room = frameAvailable(frame);
-    constexpr double kFewPeriods = 8.0; // below that two divisions cost more than they save
-    const double periods = clock.whole_ticks * kFewPeriods;
-    // A frame's worth of periods ahead must not leave the whole numbers either.
-    const double reach = static_cast<double>(clock.next_tick) + (clock.whole_ticks + 1.0) * (room + 1.0);
-    if (target < static_cast<double>(kWholeNumbers) && reach < static_cast<double>(kWholeNumbers)) {
-        const auto limit = static_cast<int64_t>(std::ceil(target));
-        const bool run = clock.remainder_per_sample == 0.0 && clock.whole_ticks > 0.0 &&
-                         clock.next_tick - clock.current_tick == static_cast<int64_t>(clock.whole_ticks) &&
-                         target - static_cast<double>(clock.current_tick) > periods;
-        // Only the difference to an expiry that lies in the whole numbers too is sure not to overflow.
-        if (run && seq.expiry_tick > -kWholeNumbers)
-            return fillRun(seq, out, room, limit);
-        return fillSteps(seq, out, room, limit);
+    const int64_t current = clock.next_tick;
+    int64_t next = current + static_cast<int64_t>(clock.whole_ticks);
+    if (clock.remainder_per_sample != 0.0) {
+        clock.remainder_accumulator += clock.remainder_per_sample;
+        if (clock.remainder_accumulator > clock.half_numerator) {
+            next += 1;
+            clock.remainder_accumulator -= clock.rate_numerator;
+        }
     }
-    vu::tick(clock);
-    expire(seq);
-    *out = static_cast<Sample>(seq.value);
-    return 1;
+    clock.current_tick = current;
+    clock.next_tick = next;
+    if (seq.expiry_tick < current)
+        seq.value = seq.invalid_value;
+    store<Sample>(frame, seq.value);
+    frame->length++;
+    seq.sample_count++;
 }
 
 template <typename Sample>
-void advance(Sequentializer &seq, double target)
+uint32_t fill(Sequentializer &seq, Frame *frame, int64_t limit)
 {
-    while (target > static_cast<double>(seq.clock->current_tick)) {
+    const SampleClock &clock = *seq.clock;
+    Sample *out = tail<Sample>(frame);
+    const uint32_t room = frame->capacity - frame->length;
+    constexpr int64_t kFewPeriods = 8; // below that two divisions cost more than they save
+    const auto period = static_cast<int64_t>(clock.whole_ticks);
+    const bool run = clock.remainder_per_sample == 0.0 && period > 0 &&
+                     clock.next_tick - clock.current_tick == period &&
+                     limit - clock.current_tick > period * kFewPeriods;
+    // Only the difference to an expiry that lies in the whole numbers too is sure not to overflow.
+    if (run && seq.expiry_tick > -kWholeNumbers)
+        return fillRun(seq, out, room, limit);
+    return fillSteps(seq, out, room, limit);
+}
+
+// A sample without a frame is lost and still counted, so that later frames keep their true start.
+void loseSample(Sequentializer &seq)
+{
+    vu::tick(*seq.clock);
+    expire(seq);
+    seq.sample_count++;
+}
+
+// Up to `limit` in whole numbers.
+template <typename Sample>
+void advanceWhole(Sequentializer &seq, int64_t limit)
+{
+    while (seq.clock->current_tick < limit) {
         if (!seq.current_frame)
             takeFrame(seq);
         Frame *frame = seq.current_frame;
         if (!frame) {
-            // A sample without a frame is lost and still counted, so that later frames keep their true start.
-            vu::tick(*seq.clock);
-            expire(seq);
-            seq.sample_count++;
+            loseSample(seq);
             continue;
         }
-        const uint32_t written = fill<Sample>(seq, frame, target);
+        const uint32_t written = fill<Sample>(seq, frame, limit);
         frame->length += written;
         seq.sample_count += written;
         if (frame->length == frame->capacity)
@@ -190,12 +223,42 @@ void advance(Sequentializer &seq, double target)
     }
 }
 
+// Years ahead, or at periods of years, where a step is rounded to a double.
+template <typename Sample>
+void advanceFar(Sequentializer &seq, double target)
+{
+    while (target > static_cast<double>(seq.clock->current_tick)) {
+        if (!seq.current_frame)
+            takeFrame(seq);
+        Frame *frame = seq.current_frame;
+        loseSample(seq);
+        if (!frame)
+            continue;
+        store<Sample>(frame, seq.value);
+        if (++frame->length == frame->capacity)
+            handOn(seq);
+    }
+}
+
+void advanceUnusual(Sequentializer &seq, double time)
+{
+    constexpr double kLastTick = 0x1p63; // the clock stops here: a later target would never be reached
+    if (!std::isfinite(time))
+        return;
+    const double target = std::min(time - static_cast<double>(seq.half_period_ticks), kLastTick);
+    if (seq.element_size == sizeof(double))
+        advanceFar<double>(seq, target);
+    else
+        advanceFar<float>(seq, target);
+    seq.last_target = vu::saturated<int64_t>(target);
+}
+
 } // namespace
 
 Sequentializer *createSequentializer(uint32_t element_size, double pipe_rate, double sample_rate,
                                      double stale_seconds, double invalid_value)
 {
-    auto seq = vu::makeZeroed<Sequentializer>();
+    auto seq = vu::makeZeroedAtLine<Sequentializer>();
     if (!seq) {
         libvuError("Unable to allocate memory for sequentializer object");
         return nullptr;
@@ -220,26 +283,54 @@ Sequentializer *createSequentializer(uint32_t element_size, double pipe_rate, do
     return seq.release();
 }
 
+void vu::advanceTo(Sequentializer &seq, int64_t target)
+{
+    SampleClock &clock = *seq.clock;
+    Frame *frame = seq.current_frame;
+    // The usual call: a value about once a sample, and a frame that does not become full by it.
+    if (frame && target <= clock.next_tick && frame->length + 1 < frame->capacity) {
+        if (seq.element_size == sizeof(double))
+            stepOnce<double>(seq, clock, frame);
+        else
+            stepOnce<float>(seq, clock, frame);
+        return;
+    }
+    if (seq.element_size == sizeof(double))
+        advanceWhole<double>(seq, target);
+    else
+        advanceWhole<float>(seq, target);
+}
+
+void vu::advance(Sequentializer &seq, double time)
+{
+    const double target = time - static_cast<double>(seq.half_period_ticks);
+    const bool usual = target >= 0.0 && target < static_cast<double>(kWholeNumbers);
+    if (!usual || seq.clock->whole_ticks > kLongestWholePeriod) {
+        advanceUnusual(seq, time);
+        return;
+    }
+    const auto passed = static_cast<int64_t>(target);
+    const int64_t limit = passed + (static_cast<double>(passed) < target ? 1 : 0);
+    if (seq.clock->current_tick < limit)
+        advanceTo(seq, limit);
+    seq.last_target = passed;
+}
+
+void vu::takeValue(Sequentializer &seq, double time, double value)
+{
+    advance(seq, time);
+    seq.value = value;
+    seq.expiry_tick = addSaturated(seq.clock->next_tick, seq.stale_ticks);
+}
+
 void sequentialize(Sequentializer *seq, double time)
 {
-    constexpr double kLastTick = 0x1p63; // the clock stops here: a later target would never be reached
-    if (!std::isfinite(time))
-        return;
-    const double target = std::min(time - static_cast<double>(seq->half_period_ticks), kLastTick);
-    if (target >= 0.0) {
-        if (seq->element_size == sizeof(double))
-            advance<double>(*seq, target);
-        else
-            advance<float>(*seq, target);
-    }
-    seq->last_target = vu::saturated<int64_t>(target);
+    vu::advance(*seq, time);
 }
 
 void sequentialize_value(Sequentializer *seq, double time, double value)
 {
-    sequentialize(seq, time);
-    seq->value = value;
-    seq->expiry_tick = vu::addSaturated(seq->clock->next_tick, seq->stale_ticks);
+    vu::takeValue(*seq, time, value);
 }
 
 void destroySequentializer(Sequentializer *seq)
