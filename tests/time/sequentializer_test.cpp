@@ -1,1 +1,274 @@
-#include <gtest/gtest.h>
+#include "libvu/time/sequentializer.h"
+
+#include <cmath>
+#include <gmock/gmock.h>
+#include <limits>
+#include <memory>
+#include <random>
+
+#include "tests/support/allocation_faults.h"
+#include "tests/support/effort.h"
+#include "tests/support/error_trap.h"
+#include "tests/support/streams.h"
+
+using namespace vu::test;
+using testing::Each;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+
+namespace {
+
+constexpr double kInvalid = -1.0;
+constexpr double kInfinite = std::numeric_limits<double>::infinity();
+
+struct Settings {
+    double sampleRate = 1000.0, pipeRate = 100.0, stale = 0.005;
+    uint32_t elementSize = 8;
+    int pipes = 1;
+};
+
+// A stream with its consumers, as a host holds it.
+struct Stream {
+    explicit Stream(const Settings &settings = {})
+        : seq(createSequentializer(settings.elementSize, settings.pipeRate, settings.sampleRate,
+                                   settings.stale, kInvalid))
+    {
+        seq->pipes = &list;
+        for (int i = 0; i < settings.pipes; i++)
+            pipes.push_back(pipeAttachPipe(&list));
+    }
+    ~Stream()
+    {
+        for (Pipe *pipe : pipes)
+            pipeDetachPipe(&list, pipe);
+        releaseStream(seq);
+    }
+    void value(double time, double value) { sequentialize_value(seq, time, value); }
+    void until(double time) { sequentialize(seq, time); }
+    std::vector<double> taken() { return drain(pipes.at(0), next); }
+
+    PipeList list{};
+    Sequentializer *seq;
+    std::vector<Pipe *> pipes;
+    int64_t next = 0;
+};
+
+class Sequentialized : public testing::Test {
+protected:
+    ErrorTrap errors;
+    AllocationFaults memory;
+};
+
+TEST_F(Sequentialized, LandsOnTheNearestSampleAndExpires)
+{
+    Stream midway;
+    midway.value(100000.0, 1.0);
+    EXPECT_EQ(midway.seq->clock->current_tick, 80000);
+    EXPECT_EQ(midway.seq->clock->next_tick, 120000);
+    EXPECT_EQ(midway.seq->expiry_tick, 319999);
+    EXPECT_EQ(midway.seq->last_target, 80000);
+    midway.until(400000.0);
+    EXPECT_EQ(midway.seq->clock->current_tick, 400000);
+    EXPECT_THAT(midway.taken(), ElementsAre(-1, -1, 1, 1, 1, 1, 1, -1, -1, -1));
+
+    Stream later;
+    later.value(100001.0, 1.0);
+    later.until(420000.0);
+    EXPECT_THAT(later.taken(), ElementsAre(-1, -1, -1, 1, 1, 1, 1, 1, -1, -1));
+
+    Stream late; // time that stands still or goes back writes nothing, and still takes the value
+    late.value(-5e9, 7.0);
+    late.value(20000.0, 8.0);
+    EXPECT_EQ(late.seq->sample_count, 0);
+    late.value(220001.0, 3.0);
+    late.value(100.0, 4.0);
+    late.until(420000.0);
+    EXPECT_THAT(late.taken(), ElementsAre(8, 8, 8, 8, 8, -1, 4, 4, 4, 4));
+}
+
+TEST_F(Sequentialized, LifeOfWholePeriodsGivesAsManySamples)
+{
+    for (const double rate : {1000.0, 12.5, 20000.0})
+        for (const auto &[periods, samples] :
+             {std::pair{-3.0, 0}, {0.0, 0}, {0.3, 1}, {1.0, 1}, {1.5, 2}, {2.0, 2}, {7.0, 7}, {40.0, 40}}) {
+            Stream stream({.sampleRate = rate, .pipeRate = rate, .stale = periods / rate});
+            stream.value(3.2 * 4e7 / rate, 5.0);
+            stream.until(60 * 4e7 / rate);
+            const auto taken = stream.taken();
+            EXPECT_EQ(std::count(taken.begin(), taken.end(), 5.0), samples) << rate << " x " << periods;
+            EXPECT_EQ(taken.size(), 60u);
+        }
+}
+
+// Random messages against the meaning of the stream, sample by sample from closed forms.
+class Meaning : public testing::TestWithParam<Settings> {};
+
+TEST_P(Meaning, HoldsForRandomMessages)
+{
+    const Settings settings = GetParam();
+    const auto rate = static_cast<int64_t>(settings.sampleRate);
+    const int64_t whole = 40'000'000 / rate, rest = 40'000'000 % rate, half = 40'000'000 / rate / 2;
+    const auto life = static_cast<int64_t>(std::floor(settings.stale * 4e7));
+    const auto instant = [&](int64_t n) { // a payment lands one sample after it is earned
+        return n * whole + (n > 0 ? (2 * (n - 1) * rest + rate - 1) / (2 * rate) : 0);
+    };
+    ErrorTrap errors;
+    std::mt19937_64 random(static_cast<uint64_t>(rate));
+    Stream stream(settings);
+    std::vector<double> expected;
+    double held = kInvalid;
+    int64_t time = 0, sample = 0, first = -1;
+    for (int64_t k = 0; k < effort(2'000'000, 200'000); k++) {
+        const uint64_t dice = random() % 64;
+        time += static_cast<int64_t>(random() % static_cast<uint64_t>(2 * whole));
+        if (dice == 0)
+            time += static_cast<int64_t>(random() % 200) * whole;
+        if (dice == 1) // exactly midway
+            time = instant(sample + 2) + half;
+        const int64_t told = dice == 2 ? time - 5 * whole : time; // and back
+        for (; instant(sample) + half < told; sample++) {
+            if (first < 0 || instant(sample + 1) - instant(first + 1) >= life)
+                held = kInvalid;
+            expected.push_back(settings.elementSize == 8 ? held : static_cast<float>(held));
+        }
+        const auto now = static_cast<double>(told);
+        if (dice % 4 == 3) {
+            stream.until(now);
+        } else {
+            held = std::ldexp(static_cast<double>(random()), -20);
+            first = sample;
+            stream.value(now, held);
+        }
+        const auto taken = stream.taken();
+        ASSERT_LE(taken.size(), expected.size());
+        ASSERT_TRUE(std::equal(taken.begin(), taken.end(), expected.begin())) << "before sample " << sample;
+        expected.erase(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(taken.size()));
+    }
+    EXPECT_EQ(stream.seq->sample_count, sample);
+}
+INSTANTIATE_TEST_SUITE_P(Sequentialized, Meaning,
+                         testing::Values(Settings{1000, 100, 0.005, 8}, Settings{1024, 64, 0.02, 4},
+                                         Settings{7000, 3, 0.001, 8}, Settings{3, 3, 0.9, 4},
+                                         Settings{44100, 500, 0.00007, 8}));
+
+TEST_F(Sequentialized, SharesOneFrameAmongThreePipes)
+{
+    Stream stream({.pipes = 3});
+    const int64_t whole = pooled(stream.seq);
+    EXPECT_EQ(whole, 500);
+    stream.until(400000.0);
+    Frame *root = pipeGetFrame(stream.pipes[0]);
+    frameDelete(root);
+    Frame *clone = pipeGetFrame(stream.pipes[1]);
+    EXPECT_EQ(clone->parent, root);
+    frameDelete(clone);
+    EXPECT_EQ(pooled(stream.seq), whole - 1);
+    pipeFlushFrames(stream.pipes[2]);
+    EXPECT_EQ(stream.seq->free_frames, root);
+    EXPECT_EQ(pooled(stream.seq), whole);
+}
+
+TEST_F(Sequentialized, AllocatesNothingWhileFramesComeBack)
+{
+    Stream stream;
+    memory.reset();
+    for (int64_t i = 1; i < 5000; i++) {
+        stream.value(static_cast<double>(i * 40000), 1.0);
+        stream.taken();
+    }
+    EXPECT_EQ(memory.count(), 0);
+}
+
+TEST_F(Sequentialized, KeepsTheFrameAndItsStartWhileNobodyListens)
+{
+    Stream stream({.pipes = 0});
+    stream.until(25 * 40000 + 20000);
+    EXPECT_EQ(stream.seq->sample_count, 25);
+    EXPECT_EQ(frameLength(stream.seq->current_frame), 5u);
+    stream.pipes.push_back(pipeAttachPipe(&stream.list));
+    stream.until(1220000.0);
+    EXPECT_EQ(stream.pipes[0]->oldest->start, 0); // the frame began when nobody listened yet
+    pipeFlushFrames(stream.pipes[0]);
+    stream.next = 30;
+    stream.until(2020000.0);
+    EXPECT_EQ(stream.taken().size(), 20u);
+}
+
+TEST_F(Sequentialized, GrowsByASecondOfFramesOrByWhatMemoryGives)
+{
+    Stream stream({.pipeRate = 10});
+    stream.until(5.05 * 4e7); // the frames of five seconds wait in the pipe, one of ten new ones is filled
+    EXPECT_EQ(pooled(stream.seq), 9);
+    memory.failAt(3);
+    stream.until(6.05 * 4e7);
+    EXPECT_EQ(pooled(stream.seq), 2);
+    EXPECT_THAT(errors.texts(), ElementsAre("Can not allocate memory for frame"));
+    EXPECT_EQ(stream.taken().size(), 6000u);
+    EXPECT_EQ(pooled(stream.seq), 62);
+}
+
+TEST_F(Sequentialized, CountsASampleThatNoFrameTook)
+{
+    const char *noFrame[] = {"Can not allocate memory for frame", "Unable to add frames to sequentializer",
+                             "Unable to get frame for channel"};
+    Stream stream({.sampleRate = 10, .pipeRate = 1});
+    stream.until(50 * 4e6); // five frames are full, in the pipe
+    for (int i = 1; i <= 3; i++) {
+        memory.failAt(0);
+        stream.until((50 + i) * 4e6);
+        EXPECT_THAT(errors.texts(), ElementsAreArray(noFrame));
+    }
+    EXPECT_EQ(stream.taken().size(), 50u);
+    stream.until(63 * 4e6);
+    EXPECT_EQ(stream.pipes[0]->oldest->start, 53);
+
+    Stream poor({.sampleRate = 1, .pipeRate = 0.1}); // no frame in five seconds, and none a second later
+    poor.until(4e7);
+    EXPECT_EQ(poor.seq->sample_count, 1);
+    EXPECT_THAT(errors.texts(), ElementsAre(noFrame[1], noFrame[2]));
+}
+
+TEST_F(Sequentialized, SurvivesTimesAndLivesBeyondAllBounds)
+{
+    for (const double stale : {1e12, kInfinite, 1e300, -1e300, -kInfinite, std::nan("")}) {
+        Stream stream({.sampleRate = 1e-8, .pipeRate = 1, .stale = stale});
+        for (const double time : {-0x1p63, -kInfinite, std::nan(""), kInfinite, -1e300})
+            stream.value(time, 3.0);
+        EXPECT_EQ(stream.seq->sample_count, 0);
+        EXPECT_EQ(stream.seq->last_target, std::numeric_limits<int64_t>::min());
+        stream.value(4.1e15, 5.0); // sample 1 is still ahead
+        for (const double time : {0x1p62, 0x1p63, 1e300})
+            stream.value(time, 6.0);
+        const auto taken = stream.taken();
+        EXPECT_EQ(taken.size(), 2306u);
+        EXPECT_EQ(taken.at(1), stale > 0 ? 5.0 : kInvalid);
+        EXPECT_EQ(stream.seq->last_target, std::numeric_limits<int64_t>::max());
+    }
+}
+
+TEST_F(Sequentialized, RefusesRatesAndSurvivesShortMemory)
+{
+    for (const double rate : {0.0, -1.0, kInfinite, std::nan(""), 1000001.0}) {
+        EXPECT_EQ(createSequentializer(8, rate, 1000.0, 1.0, 0.0), nullptr);
+        char text[64];
+        std::snprintf(text, sizeof text, "Invalid pipe rate: %g", rate);
+        EXPECT_THAT(errors.texts(), ElementsAre(text));
+    }
+    for (const double rate : {0.0, -1.0, kInfinite, std::nan(""), 1e10, 1e-9})
+        EXPECT_EQ(createSequentializer(8, 1.0, rate, 1.0, 0.0), nullptr);
+    EXPECT_THAT(errors.texts(),
+                testing::AllOf(testing::SizeIs(6), Each(testing::StartsWith("Invalid sample rate: "))));
+    const char *texts[] = {"Unable to allocate memory for sequentializer object",
+                           "Unable to allocate memory for sampleClock"};
+    for (int i = 0; i < 2; i++) {
+        memory.failAt(i);
+        EXPECT_EQ(createSequentializer(4, 1.0, 1.0, 1.0, 0.0), nullptr);
+        EXPECT_THAT(errors.texts(), ElementsAre(texts[i]));
+    }
+    memory.failAt(4);
+    Stream stream({.pipeRate = 1});
+    EXPECT_EQ(pooled(stream.seq), 2);
+    EXPECT_THAT(errors.texts(), ElementsAre("Can not allocate memory for frame"));
+}
+
+} // namespace

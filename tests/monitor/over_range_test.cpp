@@ -1,0 +1,403 @@
+// Detectors over real pipes: worked windows, a slow reference, and everything that can go wrong.
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <gmock/gmock.h>
+#include <limits>
+#include <memory>
+#include <random>
+
+#include "libvu/core/callbacks.h"
+#include "libvu/monitor/element_access.h"
+#include "libvu/monitor/over_range.h"
+#include "tests/support/allocation_faults.h"
+#include "tests/support/error_trap.h"
+#include "tests/support/interpose.h"
+#include "tests/support/node_fixture.h"
+
+using namespace vu::test;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+namespace {
+
+using Doubles = std::vector<double>;
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+Frame *frameOf(const Doubles &samples, uint32_t elementSize, int64_t start = 0)
+{
+    Frame *frame = frameCreate(static_cast<uint32_t>(samples.size()), elementSize, nullptr);
+    frame->start = start;
+    for (const double sample : samples)
+        getFrameBufWriter(static_cast<int32_t>(elementSize))(frame, frame->length++, sample);
+    return frame;
+}
+
+// A module with its channels' pipes and its output's; channels are added before start().
+class OverRange : public ::testing::Test {
+protected:
+    struct Input {
+        PipeList list{};
+        Pipe *pipe = pipeAttachPipe(&list);
+        int64_t position = 0;
+        ~Input() { pipeDetachPipe(&list, pipe); }
+    };
+    ErrorTrap errors;
+    LogTrap log;
+    PipeList output{};
+    Pipe *out = pipeAttachPipe(&output);
+    std::vector<std::unique_ptr<Input>> inputs;
+    std::vector<OverRngChannelConfig> channels;
+    int id = -1;
+    OverRngNotices *notices = nullptr;
+
+    ~OverRange() override
+    {
+        if (id >= 0)
+            Over_Rng_Detect_stop(id);
+        pipeDetachPipe(&output, out);
+    }
+    void watch(double rate, int mode, double lower, double upper, bool report = true, int size = 8)
+    {
+        inputs.push_back(std::make_unique<Input>());
+        channels.push_back({"", rate, static_cast<uint8_t>(mode), report, static_cast<uint16_t>(size), lower,
+                            upper, inputs.back()->pipe});
+        std::snprintf(channels.back().name, sizeof channels.back().name, "c%zu", channels.size() - 1);
+    }
+    int start(double rate)
+    {
+        const OverRngModuleConfig config{"limits", rate, static_cast<uint32_t>(channels.size()), &output};
+        return id = Over_Rng_Detect_init(&config, channels.data());
+    }
+    void feed(size_t channel, const Doubles &samples)
+    {
+        Input &input = *inputs[channel];
+        pipeAddFrame(input.pipe, frameOf(samples, channels[channel].element_size, input.position));
+        input.position += static_cast<int64_t>(samples.size());
+    }
+    // Windows that the run put out.
+    Doubles run()
+    {
+        notices = Over_Rng_Detect_run(id);
+        return takeSamples<double>(out);
+    }
+    std::vector<std::string> noticeTexts() const
+    {
+        return notices ? std::vector<std::string>(notices->text, notices->text + notices->count)
+                       : std::vector<std::string>();
+    }
+};
+
+// `count` zeros, and what stands out.
+Doubles quiet(size_t count, const std::vector<std::pair<size_t, double>> &loud = {})
+{
+    Doubles samples(count);
+    for (const auto &[index, value] : loud)
+        samples[index] = value;
+    return samples;
+}
+
+TEST_F(OverRange, WorkedWindows)
+{
+    const struct {
+        const char *what;
+        double sampleRate;
+        int mode;
+        Doubles samples, windows;
+        std::vector<std::string> notices;
+    } rows[] = {
+        {"the last window waits", 100, 1, quiet(100), Doubles(9), {}},
+        {"ends summed by addition", 100, 1, quiet(31), Doubles(2), {}},
+        {"one window",
+         100,
+         1,
+         quiet(40, {{9, 6}}),
+         {1, 0, 0},
+         {"\nlimits (0.1):  channel 'c0' over range: 6.000000 > 5.000000"}},
+        {"two windows",
+         1 / 0.03,
+         1,
+         quiet(12, {{3, 6}}),
+         {1, 1, 0},
+         {"\nlimits (0.1):  channel 'c0' over range: 6.000000 > 5.000000"}},
+        {"on the limit, and no number", 100, 1, quiet(21, {{3, 5}, {4, -5}, {5, kNaN}}), {0, 0}, {}},
+        {"between two excursions, extremes, under first",
+         100,
+         1,
+         quiet(51, {{2, 6}, {32, 8}, {25, -7}, {28, -9}}),
+         {1, 1, 1, 1, 0},
+         {"\nlimits (0.0):  channel 'c0' under range: -9.000000 < -5.000000",
+          "\nlimits (0.0):  channel 'c0' over range: 8.000000 > 5.000000"}},
+        {"upper only, first offender",
+         100,
+         2,
+         quiet(31, {{2, -9}, {12, 6}, {13, 8}}),
+         {0, 1},
+         {"\nlimits (0.1):  channel 'c0' over range: 6.000000 > 5.000000"}},
+        {"lower only, first offender",
+         100,
+         3,
+         quiet(31, {{2, 9}, {12, -6}, {13, -8}}),
+         {0, 1},
+         {"\nlimits (0.1):  channel 'c0' under range: -6.000000 < -5.000000"}},
+        {"equal rates, four of one",
+         10,
+         1,
+         quiet(4, {{1, 6}}),
+         {0, 1, 0},
+         {"\nlimits (0.1):  channel 'c0' over range: 6.000000 > 5.000000"}},
+    };
+    for (const auto &row : rows)
+        for (const int size : {4, 8}) {
+            SCOPED_TRACE(row.what);
+            inputs.clear(), channels.clear();
+            watch(row.sampleRate, row.mode, -5, 5, true, size);
+            start(10);
+            feed(0, row.samples);
+            EXPECT_EQ(run(), row.windows);
+            EXPECT_EQ(noticeTexts(), row.notices);
+            Over_Rng_Detect_stop(id);
+        }
+    id = -1;
+}
+
+// Powers of two keep every time exact, so windows can be told from whole numbers alone.
+TEST_F(OverRange, AgreesWithAReferenceOverRandomFrames)
+{
+    std::mt19937 random(11);
+    for (int round = 0; round < 60; round++) {
+        inputs.clear(), channels.clear();
+        const int64_t rate = 8;
+        const size_t count = 1 + random() % 5;
+        std::vector<int64_t> rates; // samples per second, after up-sampling
+        std::vector<bool> expected(4000);
+        for (size_t c = 0; c < count; c++) {
+            const int64_t sampleRate = int64_t{1} << (3 + random() % 6);
+            watch(double(sampleRate), 1 + int(random() % 3), -1, 1, true, random() % 2 ? 4 : 8);
+            rates.push_back(sampleRate > rate ? sampleRate : sampleRate * 4);
+        }
+        start(double(rate));
+        size_t put = 0;
+        for (int step = 0; step < 60; step++) {
+            const size_t c = random() % count;
+            const int64_t factor = rates[c] == 32 && channels[c].sample_rate == 8 ? 4 : 1;
+            Doubles samples(1 + random() % 40);
+            int64_t first = -1, last = -1;
+            for (size_t i = 0; i < samples.size(); i++) {
+                samples[i] = random() % 30 ? 0 : random() % 2 ? 2 : -2;
+                if ((samples[i] > 0 && channels[c].mode != 3) || (samples[i] < 0 && channels[c].mode != 2)) {
+                    const int64_t at = (inputs[c]->position + int64_t(i)) * factor;
+                    first = first < 0 ? at : first;
+                    last = at + factor - 1;
+                }
+            }
+            for (int64_t w = int64_t(put); first >= 0 && w < 4000;
+                 w++) // in units of a sample: window w is [w, w + 1) x rates / rate
+                if (w * rates[c] < (last + 1) * rate && (w + 1) * rates[c] > first * rate)
+                    expected[size_t(w)] = true;
+            feed(c, samples);
+            if (random() % 3)
+                continue;
+            const Doubles windows = run();
+            for (const double window : windows)
+                ASSERT_EQ(window, expected[put]) << "round " << round << " window " << put << ' ' << put++;
+            int64_t passed = 4000;
+            for (size_t k = 0; k < count; k++) {
+                const int64_t f = rates[k] == 32 && channels[k].sample_rate == 8 ? 4 : 1;
+                passed =
+                    std::min(passed, std::max<int64_t>(0, (inputs[k]->position * f - 1) * rate / rates[k]));
+            }
+            put = put < size_t(passed) ? put + windows.size() : put;
+            ASSERT_EQ(put, size_t(passed));
+        }
+        Over_Rng_Detect_stop(id);
+    }
+    id = -1;
+}
+
+TEST_F(OverRange, NoticesOverflowIntoACount)
+{
+    for (int c = 0; c < 52; c++)
+        watch(100, 2, 0, 5, c != 7);
+    start(10);
+    for (size_t c = 0; c < 52; c++)
+        feed(c, quiet(11, {{1, 6}}));
+    EXPECT_THAT(run(), ElementsAre(1));
+    EXPECT_THAT((std::array{notices->count, notices->dropped}), ElementsAre(50, 1));
+    EXPECT_EQ(log.lines().size(), 52u);
+    feed(0, quiet(10, {{1, 6}}));
+    run();
+    EXPECT_EQ(notices, nullptr) << "each kind is told once, and the list starts anew";
+}
+
+TEST_F(OverRange, TheRingNeverWraps)
+{
+    watch(100, 1, -5, 5);
+    watch(1000, 1, -5, 5);
+    start(100);
+    feed(1, quiet(100'000, {{5, 6}, {99'990, 7}})); // 10,000 windows ahead of the other
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_THAT(log.lines().back().second, HasSubstr("too far ahead"));
+    Doubles all;
+    for (int k = 0; k < 4; k++) {
+        feed(0, quiet(3000));
+        feed(1, quiet(10));
+        for (const double window : run())
+            all.push_back(window);
+        errors.critical(); // frames that lie outside the ring are told
+    }
+    ASSERT_GT(all.size(), 9000u);
+    EXPECT_THAT(Doubles(all.begin(), all.begin() + 4095), ::testing::Each(1.0));
+    EXPECT_THAT(Doubles(all.begin() + 4095, all.end()), ::testing::Each(0.0));
+}
+
+TEST_F(OverRange, AFrameLongerThanTheRingGoesOutInPieces)
+{
+    watch(10'000, 1, -5, 5);
+    start(1000);
+    feed(0, quiet(100'001));
+    EXPECT_EQ(run().size(), 4095u);
+    feed(0, quiet(1));
+    EXPECT_EQ(run().size(), 4095u);
+    feed(0, quiet(1));
+    EXPECT_EQ(run().size(), 10'000u - 2 * 4095);
+    errors.critical();
+}
+
+TEST_F(OverRange, BadFramesModesAndNumbersAreToldAndSurvived)
+{
+    watch(100, 9, -5, 5);
+    start(10);
+    feed(0, quiet(21, {{3, 9}}));
+    EXPECT_THAT(run(), ElementsAre(0, 0));
+    EXPECT_THAT(errors.critical(), ElementsAre("Internal Error: invalid mode value"));
+    feed(0, {});
+    pipeAddFrame(inputs[0]->pipe, frameOf({1}, 4));
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_EQ(errors.critical().size(), 2u);
+    pipeAddFrame(inputs[0]->pipe, frameOf({0}, 8, INT64_MAX));
+    EXPECT_EQ(run().size(), 4095u);
+    EXPECT_THAT(errors.critical(), IsEmpty());
+    for (const int wrong : {-1, id + 1, 1 << 30}) {
+        EXPECT_EQ(Over_Rng_Detect_run(wrong), nullptr);
+        Over_Rng_Detect_stop(wrong);
+        EXPECT_THAT(
+            errors.critical(),
+            ::testing::AllOf(::testing::SizeIs(2), ::testing::Each("Internal Error: invalid module_id")));
+    }
+    Over_Rng_Detect_stop(id);
+    EXPECT_EQ(Over_Rng_Detect_run(std::exchange(id, -1)), nullptr);
+    EXPECT_THAT(errors.critical(), ElementsAre("Internal Error: invalid module"));
+}
+
+TEST_F(OverRange, RefusesWhatItCanNotWatch)
+{
+    const auto refused = [&](double rate, double sampleRate, int size, const char *text) {
+        channels.clear(), inputs.clear();
+        watch(sampleRate, 1, 0, 0, true, size);
+        EXPECT_EQ(start(rate), -1);
+        EXPECT_THAT(errors.critical(), ElementsAre(HasSubstr(text)));
+    };
+    refused(10, 100, 2, "Internal Error: unsupported frame element_size: 2");
+    for (const auto &[rate, sampleRate] : {std::pair{0.0, 1.0},
+                                           {1.0, 0.0},
+                                           {kNaN, 1.0},
+                                           {1.0, kNaN},
+                                           {-1.0, 1.0},
+                                           {1.0, INFINITY},
+                                           {1e-310, 1.0},
+                                           {32767.0, 1.0}})
+        refused(rate, sampleRate, 8, "invalid rate");
+    channels.clear();
+    EXPECT_GE(start(10), 0) << "a module without channels is one";
+    EXPECT_THAT(run(), IsEmpty());
+    Over_Rng_Detect_stop(id);
+    watch(1, 1, 0, 0);
+    EXPECT_GE(start(32766), 0);
+}
+
+TEST_F(OverRange, EveryFailedAllocationIsSurvived)
+{
+    AllocationFaults faults;
+    watch(10, 1, -5, 5);
+    watch(100, 1, -5, 5);
+    for (int nth = 0; id < 0; nth++) {
+        faults.failAt(nth);
+        start(10);
+        EXPECT_EQ(errors.critical().empty(), id >= 0);
+        ASSERT_LT(nth, 20);
+    }
+    faults.failNone();
+    feed(0, quiet(5));
+    feed(1, quiet(41));
+    faults.failAt(0, 1); // the up-sampled frame, and the report's text
+    EXPECT_THAT(run(), IsEmpty());
+    errors.texts(), errors.critical();
+    feed(0, quiet(1));
+    faults.failAt(2); // the second window's
+    EXPECT_THAT(run(), ElementsAre(0));
+    EXPECT_THAT(errors.texts(), ElementsAre("Can not allocate memory for frame"));
+    EXPECT_THAT(errors.critical(), ElementsAre("Internal Error: could not allocate output frame"));
+    EXPECT_EQ(run().size(), 3u);
+    pipeFlushFrames(inputs[0]->pipe);
+}
+
+TEST_F(OverRange, AReportMayStopTheModuleAtWork)
+{
+    static int stopped;
+    watch(100, 0, -5, 5);
+    watch(100, 1, -5, 5);
+    stopped = start(10);
+    libvuCriticalErrorCallback = [](const char *) { return Over_Rng_Detect_stop(stopped), 1; };
+    feed(0, quiet(21));
+    feed(1, quiet(21, {{3, 6}}));
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_EQ(inputs[1]->pipe->queued, 21);
+    id = -1;
+}
+
+TEST(ElementAccess, PutsFramesAndFindsExtremes)
+{
+    ErrorTrap errors;
+    const double most = std::numeric_limits<double>::max();
+    const struct {
+        std::vector<Doubles> frames;
+        double least, greatest;
+        int result;
+    } rows[] = {
+        {{}, most, -most, -1},
+        {{{kNaN}, {}}, most, -most, -1},
+        {{{5}}, 5, 5, 0},
+        {{{3, kNaN}, {-2, 7}}, -2, 7, 0},
+        {{{INFINITY}}, most, INFINITY, 0},
+        {{{0.0, -0.0}}, 0.0, 0.0, 0},
+        {{{-0.0, 0.0}}, -0.0, -0.0, 0},
+    };
+    for (const auto &row : rows)
+        for (const uint32_t size : {4u, 8u}) {
+            PipeList list{};
+            Pipe *const first = pipeAttachPipe(&list), *const second = pipeAttachPipe(&list);
+            for (const Doubles &samples : row.frames) {
+                Frame *const frame = frameOf(samples, size);
+                EXPECT_EQ(Put_Frame(frame, &list), 1);
+                EXPECT_EQ(second->newest->parent, frame);
+            }
+            double found[2];
+            EXPECT_EQ((size == 4 ? calculate_min_max_float32 : calculate_min_max_float64)(first, found),
+                      row.result);
+            EXPECT_EQ(std::signbit(found[0]), std::signbit(row.least));
+            EXPECT_THAT(found, ElementsAre(row.least, row.greatest));
+            pipeDetachPipe(&list, first);
+            pipeDetachPipe(&list, second);
+        }
+    PipeList nobody{};
+    Frame *const frame = frameOf({1}, 4);
+    EXPECT_EQ(Put_Frame(frame, &nobody) + Put_Frame(frame, nullptr) + Put_Frame(nullptr, &nobody), 0);
+    EXPECT_THAT(errors.texts(), ElementsAre("Pipe list not given", "Frame not given"));
+    frameDelete(frame);
+    EXPECT_EQ(getFrameBufReader(16), nullptr);
+    EXPECT_EQ(errors.critical().size(), 1u);
+}
+
+} // namespace

@@ -1,0 +1,219 @@
+// A connection from its marker to its end, with a peer that does everything wrong.
+#include <cerrno>
+#include <csignal>
+#include <ev.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <utility>
+
+#include "libvu/core/callbacks.h"
+#include "tests/support/allocation_faults.h"
+#include "tests/support/error_trap.h"
+#include "tests/support/interpose.h"
+#include "tests/support/node_fixture.h"
+
+using namespace vu::test;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+using Floats = std::vector<float>;
+
+// A sequential channel of frames of two samples, listened to; the marker is still to come.
+class Connection : public ::testing::Test {
+protected:
+    ScopedCalls calls;
+    ErrorTrap errors;
+    TestChannel channel{stanza("sequential_float32", R"("sample_rate":20)")};
+    Pipe *pipe = channel.listen();
+
+    Floats samples() { return takeSamples<float>(pipe); }
+    bool watched() const { return ev_is_active(channel->watcher); }
+};
+
+TEST_F(Connection, OnlyTwoMarkersOpenIt)
+{
+    const auto opens = [](const Bytes &first) {
+        TestChannel fresh(stanza("message_can"));
+        EXPECT_EQ(fresh->state, 0);
+        fresh.send(first);
+        fresh.send(Bytes().zeros(5000));
+        fresh.hangUp();
+        fresh.run();
+        EXPECT_FALSE(ev_is_active(fresh->watcher)) << "sleeps at the end, also when it discards";
+        EXPECT_EQ(fresh->reader, fresh->state == 2 ? fresh->main_reader : proxyNode_ProxyReaderDiscard);
+        return fresh->state == 2;
+    };
+    EXPECT_TRUE(opens({0xFE, 0xED}));
+    EXPECT_TRUE(opens({0xED, 0xFE}));
+    for (const Bytes &wrong : {Bytes{0xED, 0xED}, Bytes{0xFE, 0xFE}, Bytes{0xFE}, Bytes{0}})
+        EXPECT_FALSE(opens(wrong));
+    errors.disconnects();
+}
+
+TEST_F(Connection, RecordsSurviveEverySplit)
+{
+    Bytes stream = sampleRecord<float>({1, 2, 3});
+    stream.add(sampleRecord<float>({})).add(sampleRecord<float>({4, 5, 6, 7, 8}));
+    for (size_t cut = 0; cut <= stream.size(); cut++) {
+        TestChannel fresh(stanza("sequential_float32", R"("sample_rate":20)"));
+        Pipe *const listener = fresh.listen();
+        fresh.sendMarker();
+        fresh.send(std::span(stream).first(cut));
+        fresh.send(std::span(stream).subspan(cut));
+        EXPECT_EQ(takeSamples<float>(listener), (Floats{1, 2, 3, 4, 5, 6, 7, 8})) << cut;
+    }
+    channel.sendMarker();
+    for (const uint8_t byte : stream)
+        channel.send({&byte, 1});
+    EXPECT_EQ(samples(), (Floats{1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+TEST_F(Connection, BodiesWithoutRoomForASampleHoldNone)
+{
+    channel.sendMarker();
+    for (const size_t length : {0, 4, 7, 8, 11})
+        channel.send(record(Bytes().zeros(length)));
+    EXPECT_EQ(channel->sample_count, 0);
+    channel.send(sampleRecord<float>({1, 2}));
+    EXPECT_EQ(samples(), (Floats{1, 2}));
+}
+
+TEST_F(Connection, AnImpossibleLengthLosesTheFraming)
+{
+    for (const uint32_t length : {0x8000'0000u, 0xFFFF'FFFFu}) {
+        TestChannel fresh(stanza("sequential_float32", R"("sample_rate":20)"));
+        Pipe *const listener = fresh.listen();
+        fresh.sendMarker();
+        fresh.send(sampleRecord<float>({1, 2}).be(length).add(sampleRecord<float>({3, 4})));
+        EXPECT_EQ(takeSamples<float>(listener), (Floats{1, 2}));
+        EXPECT_THAT(errors.texts(), ElementsAre(HasSubstr("ch: a record of " + std::to_string(length))));
+        EXPECT_EQ(fresh->state, 3);
+        fresh.send(Bytes().zeros(5000));
+        EXPECT_EQ(fresh->inbuf.size, 0u);
+    }
+}
+
+TEST_F(Connection, TheEndIsToldOnceAndWhatCameBeforeIsKept)
+{
+    channel.send(Bytes{0xFE, 0xED});
+    const Bytes last = sampleRecord<float>({1, 2});
+    ASSERT_EQ(real_send(channel.far, last.data(), last.size(), 0), static_cast<ssize_t>(last.size()));
+    channel.hangUp();
+    channel.run();
+    EXPECT_EQ(samples(), (Floats{1, 2}));
+    EXPECT_THAT(errors.disconnects(), ElementsAre("ch"));
+    EXPECT_FALSE(watched());
+    EXPECT_THAT((std::array{channel->disconnected, channel->last_errno, channel->last_read, channel->state}),
+                ElementsAre(1, ECONNRESET, 0, 2));
+    EXPECT_GE(fcntl(channel->fd, F_GETFD), 0);
+}
+
+TEST_F(Connection, WithoutACallbackTheEndIsLoggedAndSignalled)
+{
+    LogTrap log;
+    int raised = 0;
+    vu::test::calls.raise = [&](int signal) { return raised = signal, 0; };
+    libvuChannelDisconnectCallback = nullptr;
+    channel.sendMarker();
+    channel.hangUp();
+    channel.run();
+    EXPECT_EQ(raised, SIGHUP);
+    EXPECT_THAT(log.lines(),
+                ElementsAre(std::pair(12, "Channel 'ch' unexpectedly disconnected from the test.")));
+}
+
+TEST_F(Connection, ACallbackMayDetachAndStop)
+{
+    static ProxyNode *current;
+    current = channel.node;
+    libvuChannelDisconnectCallback = [](const char *) {
+        pipeDetachPipe(&current->pipes, current->pipes.first);
+        proxyNode_Stop(current);
+        return 1;
+    };
+    channel.sendMarker();
+    const Bytes last = sampleRecord<float>({1, 2, 3});
+    ASSERT_GT(real_send(channel.far, last.data(), last.size(), 0), 0);
+    shutdown(channel.far, SHUT_WR);
+    channel.run();
+    EXPECT_EQ(channel.heard(), "Stop");
+    EXPECT_EQ(channel->pipes.first, nullptr);
+}
+
+TEST_F(Connection, ReadErrorsEndItAndNobodyUsesTheNumberAgain)
+{
+    for (const int error : {EAGAIN, ECONNRESET, EINTR, EINVAL}) {
+        TestChannel fresh(stanza("sequential_float32"));
+        fresh.sendMarker();
+        fresh->last_errno = 5;
+        bool failed = false;
+        vu::test::calls.read = [&](int fd, void *to, size_t size) {
+            return fd == fresh.near && !std::exchange(failed, true) ? (errno = error, -1)
+                                                                    : real_read(fd, to, size);
+        };
+        fresh.send(Bytes(8));
+        vu::test::calls.read = nullptr;
+        const bool ends = error != EAGAIN, closes = ends && error != EINVAL;
+        EXPECT_EQ(errors.critical().size(), ends ? 1u : 0u);
+        EXPECT_EQ(ev_is_active(fresh->watcher), !ends);
+        EXPECT_THAT((std::array{fresh->disconnected, fresh->last_errno, fresh->last_read}),
+                    ElementsAre(ends, ends ? error : 0, ends ? -1 : 0));
+        EXPECT_EQ(fresh->fd, closes ? -1 : fresh.near);
+        EXPECT_EQ(fcntl(fresh.near, F_GETFD) == -1, closes);
+        proxyNode_Stop(fresh.node);
+        EXPECT_EQ(fresh.heard(), closes ? "" : "Stop");
+    }
+}
+
+TEST_F(Connection, NothingIsReadIntoNoRoomAndNothingIsLost)
+{
+    channel.sendMarker();
+    AllocationFaults faults;
+    faults.failAt(0, 1'000'000);
+    const Bytes data = sampleRecord(Floats(100, 1.0F));
+    ASSERT_EQ(real_send(channel.far, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
+    for (int event = 0; event < 5; event++)
+        ev_run(ev_default_loop(0), EVRUN_NOWAIT);
+    EXPECT_EQ(channel->inbuf.size, channel->inbuf.capacity);
+    EXPECT_EQ(channel->disconnected, 0);
+    EXPECT_FALSE(errors.texts().empty());
+    faults.failNone();
+    channel.run();
+    EXPECT_EQ(samples(), Floats(100, 1.0F));
+}
+
+TEST_F(Connection, StopTriesTenTimes)
+{
+    const std::string unexpected = "Unexpected write error on " + std::to_string(channel.near);
+    const std::string timeout = "Stop send timeout " + std::to_string(channel.near);
+    // `waits` times EAGAIN, then `last`, 0 for success.
+    const auto expect = [&](int waits, int last, int wantedSends, const std::string &wanted) {
+        LogTrap log;
+        int sends = 0, sleeps = 0;
+        vu::test::calls.usleep = [&](useconds_t pause) { return sleeps += pause == 100, 0; };
+        vu::test::calls.send = [&](int, const void *, size_t size, int) {
+            errno = sends++ < waits ? EAGAIN : last;
+            return errno ? ssize_t{-1} : static_cast<ssize_t>(size);
+        };
+        proxyNode_Stop(channel.node);
+        EXPECT_THAT((std::array{sends, sleeps}), ElementsAre(wantedSends, std::min(waits, 9)));
+        const auto lines = log.lines();
+        EXPECT_EQ(lines.empty() ? "" : lines[0].second, wanted);
+    };
+    expect(0, 0, 1, "");
+    expect(2, 0, 3, "");
+    expect(0, EPIPE, 1, "");
+    expect(1, ECONNRESET, 2, "");
+    expect(0, EBADF, 1, unexpected);
+    expect(10, 0, 10, timeout);
+    expect(9, EPIPE, 10, timeout);
+    EXPECT_FALSE(watched());
+    channel->fd = 0;
+    expect(0, EBADF, 0, "");
+    channel->fd = channel.near;
+}
+
+} // namespace

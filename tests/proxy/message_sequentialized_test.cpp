@@ -1,0 +1,233 @@
+#include <cmath>
+#include <gmock/gmock.h>
+#include <random>
+
+#include "libvu/core/callbacks.h"
+#include "tests/support/allocation_faults.h"
+#include "tests/support/effort.h"
+#include "tests/support/error_trap.h"
+#include "tests/support/node_fixture.h"
+
+using namespace vu::test;
+using testing::ElementsAre;
+
+namespace {
+
+constexpr int64_t kStart = 71'000'000'000'000'000; // of the NTP tests: ticks since 1970, in 2026
+constexpr uint32_t kStartSecond = 828'315'200;     // the same in seconds since 2000
+constexpr double kMark = 1999999973982208.0;
+
+// The four variants by what differs between them.
+struct Variant {
+    const char *kind;
+    bool ntp, isDouble, subtractsAtSample, zeroesAtFullFrame, zeroesFromValue, needsCallback, knowsMark;
+};
+const Variant kVariants[] = {{"float64", false, true, true, true, false, false, false},
+                             {"float32", false, false, true, true, false, false, false},
+                             {"float64_ntp", true, true, false, false, true, false, false},
+                             {"float32_ntp", true, false, false, false, true, true, true}};
+
+struct NtpWords {
+    explicit NtpWords(int64_t ticks) // of a time not before the start
+        : words{static_cast<uint32_t>(kStartSecond + ticks / 40'000'000),
+                static_cast<uint32_t>(static_cast<double>(ticks % 40'000'000) / 40e6 * 0x1p32)}
+    {
+    }
+    uint32_t words[2];
+};
+
+struct Stream : TestChannel {
+    Stream(const Variant &variant, int rate, double stale, const std::string &more = "", double pipeRate = 10)
+        : TestChannel(
+              R"({"name":"s","connector":"c","invalid_data_output_value":-9.7,"data_type":"message_)" +
+                  std::string(variant.kind) + R"(","sample_rate":)" + std::to_string(rate) +
+                  R"(,"stale_data_expiration_time":)" + std::to_string(stale) + more + "}",
+              pipeRate),
+          v(variant)
+    {
+        node->start_time = v.ntp ? kStart : 0;
+        sendMarker();
+    }
+    void add(Bytes &entries, int64_t ticks, double value) const
+    {
+        if (v.ntp)
+            entries.be(NtpWords(ticks).words[0]).be(NtpWords(ticks).words[1]);
+        else
+            entries.be(ticks);
+        v.isDouble ? entries.be(value) : entries.be(static_cast<float>(value));
+    }
+    void sendEntries(const std::vector<std::pair<int64_t, double>> &entries)
+    {
+        Bytes body;
+        body.zeros(v.ntp ? 8 : 0);
+        for (const auto &[ticks, value] : entries)
+            add(body, ticks, value);
+        send(record(body));
+    }
+    std::vector<double> samples(Pipe *pipe) const
+    {
+        if (v.isDouble)
+            return takeSamples<double>(pipe);
+        const auto narrow = takeSamples<float>(pipe);
+        return {narrow.begin(), narrow.end()};
+    }
+
+    const Variant &v;
+};
+
+// The same stream sample by sample, as slow and as plain as it can be told.
+struct Slow {
+    const Variant &v;
+    int64_t rate, frameLength, life;
+    double scale, offset, invalid, held = invalid, zero = 0;
+    int64_t step = 0, deadline = 0, target = 0;
+    bool pending = false, callback = true;
+    std::vector<double> delivered{}, frame{};
+    std::vector<std::pair<std::string, double>> zeroes{};
+
+    // Instant of sample k in ticks: k - 1 periods rounded, halves down, and the whole ticks of one more.
+    int64_t instant(int64_t k) const
+    {
+        return k == 0 ? 0 : 40'000'000 / rate + (80'000'000 * (k - 1) + rate - 1) / (2 * rate);
+    }
+    double narrowed(double x) const { return v.isDouble ? x : static_cast<float>(x); }
+    void setZero(double z)
+    {
+        zero = z;
+        pending = false;
+        if (callback)
+            zeroes.emplace_back("s", z);
+    }
+    void writeSample()
+    {
+        step++;
+        if (deadline < instant(step))
+            held = invalid;
+        frame.push_back(narrowed(v.subtractsAtSample ? held - zero : held));
+        if (static_cast<int64_t>(frame.size()) < frameLength)
+            return;
+        if (v.zeroesAtFullFrame && pending && callback) {
+            double sum = zero;
+            for (const double sample : frame)
+                sum += sample;
+            setZero(sum / static_cast<double>(frameLength));
+            for (double &sample : frame)
+                sample = narrowed(sample - zero);
+        }
+        delivered.insert(delivered.end(), frame.begin(), frame.end());
+        frame.clear();
+    }
+    void take(int64_t ticks, double value)
+    {
+        const int64_t half = 20'000'000 / rate;
+        target = v.ntp
+                     ? static_cast<int64_t>(ntp_to_ts(NtpWords(ticks).words) - double(kStart) - double(half))
+                     : ticks - half;
+        value = narrowed(value);
+        const bool isBad = std::isnan(value) || (v.knowsMark && value == kMark);
+        if (pending && callback && isBad)
+            setZero(std::exchange(invalid, 0.0));
+        while (instant(step) < target)
+            writeSample();
+        if (isBad || (v.needsCallback && !callback))
+            return;
+        if (v.zeroesFromValue && pending)
+            setZero(value);
+        deadline = instant(step + 1) + life;
+        if (!v.isDouble && !v.ntp)
+            held = fmaf(float(value), float(scale), float(offset));
+        else
+            held = std::fma(value, scale, v.isDouble ? offset : offset - zero);
+    }
+};
+
+TEST(SequentializedMessages, AgreeWithTheSlowWay)
+{
+    ErrorTrap errors;
+    const auto onZero = libvuRezeroCallback;
+    for (uint32_t seed = 0; seed < effort(1600, 240); seed++) {
+        SCOPED_TRACE(seed);
+        std::mt19937 random(seed);
+        const auto below = [&](int64_t n) { return static_cast<int64_t>(random()) % n; };
+        const int rates[] = {3, 7000, 1000, 1024, 44100, 20}, rate = rates[below(6)];
+        const int64_t period = 40'000'000 / rate;
+        const Variant &v = kVariants[seed % 4];
+        Stream stream(v, rate, 3.0 / rate, R"(,"scale":1.1,"offset":-0.3)", rate / 7.0);
+        Pipe *pipe = stream.listen();
+        Slow slow{v, rate, 7, stream->stale_ticks, 1.1, -0.3, -9.7};
+        int64_t now = 0;
+        for (int batch = 0; batch < 60 && !HasFailure(); batch++) {
+            if (below(6) == 0)
+                stream->rezero_pending = slow.pending = true;
+            slow.callback = below(5) != 0;
+            libvuRezeroCallback = slow.callback ? onZero : nullptr;
+            std::vector<std::pair<int64_t, double>> entries;
+            for (int64_t i = below(8); i > 0; i--) {
+                now = std::max(now + (below(20) ? below(3 * period) - period / 2 : below(40 * period)),
+                               int64_t{0});
+                const double odd = below(2) ? NAN : kMark;
+                entries.emplace_back(now, below(6) ? static_cast<double>(below(1 << 30)) / 1024 : odd);
+                slow.take(entries.back().first, entries.back().second);
+            }
+            stream.sendEntries(entries);
+            EXPECT_EQ(stream->rezero_pending != 0, slow.pending);
+            EXPECT_EQ(stream->held_value, slow.held);
+            EXPECT_EQ(stream->rezero_offset, slow.zero);
+            EXPECT_EQ(stream->invalid_value, slow.invalid);
+            EXPECT_EQ(stream->stale_deadline, slow.deadline);
+            EXPECT_EQ(stream->last_message_time, slow.target);
+            EXPECT_EQ(stream->sample_count, slow.step);
+            EXPECT_EQ(errors.rezeros(), std::exchange(slow.zeroes, {}));
+            EXPECT_EQ(stream.samples(pipe), std::exchange(slow.delivered, {}));
+        }
+    }
+    libvuRezeroCallback = onZero;
+}
+
+TEST(SequentializedMessages, CountOnWithoutConsumerAndWithoutMemory)
+{
+    ErrorTrap errors;
+    for (const Variant &v : kVariants) {
+        SCOPED_TRACE(v.kind);
+        Stream stream(v, 1000, 1.0); // frames of 100
+        stream.sendEntries({{40'000 * 150 + 25'000, 6.0}});
+        EXPECT_EQ(stream->sample_count, 151); // the last one lies beyond the half period
+        Pipe *pipe = stream.listen();
+        stream.sendEntries({{40'000 * 420, 7.0}});
+        const auto frames = takeFrames(pipe);
+        ASSERT_EQ(frames.size(), 3u);
+        EXPECT_EQ(frames[0].start, 100);
+        EXPECT_EQ(frames[2].aux, 300.0f);
+
+        AllocationFaults memory;
+        memory.failAt(0);
+        stream.sendEntries({{40'000 * 650, 8.0}, {40'000 * 651, 9.0}});
+        EXPECT_THAT(errors.texts(),
+                    ElementsAre("Can not allocate memory for frame", "Unable to create frame for channel s"));
+        EXPECT_EQ(stream->sample_count, 500);                // the frame in hand is full and gone
+        EXPECT_EQ(stream->clock.current_tick, 501 * 40'000); // that tick's sample is lost
+        EXPECT_EQ(stream->held_value, 7.0);                  // and so is the rest of the body
+        EXPECT_NE(stream->read_count, 0u);
+    }
+}
+
+TEST(SequentializedMessages, TakeAnyTimeAndStartAnNtpChannelThatHasNoStart)
+{
+    ErrorTrap errors;
+    Stream message(kVariants[0], 1000, 0.001);
+    message.sendEntries({{100'000, 1.0}, {INT64_MIN, 1.5}});
+    EXPECT_EQ(message->last_message_time, INT64_MIN);
+    EXPECT_EQ(message->stale_deadline, 159'999); // the sample at 120,000 lives, the one at 160,000 does not
+    EXPECT_EQ(message->held_value, 1.5);
+
+    Stream ntp(kVariants[2], 1000, 1.0);
+    for (const int64_t given : {int64_t{0}, INT64_MAX}) {
+        ntp->start_time = given;
+        ntp.sendEntries({{0, NAN}, {8'000, 3.0}});
+        EXPECT_EQ(ntp->start_time, given ? given : kStart);
+        EXPECT_EQ(ntp->sample_count, 0);
+        EXPECT_EQ(ntp->held_value, 3.0);
+    }
+}
+
+} // namespace

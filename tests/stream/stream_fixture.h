@@ -1,0 +1,84 @@
+// A module stream for tests: its records as a peer writes them, and a channel with signals.
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include "libvu/bus/can_signal.h"
+#include "libvu/stream/metainfo.h"
+#include "libvu/stream/stream_signal.h"
+#include "tests/support/allocation_faults.h"
+#include "tests/support/error_trap.h"
+#include "tests/support/interpose.h"
+#include "tests/support/node_fixture.h"
+
+namespace vu::test {
+
+using Texts = std::vector<std::string>;
+
+constexpr uint32_t kMetainfo = 2;
+constexpr uint32_t kStartSecond = 828'315'200; // since 2000; the tests' streams start there
+constexpr int64_t kStart = 71'000'000'000'000'000;
+
+// The size stands in a word of its own where it must, or is 0.
+inline Bytes streamRecord(uint32_t type, uint32_t number, std::span<const uint8_t> payload)
+{
+    const auto size = static_cast<uint32_t>(payload.size()), inHeader = size > 255 ? 0 : size;
+    Bytes bytes;
+    bytes.be(type << 28 | inHeader << 20 | number);
+    return (inHeader ? bytes : bytes.be(size)).add(payload);
+}
+inline Bytes metainfo(uint32_t number, std::string_view json)
+{
+    return streamRecord(kMetainfo, number, Bytes().zeros(4).add(json));
+}
+inline std::string subscribe(const std::string &names)
+{
+    return R"({"method":"subscribe","params":[)" + names + "]}";
+}
+inline std::string signalStanza(const std::string &name, const std::string &sampleRate = "100")
+{
+    return R"({"data_type":"float64","name":")" + name +
+           R"(","scale":9,"offset":9,"pipe_rate":20,"sample_rate":)" + sampleRate +
+           R"(,"invalid_data_output_value":-5,"stale_data_expiration_time":0.02})";
+}
+
+// Binds nothing by itself.
+struct StreamChannel : TestChannel {
+    explicit StreamChannel(const std::string &connector = "pd806h", const std::string &more = "")
+        : TestChannel(R"({"name":"m","data_type":"module","connector":")" + connector + '"' + more + '}')
+    {
+        node->start_time = kStart;
+        for (CanSignalNode *signal : {torque, speed, rawSpeed}) { // the last one made stands first
+            signal->proxy = node;
+            signal->next = node->cs_list;
+            node->cs_list = signal;
+        }
+        sendMarker();
+    }
+    ~StreamChannel()
+    {
+        for (CanSignalNode *signal : {rawSpeed, speed, torque}) {
+            freeSequentializer(signal->sequentializer);
+            free(signal->config);
+            free(signal->name);
+            free(signal);
+        }
+    }
+    Texts process(uint32_t number, std::string_view json)
+    {
+        process_metainfo(node, number, json.data(), static_cast<uint32_t>(json.size()));
+        return errors.texts();
+    }
+    CanSignalNode *bound(uint32_t number) const
+    {
+        return static_cast<const StreamSlot *>(node->channel_aux)[number].context;
+    }
+
+    CanSignalNode *rawSpeed = streamCANSignalInit(signalStanza("speed_raw").c_str());
+    CanSignalNode *speed = streamCANSignalInit(signalStanza("speed").c_str());
+    CanSignalNode *torque = streamCANSignalInit(signalStanza("torque").c_str());
+    ErrorTrap errors;
+    LogTrap log;
+};
+
+} // namespace vu::test

@@ -1,0 +1,163 @@
+#include <bit>
+#include <cmath>
+#include <random>
+
+#include "libvu/core/callbacks.h"
+#include "tests/stream/stream_fixture.h"
+#include "tests/support/effort.h"
+
+using namespace vu::test;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Pair;
+
+namespace {
+
+constexpr uint32_t kNoValue = 0x58E35FA9;
+
+struct Form {
+    const char *connector, *settings;
+    bool little, scaled;
+};
+const Form kForms[] = {{"pd806h", "", false, false},
+                       {"pd806k", "", true, false},
+                       {"pd806h", R"(,"scale":2.5,"offset":0.1)", false, true},
+                       {"x_pd806h_pd806k", R"(,"purpose":"p")", true, true}};
+
+Bytes sample(bool little, const uint32_t (&time)[2], float value)
+{
+    return little ? Bytes().le(time[1]).le(time[0]).le(value) : Bytes().be(time[0]).be(time[1]).be(value);
+}
+
+TEST(StreamRecords, AreTheSameWhereverTheyAreCut)
+{
+    const Bytes bind = metainfo(20, subscribe(R"("torque")"));
+    const auto value = [](float number) { return sample(false, {kStartSecond, 0}, number); };
+    Bytes stream = Bytes(bind).add(streamRecord(1, 20, value(7.0f))).add(streamRecord(0, 21, value(8.0f)));
+    stream.add(streamRecord(3, 3000, value(9.0f))).add(streamRecord(kMetainfo, 0, Bytes().zeros(3)));
+    stream.add(metainfo(16, R"({"method":"fill","params":[99]})" + std::string(300, ' ')));
+    for (size_t cut = 0; cut <= stream.size() && !HasFailure(); cut++) {
+        SCOPED_TRACE(cut);
+        StreamChannel channel;
+        channel.send(std::span(stream).first(cut));
+        channel.send(std::span(stream).subspan(cut));
+        EXPECT_EQ(channel.torque->sequentializer->value, 7.0);
+        EXPECT_EQ(channel.speed->sequentializer->value, -5.0);
+        EXPECT_THAT(channel.errors.texts(), ElementsAre("PD Stream buffers are full"));
+        EXPECT_THAT(channel.log.lines(), ElementsAre(Pair(12, HasSubstr("metainfo of 3 bytes"))));
+        EXPECT_EQ(channel->inbuf.size, 0u);
+    }
+    for (const uint32_t type : {0u, kMetainfo}) { // an empty payload leaves the rest to the next event
+        StreamChannel channel;
+        channel.send(Bytes(bind).add(streamRecord(type, 20, {})).add(streamRecord(0, 20, value(3.0f))));
+        EXPECT_EQ(channel.torque->sequentializer->value, -5.0);
+        channel->reader(channel.node); // reads nothing
+        EXPECT_EQ(channel.torque->sequentializer->value, 3.0);
+    }
+}
+
+TEST(StreamRecords, OfImpossibleSizeEndTheStreamAndNothingElse)
+{
+    for (const uint32_t size : {0x80000000u, 0xFFFFFFFFu, 0x7FFFFFF0u}) {
+        StreamChannel channel;
+        AllocationFaults memory;
+        const bool isPossible = size < 0x80000000; // but no memory can be had for it now
+        if (isPossible)
+            memory.failAt(0);
+        channel.send(Bytes().be(16u).be(size).zeros(100));
+        EXPECT_THAT(channel.errors.texts(),
+                    ElementsAre(HasSubstr(isPossible ? "realloc()" : std::to_string(size))));
+        EXPECT_EQ(channel->state, isPossible ? PROXY_NODE_RECORDS_FLOW : PROXY_NODE_DISCARDS);
+        EXPECT_EQ(channel->disconnected, 0);
+    }
+}
+
+// Every call that the samples make, told a second time in plain words to a stream of its own.
+TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
+{
+    for (const Form &form : kForms) {
+        SCOPED_TRACE(form.connector);
+        StreamChannel channel(form.connector, form.settings);
+        channel.process(16, subscribe(R"("torque")"));
+        CanSignalNode *signal = channel.torque;
+        Sequentializer *slow = createSequentializer(8, 20, 100, 0.02, -5);
+        PipeList list{};
+        slow->pipes = &list;
+        Pipe *const pipes[] = {pipeAttachPipe(&signal->pipes), pipeAttachPipe(&list)};
+        const auto onZero = libvuRezeroCallback;
+        const AllocationFaults memory;
+        std::mt19937 random(5);
+        double time = -0.5, zero = 0;
+        for (int64_t batch = 0; batch < effort(20'000, 2'000) && !HasFailure(); batch++) {
+            signal->rezero_pending = random() % 8 == 0;
+            libvuRezeroCallback = random() % 2 ? onZero : nullptr;
+            Bytes payload;
+            for (uint32_t i = 0, count = 1 + random() % 4; i < count; i++) {
+                time += static_cast<double>(random() % 30'000) * 1e-6;
+                const uint32_t words[2] = {static_cast<uint32_t>(kStartSecond + int64_t(std::floor(time))),
+                                           static_cast<uint32_t>((time - std::floor(time)) * 0x1p32)};
+                const bool isZero = form.scaled && i == 0 && signal->rezero_pending && libvuRezeroCallback;
+                const auto odd = isZero || random() % 2 ? std::bit_cast<float>(kNoValue) : NAN;
+                const auto value = random() % 8 ? static_cast<float>(random()) * 1e-6f : odd;
+                payload.add(sample(form.little, words, value));
+
+                const bool isValue = std::bit_cast<uint32_t>(value) != kNoValue;
+                if (isZero)
+                    zero = isValue ? double{value} : std::exchange(slow->invalid_value, 0.0);
+                const double ticks = std::trunc(ntp_to_ts(words) - double(kStart));
+                const auto offset = static_cast<float>(double(static_cast<float>(channel->offset)) - zero);
+                const float scaled = fmaf(value, static_cast<float>(channel->scale), offset);
+                if (isValue)
+                    sequentialize_value(slow, ticks, form.scaled ? scaled : value);
+                else
+                    sequentialize(slow, ticks);
+            }
+            channel.send(streamRecord(random() % 2, 16, payload.zeros(random() % 12)));
+            EXPECT_EQ(signal->rezero_offset, zero);
+            EXPECT_EQ(signal->sequentializer->invalid_value, slow->invalid_value);
+            EXPECT_THAT(takeSamples<double>(pipes[0]),
+                        testing::Pointwise(testing::NanSensitiveDoubleEq(), takeSamples<double>(pipes[1])));
+        }
+        libvuRezeroCallback = onZero;
+        EXPECT_EQ(channel.errors.rezeros().empty(), !form.scaled);
+        EXPECT_EQ(memory.count(), 0);
+        EXPECT_GT(signal->sequentializer->sample_count, 1000);
+        freeSequentializer(slow);
+    }
+}
+
+TEST(StreamSamples, ZeroFromTheRawValueAndKeepTimeWordsInHostOrder)
+{
+    StreamChannel channel;
+    CanSignalNode *signal = channel.speed;
+    Bytes payload;
+    for (const double wanted : {7.0, 4.0}) {
+        payload = sample(true, {kStartSecond, 5}, 3.0f).zeros(1); // the rest of a sample is ignored
+        streamProcessCANSignalScaleOffsetLE(signal, payload.data(), 13, 2.0f, 1.0f);
+        EXPECT_EQ(signal->sequentializer->value, wanted);
+        signal->rezero_pending = 1;
+    }
+    EXPECT_THAT(channel.errors.rezeros(), ElementsAre(Pair("speed", 3.0)));
+    streamProcessCANSignalNoScaling(signal, payload.data(), 11, 1.0f, 0.0f);
+    signal->proxy = nullptr; // a host that forgot it loses the samples and nothing else
+    streamProcessCANSignalNoScaling(signal, payload.data(), 12, 1.0f, 0.0f);
+    EXPECT_EQ(signal->sequentializer->value, 4.0);
+    EXPECT_EQ(payload, Bytes().le(kStartSecond).le(5u).le(3.0f).zeros(1));
+}
+
+TEST(StreamSignal, NeedsEveryKeyAndAUsableRate)
+{
+    ErrorTrap errors;
+    for (const std::string key : {"scale", "offset", "pipe_rate", "sample_rate", "invalid_data_output_value",
+                                  "stale_data_expiration_time"}) {
+        std::string stanza = signalStanza("a%s");
+        stanza.replace(stanza.find(key), key.size(), "other");
+        EXPECT_EQ(streamCANSignalInit(stanza.c_str()), nullptr);
+        EXPECT_EQ(errors.texts(), Texts{"a%s:  Can not find parameter '" + key +
+                                        "' or is not expected type.\n" + stanza + "\n"});
+    }
+    EXPECT_EQ(streamCANSignalInit(signalStanza("a", "0").c_str()), nullptr);
+    EXPECT_THAT(errors.texts(), ElementsAre("Invalid sample rate: 0", "a:  Unable to create sequentializer"));
+}
+
+} // namespace
