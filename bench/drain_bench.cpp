@@ -1,0 +1,174 @@
+// Sockets filled beforehand, drained into frames: beside the same drain that only reads. Both take turns in
+// the same run, so they see the same noise; "of_read_only" is the ratio of their medians.
+#include <algorithm>
+#include <benchmark/benchmark.h>
+#include <chrono>
+#include <cstdlib>
+#include <ev.h>
+#include <functional>
+#include <malloc.h>
+#include <memory>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+#include "libvu/core/wire_private.h"
+#include "libvu/proxy/proxy_node.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr size_t kBuffer = 65536; // of either side
+
+struct Sockets {
+    int ends[2];
+    Sockets()
+    {
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends))
+            std::abort();
+    }
+    ~Sockets() { close(ends[0]), close(ends[1]); }
+    Sockets(const Sockets &) = delete;
+    void send(const std::vector<uint8_t> &bytes) const
+    {
+        if (write(ends[1], bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+            std::abort();
+    }
+};
+
+// A float32 channel in frames of 1000. For the limit its watcher is lent to a callback that makes the one
+// read of an event, into the same buffer, and nothing else.
+struct Channel {
+    Sockets sockets;
+    ProxyNode *node;
+    Pipe *pipe;
+    static inline int64_t received = 0; // bytes, by all channels on loan
+
+    Channel()
+        : node(proxyNode_Create(
+              R"({"name":"n","data_type":"sequential_float32","connector":"c","sample_rate":16384})",
+              sockets.ends[0], 16.384)),
+          pipe(pipeAttachPipe(&node->pipes))
+    {
+        sockets.send({0xFE, 0xED});
+        ev_run(ev_default_loop(0), EVRUN_NOWAIT);
+        if (node->state != PROXY_NODE_RECORDS_FLOW || node->inbuf.capacity != kBuffer)
+            std::abort();
+    }
+    ~Channel()
+    {
+        ev_io_stop(ev_default_loop(0), node->watcher);
+        pipeDetachPipe(&node->pipes, pipe);
+        frameDelete(node->frame);
+        for (void *owned : {static_cast<void *>(node->inbuf.buf), static_cast<void *>(node->name),
+                            static_cast<void *>(node->watcher), static_cast<void *>(node)})
+            std::free(owned);
+    }
+    static void readOnly(struct ev_loop *, ev_io *watcher, int)
+    {
+        const ProxyNode &node = *static_cast<const ProxyNode *>(watcher->data);
+        received += read(node.fd, node.inbuf.buf, node.inbuf.capacity);
+    }
+    void lend(bool lent) const { ev_set_cb(node->watcher, lent ? readOnly : proxyNode_IoEvent); }
+};
+using Channels = std::vector<std::unique_ptr<Channel>>;
+
+Channels openChannels(size_t count)
+{
+    Channels channels;
+    for (size_t i = 0; i < count; i++)
+        channels.push_back(std::make_unique<Channel>());
+    return channels;
+}
+
+double seconds(const std::function<void()> &work)
+{
+    const auto start = Clock::now();
+    work();
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double median(std::vector<double> &values)
+{
+    const auto middle = values.begin() + static_cast<ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+// A host that records for hours keeps its heap: otherwise every flush of queued frames gives their pages back
+// to the system, and the next frames fault them in again, which the read-only side never has to.
+void keepHeap()
+{
+    mallopt(M_TRIM_THRESHOLD, 256 << 20);
+    mallopt(M_MMAP_THRESHOLD, 256 << 20);
+}
+
+// Arguments: channels, bytes of a record with its length word, records waiting in each socket.
+void Drain(benchmark::State &state)
+{
+    const auto count = static_cast<size_t>(state.range(0));
+    const auto waiting = static_cast<size_t>(state.range(2));
+    std::vector<uint8_t> record(static_cast<size_t>(state.range(1)));
+    vu::storeBig(record.data(), static_cast<uint32_t>(record.size() - 4));
+    keepHeap();
+    struct ev_loop *const loop = ev_default_loop(0);
+    const Channels channels = openChannels(count);
+    const auto bytes = static_cast<int64_t>(count * waiting * record.size());
+    const auto samples = static_cast<int64_t>(waiting * (record.size() - 12) / 4); // of a channel
+    // One write a record, as an acquisition process sends them.
+    const auto fill = [&](bool forTheLimit) {
+        for (const auto &channel : channels) {
+            channel->lend(forTheLimit);
+            for (size_t i = 0; i < waiting; i++)
+                channel->sockets.send(record);
+        }
+    };
+    const auto wantMore = [&](int64_t expected) {
+        return channels.back()->node->sample_count < expected ||
+               channels.front()->node->sample_count < expected;
+    };
+    int64_t expected = 0;
+    std::vector<double> readOnly, framed;
+    for (auto _ : state) {
+        fill(true);
+        Channel::received = 0;
+        readOnly.push_back(seconds([&] {
+            while (Channel::received < bytes)
+                ev_run(loop, EVRUN_NOWAIT);
+        }));
+        fill(false);
+        expected += samples;
+        framed.push_back(seconds([&] {
+            while (wantMore(expected))
+                ev_run(loop, EVRUN_NOWAIT);
+        }));
+        state.SetIterationTime(framed.back());
+        for (const auto &channel : channels)
+            pipeFlushFrames(channel->pipe);
+    }
+    const auto records = static_cast<double>(state.iterations()) * static_cast<double>(count * waiting);
+    state.counters["records"] = benchmark::Counter(records, benchmark::Counter::kIsRate);
+    state.counters["of_read_only"] = median(readOnly) / median(framed);
+}
+BENCHMARK(Drain)
+    ->ArgNames({"channels", "record", "waiting"})
+    ->ArgsProduct({{1, 16, 256}, {20}, {1, 100}})
+    ->ArgsProduct({{1, 16, 256}, {412}, {1, 50}})
+    ->ArgsProduct({{1, 16, 256}, {4012}, {1, 20}})
+    ->UseManualTime();
+
+// What a node that waits costs: the heap's growth, a node's sockets left out.
+void IdleNode(benchmark::State &state)
+{
+    constexpr size_t kNodes = 256;
+    for (auto _ : state) {
+        const size_t before = mallinfo2().uordblks;
+        const Channels channels = openChannels(kNodes);
+        const size_t grown = mallinfo2().uordblks - before;
+        state.counters["bytes"] = static_cast<double>(grown) / kNodes;
+        state.counters["of_them_inbuf"] = kBuffer;
+    }
+}
+BENCHMARK(IdleNode)->Iterations(1);
+
+} // namespace

@@ -1,0 +1,44 @@
+// Two pieces of work in turn, so that both see the same noise, and the ratio of their medians.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <vector>
+
+namespace vu::bench {
+
+class Turns {
+public:
+    template <typename Limit>
+    void limit(Limit &&limit)
+    {
+        time(limits_, limit);
+    }
+    template <typename Work>
+    void work(Work &&work)
+    {
+        time(works_, work);
+    }
+    // How much of the limit's speed the work has.
+    double ratio() const { return median(limits_) / median(works_); }
+    double lastWork() const { return works_.back(); }
+
+private:
+    template <typename Work>
+    static void time(std::vector<double> &seconds, Work &&work)
+    {
+        const auto start = std::chrono::steady_clock::now();
+        work();
+        seconds.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+    static double median(std::vector<double> seconds)
+    {
+        const auto middle = seconds.begin() + static_cast<ptrdiff_t>(seconds.size() / 2);
+        std::nth_element(seconds.begin(), middle, seconds.end());
+        return *middle;
+    }
+
+    std::vector<double> limits_, works_;
+};
+
+} // namespace vu::bench
