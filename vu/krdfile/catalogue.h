@@ -1,0 +1,104 @@
+// What a data file says of itself: the catalogue in its first block, the closing block at its end.
+#pragma once
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "vu/krdfile/bytes.h"
+
+namespace vu::krd {
+
+using OrderedJson = nlohmann::ordered_json;
+
+// A block whose checksum is right and whose text is not what the format says.
+struct FormatError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+enum class Kind { kSequential, kRaw, kText, kCan, kFloat, kFloatNtp, kUnknown };
+enum class Element {
+    kFloat32,
+    kFloat64,
+    kInt8,
+    kUint8,
+    kInt16,
+    kUint16,
+    kInt32,
+    kUint32,
+    kInt64,
+    kUint64,
+    kCan,
+    kBytes,
+    kUnknown
+};
+
+struct Channel {
+    uint32_t group = 0;
+    std::string name;
+    std::string kindName; // as the file has it, and the next two
+    std::string elementName;
+    std::string encodingName;
+    Kind kind = Kind::kUnknown; // kUnknown: of a later version; its blocks can be copied, not read
+    Element element = Element::kUnknown;
+    bool runLength = false;
+    double sampleRate = 0.0;  // Hz; 0 for message channels
+    uint32_t elementSize = 0; // bytes of one element; 0 where elements differ in length
+    double scale = 1.0;       // value = stored x scale + offset
+    double offset = 0.0;
+    std::string unit;
+    int32_t blockType = 0;
+    bool hasPosition = true;
+    std::string parent; // the channel it was decoded from, or empty
+
+    bool periodic() const { return kind == Kind::kSequential; }
+    bool identity() const { return scale == 1.0 && offset == 0.0; }
+    // Bytes of position and auxiliary field before the samples of a block.
+    uint32_t leadingBytes() const;
+    // Bytes of one stored value; 0 if the element is no number.
+    uint32_t valueSize() const;
+};
+
+struct Catalogue {
+    std::string test;
+    std::string startTime; // local time, as the test was given it
+    int64_t ticksPerSecond = 0;
+    std::vector<Channel> channels;
+
+    const Channel *byGroup(uint32_t group) const;
+};
+
+struct LedgerEntry {
+    uint32_t group = 0;
+    std::string name;
+    uint64_t received = 0; // elements, and so the next two
+    uint64_t stored = 0;
+    std::map<std::string, uint64_t> discarded; // by cause
+
+    uint64_t discardedSum() const;
+};
+
+struct Closing {
+    std::string end; // why the recording ended
+    double seconds = 0.0;
+    std::vector<LedgerEntry> ledger;
+    OrderedJson events = OrderedJson::array();
+    std::vector<uint64_t> indexBlocks; // file offsets
+    OrderedJson catalogue;             // a second copy, or null
+
+    const LedgerEntry *byGroup(uint32_t group) const;
+    // A full disk leaves index entries for blocks that were never written.
+    bool diskWasFull() const;
+};
+
+// All throw FormatError.
+Catalogue parseCatalogue(Bytes payload);
+Catalogue catalogueFromJson(const OrderedJson &json);
+Closing parseClosing(Bytes payload);
+OrderedJson toJson(const Channel &channel);
+OrderedJson toJson(const Catalogue &catalogue);
+OrderedJson toJson(const Closing &closing);
+
+} // namespace vu::krd

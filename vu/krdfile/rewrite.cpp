@@ -1,0 +1,188 @@
+#include "vu/krdfile/rewrite.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <zlib.h>
+
+#include "libvu/datafile/krd_format.h"
+#include "vu/krdfile/check.h"
+
+namespace vu::krd {
+
+namespace {
+
+constexpr size_t kEntriesPerIndexBlock = 4096;
+
+// Channels that nothing is known of, one for each group that has blocks.
+Catalogue inventedCatalogue(const Recording &damaged)
+{
+    Catalogue catalogue;
+    catalogue.ticksPerSecond = 40'000'000;
+    for (const auto &[group, blocks] : damaged.groups) {
+        if (group < KRD_GROUP_FIRST_CHANNEL)
+            continue;
+        Channel channel;
+        channel.group = group;
+        const LedgerEntry *entry = damaged.closing ? damaged.closing->byGroup(group) : nullptr;
+        channel.name = entry ? entry->name : fmt::format("group_{}", group);
+        channel.kindName = channel.elementName = "unknown";
+        channel.encodingName = "plain";
+        catalogue.channels.push_back(std::move(channel));
+    }
+    return catalogue;
+}
+
+// The ledger of what is left: what the old one called stored and nobody can find is discarded by damage. If
+// the old one is lost too, only the gaps between sample numbers tell.
+LedgerEntry ledgerOf(const ChannelCheck &found, const LedgerEntry *old)
+{
+    LedgerEntry entry;
+    entry.group = found.group;
+    entry.name = found.name;
+    entry.stored = found.elements;
+    if (old)
+        entry.discarded = old->discarded;
+    const uint64_t lost = !old ? found.gaps : old->stored > found.elements ? old->stored - found.elements : 0;
+    if (lost > 0)
+        entry.discarded["damage"] += lost;
+    entry.received = entry.stored + entry.discardedSum();
+    return entry;
+}
+
+class Rewriter {
+public:
+    Rewriter(const Recording &damaged, const ByteSink &sink)
+        : damaged_(damaged), sink_(sink), invented_(!damaged.catalogue)
+    {
+        if (invented_)
+            damaged_.catalogue = inventedCatalogue(damaged);
+    }
+
+    void run();
+
+private:
+    void catalogueBlock();
+    void indexBlocks();
+    void closingBlock();
+    void put(uint32_t group, const std::string &payload);
+    void copy(Bytes bytes)
+    {
+        sink_(bytes);
+        offset_ += bytes.size();
+    }
+
+    Recording damaged_; // with a catalogue, whatever it was found with
+    const ByteSink &sink_;
+    bool invented_;
+    uint64_t offset_ = 0; // in the new file
+    std::vector<std::pair<uint64_t, uint32_t>> entries_;
+    Closing closing_;
+};
+
+void appendBig(std::string &to, uint64_t value, int bytes)
+{
+    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
+        to += static_cast<char>(value >> shift & 0xFF);
+}
+
+Bytes asBytes(const std::string &text)
+{
+    return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
+
+void Rewriter::put(uint32_t group, const std::string &payload)
+{
+    std::string block;
+    appendBig(block, payload.size() + KRD_FRAMING_SIZE, 4);
+    appendBig(block, group, 4);
+    block += KRD_TAG;
+    block += payload;
+    const uLong checksum = crc32_z(crc32_z(0, nullptr, 0), asBytes(block).data(), block.size());
+    appendBig(block, checksum, 4);
+    appendBig(block, payload.size() + KRD_FRAMING_SIZE, 4);
+    copy(asBytes(block));
+}
+
+void Rewriter::catalogueBlock()
+{
+    if (invented_ || damaged_.catalogueIsCopy)
+        put(KRD_GROUP_CATALOGUE, toJson(*damaged_.catalogue).dump());
+    else
+        copy(damaged_.blocks.front().whole);
+}
+
+void Rewriter::indexBlocks()
+{
+    for (size_t from = 0; from < entries_.size(); from += kEntriesPerIndexBlock) {
+        std::string payload;
+        for (size_t i = from; i < std::min(from + kEntriesPerIndexBlock, entries_.size()); ++i) {
+            appendBig(payload, entries_[i].first, 8);
+            appendBig(payload, entries_[i].second, 4);
+        }
+        closing_.indexBlocks.push_back(offset_);
+        put(KRD_GROUP_INDEX, payload);
+    }
+}
+
+void Rewriter::closingBlock()
+{
+    const auto &old = damaged_.closing;
+    closing_.end = old ? old->end : "unknown";
+    closing_.seconds = old ? old->seconds : 0.0;
+    for (const ChannelCheck &channel : check(damaged_).channels) {
+        const LedgerEntry *entry = old ? old->byGroup(channel.group) : nullptr;
+        // The elements of invented channels can not be counted: what the old ledger says of them stays.
+        closing_.ledger.push_back(invented_ && entry ? *entry : ledgerOf(channel, entry));
+    }
+    if (old)
+        closing_.events = old->events;
+    closing_.events.push_back(
+        {{"time", closing_.seconds},
+         {"kind", "recovered"},
+         {"channel", ""},
+         {"text", fmt::format("{} bytes were damaged in {} places, {} of an unfinished block",
+                              damaged_.damagedBytes, damaged_.damage.size(), damaged_.unfinishedBytes)}});
+    if (old)
+        closing_.catalogue = old->catalogue;
+    put(KRD_GROUP_CATALOGUE, toJson(closing_).dump());
+}
+
+void Rewriter::run()
+{
+    catalogueBlock();
+    for (const Block &block : damaged_.blocks) {
+        if (block.group < KRD_GROUP_FIRST_CHANNEL)
+            continue;
+        entries_.emplace_back(offset_, block.group);
+        copy(block.whole);
+    }
+    indexBlocks();
+    closingBlock();
+}
+
+} // namespace
+
+void rewrite(const Recording &damaged, const ByteSink &sink)
+{
+    Rewriter(damaged, sink).run();
+}
+
+std::string compareRewritten(const Recording &damaged, const Recording &rewritten)
+{
+    if (rewritten.damagedBytes + rewritten.unfinishedBytes > 0 || !rewritten.closing || !rewritten.catalogue)
+        return "the new file is not whole";
+    const auto ofChannels = [](const Recording &recording) {
+        std::vector<Block> blocks;
+        std::ranges::copy_if(recording.blocks, std::back_inserter(blocks),
+                             [](const Block &block) { return block.group >= KRD_GROUP_FIRST_CHANNEL; });
+        return blocks;
+    };
+    const auto same = [](const Block &one, const Block &other) {
+        return std::ranges::equal(one.whole, other.whole);
+    };
+    if (!std::ranges::equal(ofChannels(damaged), ofChannels(rewritten), same))
+        return "the new file does not hold the blocks of the old one";
+    return {};
+}
+
+} // namespace vu::krd

@@ -1,0 +1,97 @@
+// `vu verify`: every byte of a data file held against what the file says.
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <memory>
+
+#include "vu/command.h"
+#include "vu/krdfile/check.h"
+#include "vu/krdfile/text.h"
+
+namespace vu::krd {
+
+namespace {
+
+struct VerifyOptions {
+    std::string file;
+    bool json = false;
+};
+
+OrderedJson toJson(const Recording &recording, const Check &found, const std::string &file)
+{
+    OrderedJson json = {{"file", file},
+                        {"bytes", recording.file.size()},
+                        {"sound", found.sound()},
+                        {"blocks", recording.blocks.size()},
+                        {"closed", recording.closing.has_value()},
+                        {"damaged_bytes", recording.damagedBytes},
+                        {"damage", OrderedJson::array()},
+                        {"unfinished_bytes", recording.unfinishedBytes},
+                        {"index",
+                         {{"blocks", found.indexBlocks},
+                          {"entries", found.indexEntries},
+                          {"dangling_entries", found.danglingEntries},
+                          {"unlisted_blocks", found.unlistedBlocks}}},
+                        {"channels", OrderedJson::array()},
+                        {"problems", found.problems}};
+    for (const Damage &damage : recording.damage)
+        json["damage"].push_back({{"offset", damage.offset}, {"bytes", damage.bytes}});
+    for (const ChannelCheck &channel : found.channels) {
+        OrderedJson entry = {{"group", channel.group},
+                             {"name", channel.name},
+                             {"blocks", channel.blocks},
+                             {"elements", channel.elements},
+                             {"missing_samples", channel.gaps}};
+        if (channel.inLedger)
+            entry["stored"] = channel.stored;
+        json["channels"].push_back(std::move(entry));
+    }
+    return json;
+}
+
+void print(const Recording &recording, const Check &found, const std::string &file)
+{
+    fmt::print("{}: {}, {} whole blocks, {} channels, {} index entries in {} blocks\n", file,
+               sizeText(recording.file.size()), recording.blocks.size(), found.channels.size(),
+               found.indexEntries, found.indexBlocks);
+    for (const std::string &problem : found.problems)
+        fmt::print("  {}\n", problem);
+    if (found.sound() && found.danglingEntries > 0)
+        fmt::print("  {} index entries point at blocks that the full disk did not take\n",
+                   found.danglingEntries);
+    if (found.sound())
+        fmt::print("whole: every checksum, index entry, sample number and ledger line agrees\n");
+    else if (recording.damagedBytes > 0)
+        fmt::print("damaged: {} bytes; 'vu recover {}' makes a whole file of the rest\n",
+                   recording.damagedBytes, file);
+    else
+        fmt::print("not damaged, and not complete; 'vu recover {}' makes a whole file of it\n", file);
+}
+
+int verify(const VerifyOptions &options)
+{
+    const MappedFile file(options.file);
+    const Recording recording = scan(file.bytes(), options.file);
+    const Check found = check(recording);
+    if (options.json)
+        fmt::print("{}\n", toJson(recording, found, options.file).dump(2));
+    else
+        print(recording, found, options.file);
+    return found.sound() ? kDone : kDataMissing;
+}
+
+} // namespace
+
+} // namespace vu::krd
+
+void vu::addVerify(CLI::App &app, Action &chosen)
+{
+    auto *command =
+        app.add_subcommand("verify", "Proves every block, index entry and ledger line of a data file");
+    command->footer(
+        "Exit status 0: the file is whole and agrees with itself; 3: something is damaged or missing.\n"
+        "Example: vu verify drive.krd");
+    const auto options = std::make_shared<krd::VerifyOptions>();
+    command->add_option("FILE", options->file, "The data file")->required();
+    command->add_flag("--json", options->json, "Answer with JSON");
+    command->callback([&chosen, options] { chosen = [options] { return krd::verify(*options); }; });
+}
