@@ -1,0 +1,59 @@
+#include "vu/command.h"
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <fmt/format.h>
+
+#include "vu/source/kinds.h"
+
+namespace vu {
+
+const ServeOptions &CommonOptions::settled()
+{
+    if (endian == "big")
+        serve.endian = Endian::Big;
+    else if (endian == "little")
+        serve.endian = Endian::Little;
+    else
+        throw InputError(fmt::format("--endian: expected big or little, got '{}'", endian));
+    if (!(serve.speed >= 0.0) || std::isinf(serve.speed))
+        throw InputError(fmt::format("--speed: expected 0 or more, got {}", serve.speed));
+    if (!(serve.duration >= 0.0))
+        throw InputError(fmt::format("--duration: expected seconds, 0 or more, got {}", serve.duration));
+    serve.faults = parseFaults(faults);
+    return serve;
+}
+
+std::shared_ptr<CommonOptions> addCommonOptions(CLI::App &kind)
+{
+    auto common = std::make_shared<CommonOptions>();
+    ServeOptions &serve = common->serve;
+    const auto group = [](CLI::Option *option) { option->group("Channel"); };
+    group(kind.add_option("--listen", serve.listen,
+                          "unix:PATH or tcp:HOST:PORT; with port 0 the chosen address is printed")
+              ->required());
+    group(kind.add_option("--data-type", serve.dataType, "data_type of the channel's stanza"));
+    group(kind.add_option("--connector", serve.connector, "connector of the channel's stanza"));
+    group(kind.add_option("--sample-rate", serve.sampleRate, "samples per second"));
+    group(kind.add_option("--endian", common->endian, "byte order of the samples: big or little [little]"));
+    group(kind.add_option("--speed", serve.speed,
+                          "1 is real time, 10 ten times as fast, 0 as fast as it is taken [1]"));
+    group(kind.add_option("--duration", serve.duration, "seconds of the source's time [all there is]"));
+    group(kind.add_option("--seed", serve.seed, "of everything random [1]"));
+    group(kind.add_option("--faults", common->faults,
+                          fmt::format("misbehave: {}. N counts records", FaultSpec::help())));
+    return common;
+}
+
+void addSource(CLI::App &app, Action &chosen)
+{
+    CLI::App *source = app.add_subcommand(
+        "source", "Serves one channel on a socket, as an acquisition process does\n"
+                  "Example: vu source sim --listen unix:run/vib.sock --data-type sequential_float32 "
+                  "--sample-rate 1000 --signal sine --frequency 50");
+    source->require_subcommand(1);
+    for (const auto add : {addSim, addWav, addCsv, addCandump, addCan, addNmea})
+        add(*source, chosen);
+}
+
+} // namespace vu
