@@ -43,11 +43,17 @@ void OutputFile::write(std::string_view bytes)
     out_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
-void OutputFile::finish()
+const std::filesystem::path &OutputFile::flushed()
 {
     out_.flush();
     if (!out_)
         fail(path_, "can not be written");
+    return temporary_;
+}
+
+void OutputFile::finish()
+{
+    flushed();
     std::error_code error;
     std::filesystem::rename(temporary_, path_, error);
     if (error)

@@ -19,6 +19,8 @@ public:
     OutputFile &operator=(const OutputFile &) = delete;
 
     void write(std::string_view bytes);
+    // Flushes and checks every write so far. Returns where the file stands until finish(), to read it again.
+    const std::filesystem::path &flushed();
     // Flushes, checks every write so far, and gives the file its name.
     void finish();
 

@@ -1,0 +1,64 @@
+#include "vu/record/run.h"
+
+#include <csignal>
+#include <fmt/format.h>
+#include <stdexcept>
+
+#include "vu/record/connect.h"
+#include "vu/record/session.h"
+#include "vu/record/summary.h"
+#include "vu/record/zero.h"
+
+namespace vu {
+
+namespace {
+
+// Between two tries to connect: a source that has ended will never listen.
+void checkAlive(const Channel &channel, Children &children, const EndSignals &signals)
+{
+    ev_run(ev_default_loop(0), EVRUN_NOWAIT);
+    const Children::Child *child = children.find(channel.name);
+    if (child && !child->running)
+        throw std::runtime_error(fmt::format("{}: its source ended with {} before it listened", channel.name,
+                                             describeEnd(child->status)));
+    if (signals.arrived())
+        throw std::runtime_error("stopped before the recording began");
+}
+
+} // namespace
+
+int recordTest(const Description &test, const RecordOptions &options)
+{
+    setHostCallbacks({});
+    for (const int broken : {SIGPIPE, SIGXFSZ}) // a source or a disk that is gone is told by the call's result
+        std::signal(broken, SIG_IGN);
+    EndSignals signals;
+    Events events;
+    DataFile file(test.file, options.force);
+
+    Children children;
+    for (const Channel &channel : test.channels)
+        if (options.start_sources && channel.source)
+            children.start(channel);
+    auto channels = makeChannels(
+        test, connectAll(test, [&](const Channel &channel) { checkAlive(channel, children, signals); }));
+
+    std::vector<Track> tracks;
+    for (const auto &channel : channels)
+        for (Track &track : channel->tracks())
+            tracks.push_back(std::move(track));
+    Watch watch(test, tracks);
+    for (Track &track : watch.tracks())
+        tracks.push_back(std::move(track));
+    file.begin(test, tracks);
+
+    const ZeroLines zeroes(tracks);
+    Session session({test, events, file, watch, children, signals, channels});
+    const char *end = session.run();
+    const double seconds = events.seconds();
+    file.finish(end, events);
+    printSummary(test, file, events, {end, seconds, std::filesystem::file_size(file.path())}, options.json);
+    return recordingStatus(file, events);
+}
+
+} // namespace vu

@@ -1,0 +1,154 @@
+#include "vu/record/session.h"
+
+#include <csignal>
+#include <fmt/format.h>
+#include <string_view>
+
+#include "vu/record/host_callbacks.h"
+
+namespace vu {
+
+namespace {
+
+constexpr uint64_t kWaitingBytes = 64 << 20; // more than this is written at once
+constexpr double kDrainSeconds = 2.0;        // for a source to send its rest after "Stop"
+constexpr double kEndSeconds = 2.0;          // and to end
+
+} // namespace
+
+EndSignals::EndSignals()
+{
+    constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP};
+    for (size_t i = 0; i < std::size(watchers_); i++) {
+        ev_signal_init(&watchers_[i], onSignal, numbers[i]);
+        watchers_[i].data = this;
+        ev_signal_start(ev_default_loop(0), &watchers_[i]);
+    }
+}
+
+EndSignals::~EndSignals()
+{
+    for (ev_signal &watcher : watchers_)
+        ev_signal_stop(ev_default_loop(0), &watcher);
+}
+
+void EndSignals::onSignal(struct ev_loop *loop, ev_signal *watcher, int)
+{
+    static_cast<EndSignals *>(watcher->data)->arrived_ = true;
+    ev_break(loop, EVBREAK_ALL);
+}
+
+Session::Session(Recording recording)
+    : recording_(recording), progress_(recording.test, recording.file),
+      sources_(recording.channels, recording.children, recording.events), loop_(ev_default_loop(0))
+{
+    ev_timer_init(&tick_, onTick, recording_.test.flush_interval, recording_.test.flush_interval);
+    ev_timer_init(&deadline_, onDeadline, 0.0, 0.0);
+    ev_check_init(&iteration_, onIteration);
+    tick_.data = deadline_.data = iteration_.data = this;
+}
+
+Session::~Session()
+{
+    ev_timer_stop(loop_, &tick_);
+    ev_timer_stop(loop_, &deadline_);
+    ev_check_stop(loop_, &iteration_);
+    setHostCallbacks({});
+}
+
+void Session::setCallbacks()
+{
+    Events &events = recording_.events;
+    setHostCallbacks({[&events](const char *text) {
+                          const bool lost = std::string_view(text).starts_with("Error on connection");
+                          events.add(lost ? "source_lost" : "error", "", text);
+                      },
+                      [&events](const char *name, double zero) {
+                          events.add("zero", name, fmt::format("is zeroed at {:g}", zero), zero);
+                      },
+                      {}}); // the end of a connection is noticed by its node
+}
+
+void Session::onTick(struct ev_loop *, ev_timer *timer, int)
+{
+    auto *self = static_cast<Session *>(timer->data);
+    self->takeIn();
+    self->progress_.show();
+}
+
+// Runs after every round of the loop, behind the readers.
+void Session::onIteration(struct ev_loop *loop, ev_check *watcher, int)
+{
+    auto *self = static_cast<Session *>(watcher->data);
+    if (self->recording_.file.waitingBytes() > kWaitingBytes)
+        self->takeIn();
+    self->sources_.look(self->stopping_);
+    if (self->sources_.allEnded() && !(self->stopping_ && self->recording_.children.anyRunning()))
+        ev_break(loop, EVBREAK_ALL);
+}
+
+void Session::onDeadline(struct ev_loop *loop, ev_timer *timer, int)
+{
+    static_cast<Session *>(timer->data)->deadline_over_ = true;
+    ev_break(loop, EVBREAK_ALL);
+}
+
+void Session::takeIn()
+{
+    recording_.watch.run(recording_.events);
+    recording_.file.flush(false, recording_.events);
+}
+
+void Session::runUntil(double seconds)
+{
+    ev_now_update(loop_);
+    deadline_over_ = false;
+    ev_timer_stop(loop_, &deadline_);
+    if (seconds > 0.0) {
+        ev_timer_set(&deadline_, seconds, 0.0);
+        ev_timer_start(loop_, &deadline_);
+    }
+    ev_run(loop_, 0);
+}
+
+void Session::stopSources()
+{
+    stopping_ = true;
+    for (const auto &channel : recording_.channels)
+        channel->stop();
+    const auto waitFor = [&](double seconds) {
+        while (!deadline_over_ && (!sources_.allEnded() || recording_.children.anyRunning()))
+            runUntil(seconds); // a second signal only hurries the loop through once more
+    };
+    deadline_over_ = false;
+    waitFor(kDrainSeconds);
+    for (const bool hard : {false, true}) {
+        if (!recording_.children.anyRunning())
+            break;
+        recording_.children.terminate(hard);
+        deadline_over_ = false;
+        waitFor(kEndSeconds);
+    }
+}
+
+const char *Session::run()
+{
+    setCallbacks();
+    recording_.events.begin();
+    ev_timer_start(loop_, &tick_);
+    ev_check_start(loop_, &iteration_);
+    ev_now_update(loop_);
+    ev_timer_again(loop_, &tick_);
+    if (!recording_.signals.arrived())
+        runUntil(recording_.test.duration);
+    const char *end = recording_.signals.arrived() ? "stopped" : deadline_over_ ? "duration" : "sources";
+    stopSources();
+    sources_.look(true);
+    progress_.end();
+    for (const auto &channel : recording_.channels)
+        channel->deliverUnfinished();
+    recording_.watch.run(recording_.events);
+    return KRDWriter_is_disk_full() ? "disk_full" : end;
+}
+
+} // namespace vu

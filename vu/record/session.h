@@ -1,0 +1,75 @@
+// The part of a recording in which the loop runs: flushes, monitors, progress, sources that come to an end.
+#pragma once
+
+#include <ev.h>
+#include <memory>
+#include <vector>
+
+#include "vu/record/children.h"
+#include "vu/record/data_file.h"
+#include "vu/record/live_channel.h"
+#include "vu/record/progress.h"
+#include "vu/record/source_watch.h"
+#include "vu/record/watch.h"
+
+namespace vu {
+
+// SIGINT, SIGTERM and SIGHUP, whoever sends them, ask for a proper end.
+class EndSignals {
+public:
+    EndSignals();
+    ~EndSignals();
+    EndSignals(const EndSignals &) = delete;
+    EndSignals &operator=(const EndSignals &) = delete;
+    bool arrived() const { return arrived_; }
+
+private:
+    static void onSignal(struct ev_loop *loop, ev_signal *watcher, int events);
+
+    ev_signal watchers_[3];
+    bool arrived_ = false;
+};
+
+struct Recording {
+    const Description &test;
+    Events &events;
+    DataFile &file;
+    Watch &watch;
+    Children &children;
+    EndSignals &signals;
+    std::vector<std::unique_ptr<LiveChannel>> &channels;
+};
+
+class Session {
+public:
+    explicit Session(Recording recording);
+    ~Session();
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+
+    // Runs the loop until something ends the recording, then stops the sources and takes in what they had
+    // sent. Returns why it ended: "duration", "sources", "stopped" or "disk_full".
+    const char *run();
+
+private:
+    static void onTick(struct ev_loop *loop, ev_timer *timer, int events);
+    static void onIteration(struct ev_loop *loop, ev_check *watcher, int events);
+    static void onDeadline(struct ev_loop *loop, ev_timer *timer, int events);
+
+    void setCallbacks();
+    void takeIn();
+    void stopSources();
+    void runUntil(double seconds);
+
+    Recording recording_;
+    Progress progress_;
+    SourceWatch sources_;
+    struct ev_loop *loop_;
+    ev_timer tick_;
+    ev_timer deadline_;
+    ev_check iteration_;
+    bool deadline_over_ = false;
+    bool stopping_ = false;
+};
+
+} // namespace vu

@@ -1,0 +1,41 @@
+// How the sources fare: notices when one ends, is lost, falls silent or sends what is no channel.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "vu/record/children.h"
+#include "vu/record/events.h"
+#include "vu/record/live_channel.h"
+
+namespace vu {
+
+class SourceWatch {
+public:
+    SourceWatch(std::vector<std::unique_ptr<LiveChannel>> &channels, Children &children, Events &events);
+
+    // Looks at all channels once. `stopping`: they have been told to stop, so their end is no news.
+    void look(bool stopping);
+    bool allEnded() const;
+
+private:
+    struct Seen {
+        LiveChannel *channel;
+        const Children::Child *child; // null: somebody else runs the source
+        bool ended = false;
+        bool ended_alone = false; // before it was told to
+        bool told = false;
+        bool silent = false;
+        int64_t samples = 0; // when it last brought any
+        double since = 0.0;  // seconds
+    };
+
+    void noticeEnd(Seen &seen, bool stopping);
+    void tellEnd(Seen &seen);
+    void noticeSilence(Seen &seen);
+
+    std::vector<Seen> all_;
+    Events &events_;
+};
+
+} // namespace vu

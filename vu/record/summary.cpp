@@ -1,0 +1,64 @@
+#include "vu/record/summary.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <map>
+
+#include "vu/command.h"
+#include "vu/record/catalogue.h"
+#include "vu/record/progress.h"
+
+namespace vu {
+
+namespace {
+
+void printTable(const DataFile &file)
+{
+    size_t width = 7;
+    for (const auto &stored : file.tracks())
+        width = std::max(width, stored.track.name.size());
+    fmt::print("{:<{}} {:>14} {:>14} {:>14}\n", "channel", width, "received", "stored", "discarded");
+    for (const auto &stored : file.tracks()) {
+        const Ledger &ledger = stored.ledger;
+        fmt::print("{:<{}} {:>14} {:>14} {:>14}", stored.track.name, width, ledger.received, ledger.stored,
+                   ledger.discarded());
+        for (const auto &[cause, count] : ledger.causes())
+            if (count > 0)
+                fmt::print("  {} {}", cause, count);
+        fmt::print("\n");
+    }
+}
+
+} // namespace
+
+int recordingStatus(const DataFile &file, const Events &events)
+{
+    const bool lost = std::any_of(file.tracks().begin(), file.tracks().end(), [](const auto &stored) {
+        return stored.ledger.lost() > 0 || !stored.ledger.closes();
+    });
+    return lost || events.anyLoss() ? kDataMissing : kDone;
+}
+
+void printSummary(const Description &test, const DataFile &file, const Events &events, const Outcome &outcome, bool json)
+{
+    const int status = recordingStatus(file, events);
+    if (json) {
+        Json summary = {{"test", test.name},         {"file", file.path().string()},
+                        {"end", outcome.end},        {"seconds", outcome.seconds},
+                        {"bytes", outcome.bytes},    {"complete", status == kDone},
+                        {"ledger", ledgerJson(file, true)}, {"events", eventsJson(events)}};
+        fmt::print("{}\n", summary.dump(2, ' ', false, Json::error_handler_t::replace));
+        return;
+    }
+    printTable(file);
+    std::map<std::string, size_t> kinds;
+    for (const Event &event : events.list())
+        kinds[event.kind]++;
+    fmt::print("\n{}: {} in {:.1f} s, ended by {}", file.path().string(), byteText(static_cast<double>(outcome.bytes)),
+               outcome.seconds, outcome.end);
+    for (const auto &[kind, count] : kinds)
+        fmt::print(", {} x {}", count, kind);
+    fmt::print("\n{}\n", status == kDone ? "Nothing was lost." : "Data is missing: the table and the events say what.");
+}
+
+} // namespace vu
