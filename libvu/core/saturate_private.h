@@ -38,4 +38,12 @@ inline int64_t subtractSaturated(int64_t a, int64_t b)
     return b < 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
 }
 
+inline int64_t multiplySaturated(int64_t a, int64_t b)
+{
+    int64_t product;
+    if (!__builtin_mul_overflow(a, b, &product))
+        return product;
+    return (a < 0) == (b < 0) ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
+}
+
 } // namespace vu

@@ -19,18 +19,20 @@ template <typename Source, Rounding kRounding>
 [[gnu::always_inline]] inline void divide(double *__restrict out, const uint8_t *__restrict values,
                                           size_t count, Quantisation by)
 {
+    const Quantisation same = by; // out of the caller's memory, which `out` might be
     for (size_t i = 0; i < count; i++)
-        out[i] = quotient<kRounding>(loadHost<Source>(values + i * sizeof(Source)), by);
+        out[i] = quotient<kRounding>(loadHost<Source>(values + i * sizeof(Source)), same);
 }
 
 template <typename Source, Rounding kRounding>
-void divideNarrow(double *out, const uint8_t *values, size_t count, Quantisation by)
+void divideNarrow(double *__restrict out, const uint8_t *__restrict values, size_t count, Quantisation by)
 {
     divide<Source, kRounding>(out, values, count, by);
 }
 
 template <typename Source, Rounding kRounding>
-VU_WIDE void divideWide(double *out, const uint8_t *values, size_t count, Quantisation by)
+VU_WIDE void divideWide(double *__restrict out, const uint8_t *__restrict values, size_t count,
+                        Quantisation by)
 {
     divide<Source, kRounding>(out, values, count, by);
 }

@@ -62,8 +62,11 @@ inline T storedInteger(double rounded)
 {
     if constexpr (sizeof(T) == 8)
         return saturated<T>(rounded);
-    else
-        return static_cast<T>(static_cast<int64_t>(rounded));
+    // Several at a time are converted to signed 32 bits only.
+    if constexpr (std::is_signed_v<T>)
+        return static_cast<T>(static_cast<int32_t>(rounded));
+    constexpr uint32_t kHalf = uint32_t{1} << 31;
+    return static_cast<T>(static_cast<uint32_t>(static_cast<int32_t>(rounded - kHalf)) ^ kHalf);
 }
 
 } // namespace vu

@@ -88,11 +88,17 @@ private:
     static void storeIntegers(Conversion &conversion, const uint8_t *values, size_t count)
     {
         inBatches<Source, T>(conversion, values, count, [&](const double *rounded, size_t taken) {
-            for (size_t i = 0; i < taken; i++)
-                storeHost(conversion.cursor + i * sizeof(T), stored<T>(rounded[i]));
+            storeEach<T>(conversion.cursor, rounded, taken);
             conversion.cursor += taken * sizeof(T);
             return true;
         });
+    }
+
+    template <typename T>
+    static void storeEach(uint8_t *__restrict to, const double *__restrict rounded, size_t count)
+    {
+        for (size_t i = 0; i < count; i++)
+            storeHost(to + i * sizeof(T), stored<T>(rounded[i]));
     }
 };
 

@@ -105,10 +105,7 @@ Frame *upsampled(const OverRngChannel &channel, const Frame &frame)
         repeatSamples<float>(*longer, frame, channel.upsample);
     else
         repeatSamples<double>(*longer, frame, channel.upsample);
-    int64_t start;
-    if (__builtin_mul_overflow(frame.start, int64_t{channel.upsample}, &start))
-        start = frame.start < 0 ? INT64_MIN : INT64_MAX;
-    vu::stampStart(longer, start);
+    vu::stampStart(longer, vu::multiplySaturated(frame.start, channel.upsample));
     return longer;
 }
 

@@ -55,9 +55,20 @@ vu::Event fillFrames(ProxyNode &node, const uint8_t *source, size_t samples, Fin
     return vu::Event::goesOn;
 }
 
+// With many channels a frame has left the cache between two events: it comes back while the kernel reads.
+void fetchFrame(const ProxyNode &node)
+{
+    if (!node.frame)
+        return;
+    const auto *tail = static_cast<const uint8_t *>(frameTail(node.frame));
+    for (size_t line = 0; line < 8; line++)
+        __builtin_prefetch(tail + line * 64, 1);
+}
+
 template <typename Finish>
 void readSamples(ProxyNode *node, Finish &&finish)
 {
+    fetchFrame(*node);
     vu::readRecords(node, [&](std::span<uint8_t> body, bool listening) {
         const auto bytes = samplesIn(body);
         const size_t samples = bytes.size() / node->record_size;

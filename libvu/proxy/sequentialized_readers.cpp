@@ -16,7 +16,6 @@
 #include "libvu/proxy/ntp_private.h"
 #include "libvu/proxy/proxy_node.h"
 #include "libvu/time/sample_clock_private.h"
-#include "libvu/time/sequentializer_private.h"
 
 using vu::Event;
 
@@ -164,10 +163,10 @@ public:
     WholeClock(const WholeClock &) = delete;
     WholeClock &operator=(const WholeClock &) = delete;
 
-    // Up to here whole numbers and doubles step alike.
+    // Whether whole numbers and doubles step alike up to `target` and two periods beyond.
     static bool reaches(const SampleClock &clock, int64_t target)
     {
-        return target < vu::kWholeNumbers && clock.whole_ticks <= vu::kLongestWholePeriod;
+        return target < int64_t{1} << 52 && clock.whole_ticks <= 0x1p50;
     }
     void tick()
     {

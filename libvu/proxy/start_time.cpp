@@ -37,5 +37,6 @@ void proxyNode_SetStartTime(ProxyNode *node, const char *text)
         node->start_time = 0;
         return;
     }
-    node->start_time = vu::addSaturated(int64_t{mktime(&parts)} * vu::kTicksPerSecond, fractionTicks(rest));
+    const int64_t ticks = vu::multiplySaturated(mktime(&parts), vu::kTicksPerSecond);
+    node->start_time = vu::addSaturated(ticks, fractionTicks(rest));
 }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr double kHighestPipeRate = 1e6;
 constexpr double kPoolSeconds = 5.0;
-using vu::kLongestWholePeriod;
+constexpr double kLongestWholePeriod = 0x1p50;
 using vu::kWholeNumbers;
 
 bool isUsablePipeRate(double rate)
@@ -205,7 +205,7 @@ void loseSample(Sequentializer &seq)
 
 // Up to `limit` in whole numbers.
 template <typename Sample>
-void advanceWhole(Sequentializer &seq, int64_t limit)
+[[gnu::noinline]] void advanceWhole(Sequentializer &seq, int64_t limit)
 {
     while (seq.clock->current_tick < limit) {
         if (!seq.current_frame)
@@ -225,7 +225,7 @@ void advanceWhole(Sequentializer &seq, int64_t limit)
 
 // Years ahead, or at periods of years, where a step is rounded to a double.
 template <typename Sample>
-void advanceFar(Sequentializer &seq, double target)
+[[gnu::noinline]] void advanceFar(Sequentializer &seq, double target)
 {
     while (target > static_cast<double>(seq.clock->current_tick)) {
         if (!seq.current_frame)
@@ -240,17 +240,18 @@ void advanceFar(Sequentializer &seq, double target)
     }
 }
 
-void advanceUnusual(Sequentializer &seq, double time)
+template <typename Sample>
+void advanceBy(Sequentializer &seq, int64_t target)
 {
-    constexpr double kLastTick = 0x1p63; // the clock stops here: a later target would never be reached
-    if (!std::isfinite(time))
-        return;
-    const double target = std::min(time - static_cast<double>(seq.half_period_ticks), kLastTick);
-    if (seq.element_size == sizeof(double))
-        advanceFar<double>(seq, target);
+    SampleClock &clock = *seq.clock;
+    Frame *frame = seq.current_frame;
+    if (clock.whole_ticks > kLongestWholePeriod)
+        advanceFar<Sample>(seq, static_cast<double>(target));
+    // The usual call: a value about once a sample, and a frame that does not become full by it.
+    else if (frame && target <= clock.next_tick && frame->length + 1 < frame->capacity)
+        stepOnce<Sample>(seq, clock, frame);
     else
-        advanceFar<float>(seq, target);
-    seq.last_target = vu::saturated<int64_t>(target);
+        advanceWhole<Sample>(seq, target);
 }
 
 } // namespace
@@ -285,34 +286,29 @@ Sequentializer *createSequentializer(uint32_t element_size, double pipe_rate, do
 
 void vu::advanceTo(Sequentializer &seq, int64_t target)
 {
-    SampleClock &clock = *seq.clock;
-    Frame *frame = seq.current_frame;
-    // The usual call: a value about once a sample, and a frame that does not become full by it.
-    if (frame && target <= clock.next_tick && frame->length + 1 < frame->capacity) {
-        if (seq.element_size == sizeof(double))
-            stepOnce<double>(seq, clock, frame);
-        else
-            stepOnce<float>(seq, clock, frame);
-        return;
-    }
     if (seq.element_size == sizeof(double))
-        advanceWhole<double>(seq, target);
+        advanceBy<double>(seq, target);
     else
-        advanceWhole<float>(seq, target);
+        advanceBy<float>(seq, target);
 }
 
 void vu::advance(Sequentializer &seq, double time)
 {
-    const double target = time - static_cast<double>(seq.half_period_ticks);
-    const bool usual = target >= 0.0 && target < static_cast<double>(kWholeNumbers);
-    if (!usual || seq.clock->whole_ticks > kLongestWholePeriod) {
-        advanceUnusual(seq, time);
+    constexpr double kLastTick = 0x1p63; // the clock stops here: a later target would never be reached
+    if (!std::isfinite(time))
         return;
+    const double target = std::min(time - static_cast<double>(seq.half_period_ticks), kLastTick);
+    const auto passed = saturated<int64_t>(target);
+    if (target < 0.0 || target >= static_cast<double>(kWholeNumbers)) {
+        if (seq.element_size == sizeof(double))
+            advanceFar<double>(seq, target);
+        else
+            advanceFar<float>(seq, target);
+    } else {
+        const int64_t limit = passed + (static_cast<double>(passed) < target ? 1 : 0);
+        if (seq.clock->current_tick < limit)
+            advanceTo(seq, limit);
     }
-    const auto passed = static_cast<int64_t>(target);
-    const int64_t limit = passed + (static_cast<double>(passed) < target ? 1 : 0);
-    if (seq.clock->current_tick < limit)
-        advanceTo(seq, limit);
     seq.last_target = passed;
 }
 

@@ -8,7 +8,6 @@ namespace vu {
 
 // Up to here whole numbers and doubles step alike: the last step leads less than two periods beyond.
 constexpr int64_t kWholeNumbers = int64_t{1} << 52;
-constexpr double kLongestWholePeriod = 0x1p50;
 
 void advance(Sequentializer &seq, double time);                 // sequentialize()
 void takeValue(Sequentializer &seq, double time, double value); // sequentialize_value()
@@ -25,13 +24,12 @@ struct Moment {
 
 inline void advance(Sequentializer &seq, Moment moment)
 {
-    const int64_t target = moment.ticks - seq.half_period_ticks;
-    const SampleClock &clock = *seq.clock;
-    if (!moment.isWhole || clock.whole_ticks > kLongestWholePeriod) {
+    if (!moment.isWhole) {
         advance(seq, static_cast<double>(moment.ticks));
         return;
     }
-    if (clock.current_tick < target)
+    const int64_t target = moment.ticks - seq.half_period_ticks;
+    if (seq.clock->current_tick < target)
         advanceTo(seq, target);
     seq.last_target = target;
 }
