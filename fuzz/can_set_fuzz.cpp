@@ -1,0 +1,88 @@
+// Random sets over random records, both ways. Besides the sanitizers' checks: every timestamp is turned, and
+// nothing else of a record is written.
+#include <cstdio>
+#include <cstring>
+#include <fuzzer/FuzzedDataProvider.h>
+#include <vector>
+
+#include "libvu/bus/can_set.h"
+#include "libvu/bus/can_signal.h"
+#include "libvu/core/callbacks.h"
+#include "tests/support/release_stream.h"
+
+namespace {
+
+// Periods so long that any timestamp is reached in a moment.
+std::string stanza(FuzzedDataProvider &bytes)
+{
+    static const char *const formats[] = {"ULSB", "UMSB", "SLSB", "SMSB", "FLSB", "FMSB", "DMSB"};
+    char text[640];
+    std::snprintf(
+        text, sizeof text,
+        R"({"name":"s","scale":%g,"offset":%d,"db_msg_id":"%X","db_msg_mask":"%X","db_bit_start":%d,)"
+        R"("db_bit_length":%d,"db_data_format":"%s","data_type":"float%d","sample_rate":1e-8,"pipe_rate":1,)"
+        R"("stale_data_expiration_time":%d,"invalid_data_output_value":-1,"db_mode_start":%d,)"
+        R"("db_mode_length":%d,"db_mode_value":%d%s})",
+        bytes.ConsumeFloatingPointInRange(-1e9, 1e9), bytes.ConsumeIntegral<int8_t>(),
+        bytes.ConsumeIntegral<uint8_t>(), bytes.PickValueInArray({0xFFFFFFFF, 0xFFu, 0x0Fu, 0u}),
+        bytes.ConsumeIntegral<int8_t>(), bytes.ConsumeIntegral<int8_t>(), bytes.PickValueInArray(formats),
+        bytes.PickValueInArray({32, 64}), bytes.ConsumeIntegral<int32_t>(), bytes.ConsumeIntegral<uint8_t>(),
+        bytes.ConsumeIntegralInRange(0, 64), bytes.ConsumeIntegral<uint8_t>(),
+        bytes.ConsumeBool() ? R"(,"db_mode_format":"UMSB")" : "");
+    return text;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    libvuErrorCallback = [](const char *) { return 1; };
+    libvuRezeroCallback = [](const char *, double) { return 1; };
+    FuzzedDataProvider bytes(data, size);
+    CanSet *set = can_set_create();
+    CanSignalNode *list = nullptr;
+    std::vector<CanSetSignal *> signals;
+    for (int i = bytes.ConsumeIntegralInRange(0, 40); i > 0 && bytes.remaining_bytes() > 30; i--) {
+        const std::string text = stanza(bytes);
+        if (CanSetSignal *signal = can_set_add_signal(set, text.c_str())) {
+            signal->rezero_pending = bytes.ConsumeBool();
+            signals.push_back(signal);
+        }
+        if (CanSignalNode *node = canSignalInit(text.c_str())) {
+            node->rezero_pending = bytes.ConsumeBool();
+            node->next = list;
+            list = node;
+        }
+    }
+    if (bytes.ConsumeBool())
+        can_set_finalize(set);
+    const auto body = bytes.ConsumeRemainingBytes<uint8_t>();
+    const size_t count = body.size() / sizeof(CanRecord);
+    std::vector<CanRecord> batch(count), alone;
+    if (count)
+        std::memcpy(batch.data(), body.data(), count * sizeof(CanRecord));
+    for (CanRecord &record : batch) // so that many of them match
+        record.id[0] = record.id[1] = record.id[2] = 0;
+    alone = batch;
+    can_set_process(set, batch.data(), static_cast<uint32_t>(count));
+    canProcessSignals(list, alone.data(), static_cast<int32_t>(count));
+    for (size_t i = 0; i < count; i++)
+        if (std::memcmp(&batch[i], &alone[i], sizeof(CanRecord)) != 0 ||
+            batch[i].timestamp[0] != body[i * sizeof(CanRecord) + 7])
+            __builtin_trap();
+
+    for (CanSetSignal *signal : signals) {
+        std::free(signal->name);
+        vu::test::releaseStream(signal->sequentializer);
+    }
+    can_set_destroy(set);
+    std::free(set);
+    while (CanSignalNode *node = list) {
+        list = node->next;
+        std::free(node->name);
+        std::free(node->config);
+        vu::test::releaseStream(node->sequentializer);
+        std::free(node);
+    }
+    return 0;
+}

@@ -1,0 +1,83 @@
+// Arbitrary bytes on a channel's connection, in pieces of arbitrary size. The first byte picks the kind, the
+// second the pieces. Besides the sanitizers' checks: a sequential channel counts and delivers the samples
+// that a plain walk over the bytes finds.
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "fuzz/fuzz_node.h"
+#include "libvu/core/wire_private.h"
+
+namespace {
+
+constexpr uint32_t kTooLong = 1 << 20; // bytes: growing for such a record costs memory and finds nothing
+
+const char *const kinds[] = {
+    R"({"name":"f","connector":"c","sample_rate":20,"data_type":"sequential_float32"})",
+    R"({"name":"f","connector":"c","sample_rate":70,"data_type":"sequential_float64"})",
+    R"({"name":"f","connector":"c","data_type":"sequential_float32","do_prerun_zero":true,"sample_rate":1})",
+    R"({"name":"f","connector":"c","data_type":"message_float32"})",
+    R"({"name":"f","connector":"c","data_type":"message_float64","scale":2})",
+    R"({"name":"f","connector":"c","data_type":"message_float32_ntp"})",
+    R"({"name":"f","connector":"c","data_type":"message_float64_ntp"})",
+    R"({"name":"f","connector":"c","data_type":"message_raw"})",
+};
+constexpr size_t kSequential = 2; // of the kinds, those whose samples come out as they went in
+
+// The samples' bytes in host order; false if a length is of no use here.
+bool walk(std::span<const uint8_t> bytes, size_t width, std::vector<uint8_t> &samples)
+{
+    if (bytes.size() < 2 || bytes[0] + bytes[1] != 0xFE + 0xED || (bytes[0] != 0xFE && bytes[0] != 0xED))
+        return true;
+    const bool big = bytes[0] == 0xFE;
+    for (vu::WireReader wire(bytes.subspan(2)); wire.remaining() >= 4;) {
+        const uint32_t length = wire.u32be();
+        if (length > kTooLong)
+            return length > INT32_MAX;
+        const auto body = wire.bytes(length);
+        for (size_t at = 8; wire.ok() && at + width <= length; at += width) {
+            samples.insert(samples.end(), body.begin() + long(at), body.begin() + long(at + width));
+            if (big)
+                std::reverse(samples.end() - long(width), samples.end());
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 2)
+        return 0;
+    const size_t kind = data[0] % std::size(kinds);
+    std::span<const uint8_t> bytes(data + 2, std::min<size_t>(size - 2, 50'000));
+    FuzzNode made(kinds[kind]);
+    ProxyNode *const node = made.node;
+    Pipe *const pipe = pipeAttachPipe(&node->pipes);
+    std::vector<uint8_t> expected, got;
+    if (!walk(bytes, node->element_size, expected))
+        return 0;
+    // The marker comes in one piece, or the walk would have to know the pieces.
+    for (size_t piece = 2; !bytes.empty(); piece = 1 + (piece * data[1]) % 4093) {
+        const auto now = bytes.first(std::min(piece, bytes.size()));
+        bytes = bytes.subspan(now.size());
+        if (send(made.ends[1], now.data(), now.size(), 0) != ssize_t(now.size()))
+            std::abort();
+        for (size_t events = 0; events < 2 * now.size() + 2; events++)
+            node->reader(node);
+    }
+    while (Frame *frame = pipeGetFrame(pipe)) {
+        const auto *samples = static_cast<const uint8_t *>(frame->data);
+        got.insert(got.end(), samples, samples + size_t{frame->length} * frame->element_size);
+        frameDelete(frame);
+    }
+    if (kind >= kSequential)
+        return 0;
+    const size_t unfinished = node->frame ? node->frame->length * node->element_size : 0;
+    if (size_t(node->sample_count) * node->element_size != expected.size() ||
+        got.size() + unfinished != expected.size() || !std::equal(got.begin(), got.end(), expected.begin()))
+        std::abort();
+    return 0;
+}

@@ -1,0 +1,107 @@
+// Reads arbitrary bytes as a data file. The mutator mends sizes, tags and checksums, or nothing would get
+// past them. Besides the sanitizers' checks: every byte of the file is accounted for once, and what recovery
+// makes of any file is whole and holds its blocks.
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+#include <zlib.h>
+
+#include "libvu/datafile/krd_format.h"
+#include "vu/command.h"
+#include "vu/krdfile/check.h"
+#include "vu/krdfile/envelope.h"
+#include "vu/krdfile/export_formats.h"
+#include "vu/krdfile/rewrite.h"
+
+using namespace vu::krd;
+
+extern "C" size_t LLVMFuzzerMutate(uint8_t *data, size_t size, size_t maxSize);
+
+namespace {
+
+void storeBig(uint8_t *to, size_t value)
+{
+    const uint32_t word = __builtin_bswap32(static_cast<uint32_t>(value));
+    std::memcpy(to, &word, sizeof word);
+}
+
+void require(bool condition)
+{
+    if (!condition)
+        std::abort();
+}
+
+void readChannel(const Channel &channel, const std::vector<Block> &blocks, int64_t ticksPerSecond)
+{
+    for (const Block &block : blocks)
+        countElements(channel, block);
+    if (channel.periodic()) {
+        const Extent extent = extentOf(channel, blocks, {});
+        int64_t last = 0;
+        uint64_t samples = 0;
+        for (SampleCursor cursor(channel, blocks); !cursor.atEnd(); cursor.advance(cursor.alike())) {
+            last = cursor.sample();
+            samples += cursor.alike();
+        }
+        require(samples == extent.samples && last >= 0);
+    }
+    if (channel.kind == Kind::kUnknown)
+        return;
+    size_t bytes = 0;
+    if (!channel.periodic())
+        forEachMessage(channel, blocks, [&](const Message &message) {
+            bytes += message.body.size();
+            if (channel.kind == Kind::kCan)
+                bytes += canFrame(message.body).data.size();
+        });
+    if (channel.periodic() || channel.kind == Kind::kFloat || channel.kind == Kind::kFloatNtp)
+        envelopeOf(channel, blocks, ticksPerSecond, {}, 16);
+}
+
+} // namespace
+
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t maxSize, unsigned seed)
+{
+    size = LLVMFuzzerMutate(data, size, maxSize);
+    if (seed % 8 == 0) // some stay damaged
+        return size;
+    for (size_t at = 0; size - at >= KRD_FRAMING_SIZE;) {
+        size_t block = vu::krd::loadBig32(data + at);
+        if (block < KRD_FRAMING_SIZE || block > size - at)
+            block = size - at;
+        uint8_t *trailer = data + at + block - KRD_TRAILER_SIZE;
+        storeBig(data + at, block);
+        std::memcpy(data + at + 8, KRD_TAG, 4);
+        storeBig(trailer, crc32(0, data + at, static_cast<uInt>(block - KRD_TRAILER_SIZE)));
+        storeBig(trailer + 4, block);
+        at += block;
+    }
+    return size;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const Bytes file(data, size);
+    try {
+        glance(file, "fuzz");
+    } catch (const vu::InputError &) {
+    }
+    try {
+        const Recording recording = scan(file, "fuzz");
+        uint64_t bytes = recording.damagedBytes + recording.unfinishedBytes;
+        for (const Block &block : recording.blocks)
+            bytes += block.whole.size();
+        require(bytes == size);
+        check(recording);
+        if (recording.catalogue) {
+            for (const Channel &channel : recording.catalogue->channels)
+                readChannel(channel, recording.blocksOf(channel.group), recording.catalogue->ticksPerSecond);
+        }
+
+        std::vector<uint8_t> whole;
+        rewrite(recording, [&whole](Bytes more) { whole.insert(whole.end(), more.begin(), more.end()); });
+        require(compareRewritten(recording, scan(whole, "again")).empty());
+    } catch (const vu::InputError &) {
+    }
+    return 0;
+}

@@ -1,0 +1,107 @@
+// Arbitrary type names, scalings and frames through every storage convertor and into a file. Besides the
+// sanitizers' checks: a forced flush leaves no frame behind; what it says is what the file has, an element
+// for each sample, or a pair for each run.
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fuzzer/FuzzedDataProvider.h>
+#include <string>
+#include <sys/mman.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vector>
+
+#include "libvu/libvu.h"
+
+void syslog(int, const char *, ...) {}
+void vsyslog(int, const char *, va_list) {}
+
+namespace {
+
+const char *const kNames[] = {"sequential_float32", "sequential_float64", "message_float32",
+                              "message_float64",    "message_float",      "sequential_int16",
+                              "sequential_uint8"};
+
+void require(bool holds)
+{
+    if (!holds)
+        std::abort();
+}
+
+std::string typeName(FuzzedDataProvider &input, const char *kind)
+{
+    if (input.ConsumeIntegralInRange(0, 9) == 0)
+        return input.ConsumeRandomLengthString(20);
+    return kind + std::string(input.PickValueInArray({"_uint", "_int", "_float"})) +
+           std::to_string(input.PickValueInArray({8, 16, 32, 64, 24}));
+}
+
+// Queues a frame of arbitrary bytes that may claim any element size; the samples or records in it.
+uint64_t queueFrame(FuzzedDataProvider &input, Pipe *pipe, size_t record_size)
+{
+    const uint32_t element_size = input.PickValueInArray({1u, 2u, 4u, 8u, 12u, 16u});
+    const auto bytes = input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(0, 600));
+    Frame *frame = frameCreate(static_cast<uint32_t>(bytes.size()), 1, nullptr);
+    if (!bytes.empty())
+        std::memcpy(frame->data, bytes.data(), bytes.size());
+    frame->element_size = element_size;
+    frame->length = static_cast<uint32_t>(bytes.size()) / element_size;
+    frame->start = input.ConsumeIntegral<int64_t>();
+    const uint32_t length = frame->length;
+    if (input.ConsumeIntegralInRange(0, 15) == 0)
+        frame->length = input.ConsumeIntegralInRange(0u, length); // grows in the pipe
+    pipeAddFrame(pipe, frame);
+    frame->length = length;
+    return std::min<uint64_t>(length, uint64_t{length} * element_size / record_size);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static const int file = memfd_create("krd", 0);
+    static KRDBuffer record;
+    libvuErrorCallback = [](const char *) { return 1; };
+    FuzzedDataProvider input(data, size);
+    PipeList list = {};
+    std::memset(static_cast<void *>(&record), 0, sizeof record);
+    record.fd = file;
+    record.name = "fuzz";
+    record.pipe = pipeAttachPipe(&list);
+    record.iov[0] = {&record.block_size_word, KRD_HEADER_SIZE};
+    record.sample_limit = input.ConsumeBool() ? -1 : input.ConsumeIntegralInRange<int64_t>(0, 400);
+    record.uniform_frames = 1;
+    record.no_position = 1;
+    record.scale = input.ConsumeBool() ? 1.0 : input.ConsumeFloatingPoint<double>();
+    record.offset = input.ConsumeBool() ? 0.0 : input.ConsumeFloatingPoint<double>();
+    const bool known = input.ConsumeIntegralInRange(0, 9) > 0;
+    const std::string source = known ? input.PickValueInArray(kNames) : input.ConsumeRandomLengthString(20);
+    const std::string destination = typeName(input, source[0] == 'm' ? "message" : "sequential");
+    const bool sequential = input.ConsumeBool();
+    KRDBuffer_set_storage_convert(&record, source.c_str(), destination.c_str(), sequential,
+                                  input.PickValueInArray({"rle", "", "RLE"}));
+    const bool bare = sequential || source[0] == 's', wide = source.ends_with("64");
+    const size_t record_size = (bare ? 0 : sizeof(int64_t)) + (wide ? 8 : 4);
+    while (input.remaining_bytes() > 0) {
+        require(ftruncate(file, 0) == 0 && lseek(file, 0, SEEK_SET) == 0);
+        double samples = 0;
+        for (int frames = input.ConsumeIntegralInRange(1, 6); frames > 0; frames--)
+            samples += static_cast<double>(queueFrame(input, record.pipe, record_size));
+        const double before = record.amount_written;
+        const double stored = KRDBuffer_flush_frames(&record, 1);
+        require(!pipeHasFrames(record.pipe));
+        const double written = record.amount_written - before;
+        require((stored > 0) <= (written > 0) && lseek(file, 0, SEEK_END) == static_cast<off_t>(written));
+        if (written == 0 || !record.pipe_filter || record.sample_limit >= 0 || !known)
+            continue;
+        // An element for each sample, or at most a pair; a NaN at the very first leaves one pair of none
+        // more.
+        const size_t element_size = record.convertor->element_size + (bare ? 0 : sizeof(int64_t));
+        require(written == stored * static_cast<double>(element_size) + 20);
+        require(record.rle_extra ? std::fmod(stored, 2) == 0 && stored / 2 <= samples + 1
+                                 : stored == samples);
+    }
+    pipeDetachPipe(&list, record.pipe);
+    return 0;
+}
