@@ -1,33 +1,16 @@
 // What is done to every sample of a periodic channel, beside a copy of the same frame in the first-level
 // cache. Kernel and copy take turns in the same run; "of_memcpy" is the ratio of their medians.
-#include <algorithm>
 #include <benchmark/benchmark.h>
-#include <chrono>
 #include <cstring>
 #include <vector>
 
+#include "bench/turns.h"
 #include "libvu/proxy/calibration.h"
 
 namespace {
 
 constexpr uint32_t kSamples = 1000; // a frame
 constexpr int kCalls = 256;         // per timing
-
-template <typename Work>
-double seconds(Work &&work)
-{
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < kCalls; i++)
-        work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double median(std::vector<double> &values)
-{
-    const auto middle = values.begin() + static_cast<ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 template <typename Sample, typename Kernel>
 void perFrame(benchmark::State &state, Kernel kernel)
@@ -39,21 +22,25 @@ void perFrame(benchmark::State &state, Kernel kernel)
     frame->length = kSamples;
     std::memset(frame->data, 0x3f, kSamples * sizeof(Sample));
     std::vector<Sample> copy(kSamples);
-    std::vector<double> copied, worked;
+    vu::bench::Turns turns;
     for (auto _ : state) {
-        copied.push_back(seconds([&] {
-            std::memcpy(copy.data(), frame->data, kSamples * sizeof(Sample));
-            benchmark::ClobberMemory();
-        }));
-        worked.push_back(seconds([&] {
-            kernel(&node, frame);
-            benchmark::ClobberMemory();
-        }));
-        state.SetIterationTime(worked.back());
+        turns.limit([&] {
+            for (int i = 0; i < kCalls; i++) {
+                std::memcpy(copy.data(), frame->data, kSamples * sizeof(Sample));
+                benchmark::ClobberMemory();
+            }
+        });
+        turns.work([&] {
+            for (int i = 0; i < kCalls; i++) {
+                kernel(&node, frame);
+                benchmark::ClobberMemory();
+            }
+        });
+        state.SetIterationTime(turns.lastWork());
     }
     frameDelete(frame);
     state.SetItemsProcessed(state.iterations() * kCalls * kSamples);
-    state.counters["of_memcpy"] = median(copied) / median(worked);
+    state.counters["of_memcpy"] = turns.ratio();
 }
 
 void ScaleOffsetFloat(benchmark::State &state)

@@ -1,23 +1,20 @@
 // Sockets filled beforehand, drained into frames: beside the same drain that only reads. Both take turns in
 // the same run, so they see the same noise; "of_read_only" is the ratio of their medians.
-#include <algorithm>
 #include <benchmark/benchmark.h>
-#include <chrono>
 #include <cstdlib>
 #include <ev.h>
-#include <functional>
 #include <malloc.h>
 #include <memory>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
+#include "bench/turns.h"
 #include "libvu/core/wire_private.h"
 #include "libvu/proxy/proxy_node.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 constexpr size_t kBuffer = 65536; // of either side
 
 struct Sockets {
@@ -81,20 +78,6 @@ Channels openChannels(size_t count)
     return channels;
 }
 
-double seconds(const std::function<void()> &work)
-{
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double median(std::vector<double> &values)
-{
-    const auto middle = values.begin() + static_cast<ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 // A host that records for hours keeps its heap: otherwise every flush of queued frames gives their pages back
 // to the system, and the next frames fault them in again, which the read-only side never has to.
 void keepHeap()
@@ -128,27 +111,27 @@ void Drain(benchmark::State &state)
                channels.front()->node->sample_count < expected;
     };
     int64_t expected = 0;
-    std::vector<double> readOnly, framed;
+    vu::bench::Turns turns;
     for (auto _ : state) {
         fill(true);
         Channel::received = 0;
-        readOnly.push_back(seconds([&] {
+        turns.limit([&] {
             while (Channel::received < bytes)
                 ev_run(loop, EVRUN_NOWAIT);
-        }));
+        });
         fill(false);
         expected += samples;
-        framed.push_back(seconds([&] {
+        turns.work([&] {
             while (wantMore(expected))
                 ev_run(loop, EVRUN_NOWAIT);
-        }));
-        state.SetIterationTime(framed.back());
+        });
+        state.SetIterationTime(turns.lastWork());
         for (const auto &channel : channels)
             pipeFlushFrames(channel->pipe);
     }
     const auto records = static_cast<double>(state.iterations()) * static_cast<double>(count * waiting);
     state.counters["records"] = benchmark::Counter(records, benchmark::Counter::kIsRate);
-    state.counters["of_read_only"] = median(readOnly) / median(framed);
+    state.counters["of_read_only"] = turns.ratio();
 }
 BENCHMARK(Drain)
     ->ArgNames({"channels", "record", "waiting"})

@@ -1,4 +1,5 @@
-// Two pieces of work in turn, so that both see the same noise, and the ratio of their medians.
+// Two pieces of work in turn, so that both see the same noise, and the ratio of their lower quartiles: what a
+// neighbour on the machine takes away is no part of either.
 #pragma once
 
 #include <algorithm>
@@ -20,7 +21,7 @@ public:
         time(works_, work);
     }
     // How much of the limit's speed the work has.
-    double ratio() const { return median(limits_) / median(works_); }
+    double ratio() const { return quartile(limits_) / quartile(works_); }
     double lastWork() const { return works_.back(); }
 
 private:
@@ -31,11 +32,11 @@ private:
         work();
         seconds.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     }
-    static double median(std::vector<double> seconds)
+    static double quartile(std::vector<double> seconds)
     {
-        const auto middle = seconds.begin() + static_cast<ptrdiff_t>(seconds.size() / 2);
-        std::nth_element(seconds.begin(), middle, seconds.end());
-        return *middle;
+        const auto place = seconds.begin() + static_cast<ptrdiff_t>(seconds.size() / 4);
+        std::nth_element(seconds.begin(), place, seconds.end());
+        return *place;
     }
 
     std::vector<double> limits_, works_;
