@@ -2,10 +2,12 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <fnmatch.h>
 #include <map>
 #include <memory>
 #include <set>
+#include <span>
 
 #include "vu/command.h"
 #include "vu/krdfile/export_formats.h"
@@ -60,7 +62,7 @@ private:
     void writeOne(const ExportFormat &format, const ChannelBlocks &from);
     void writeMerged(double rate, const std::vector<ChannelBlocks> &channels);
     std::filesystem::path pathFor(const std::string &name, const char *ending);
-    void leaveOut(const Channel &channel, const std::string &why);
+    void tellLeftOut() const;
 
     const ExportOptions &options_;
     const Recording &recording_;
@@ -68,7 +70,7 @@ private:
     ExportSettings settings_;
     std::set<std::string> taken_; // names of files written already
     OrderedJson written_ = OrderedJson::array();
-    bool leftOut_ = false;
+    std::map<std::string, std::vector<std::string>> leftOut_; // names by reason
 };
 
 bool Exporter::run()
@@ -79,7 +81,7 @@ bool Exporter::run()
     for (const ChannelBlocks &from : selected()) {
         const std::string why = (*format)->refusal(*from.channel, from.blocks, settings_);
         if (!why.empty())
-            leaveOut(*from.channel, why);
+            leftOut_[why].push_back(from.channel->name);
         else if (options_.merge && from.channel->periodic())
             byRate[from.channel->sampleRate].push_back(from);
         else
@@ -89,7 +91,9 @@ bool Exporter::run()
         writeMerged(rate, channels);
     if (options_.json)
         fmt::print("{}\n", OrderedJson({{"file", options_.file}, {"written", written_}}).dump(2));
-    return !leftOut_;
+    tellLeftOut();
+    // Only a channel that was asked for counts as missing: most files hold some that a form can not take.
+    return leftOut_.empty() || options_.channels.empty();
 }
 
 std::vector<ChannelBlocks> Exporter::selected()
@@ -144,11 +148,16 @@ std::filesystem::path Exporter::pathFor(const std::string &name, const char *end
     return path;
 }
 
-// Only a channel that was asked for by name counts as missing: most files hold some that a form can not take.
-void Exporter::leaveOut(const Channel &channel, const std::string &why)
+// One line a reason: a candump log takes one channel of a file with hundreds.
+void Exporter::tellLeftOut() const
 {
-    fmt::print(stderr, "{}: left out: {}\n", channel.name, why);
-    leftOut_ = leftOut_ || !options_.channels.empty();
+    constexpr size_t kNamed = 3;
+    for (const auto &[why, names] : leftOut_) {
+        const std::span shown(names.data(), std::min(names.size(), kNamed));
+        const std::string more =
+            names.size() > kNamed ? fmt::format(" and {} more", names.size() - kNamed) : "";
+        fmt::print(stderr, "left out: {}{}: {}\n", fmt::join(shown, ", "), more, why);
+    }
 }
 
 int exportChannels(const ExportOptions &options)

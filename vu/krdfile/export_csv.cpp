@@ -47,9 +47,8 @@ void writeSamples(const Channel &channel, std::span<const Block> blocks, const E
 {
     file.append("sample,time,value\n");
     forEachSample(channel, blocks, settings, [&](int64_t sample, const Number &value) {
-        file.print("{},{},", sample, secondsOf(channel, sample));
-        appendNumber(file, value);
-        file.append("\n");
+        const double time = secondsOf(channel, sample);
+        std::visit([&](auto number) { file.print("{},{},{}\n", sample, time, number); }, value);
     });
 }
 

@@ -53,6 +53,19 @@ std::string storedAs(const Channel &channel)
     return text;
 }
 
+// Whatever an event lacks is left out; only its text is needed to understand it.
+std::string eventText(const OrderedJson &event)
+{
+    const auto text = [&event](const char *key) {
+        const bool there = event.is_object() && event.contains(key) && event[key].is_string();
+        return there ? event[key].get<std::string>() : std::string();
+    };
+    const bool timed = event.is_object() && event.contains("time") && event["time"].is_number();
+    return fmt::format("{:>9} s  {}  {}  {}",
+                       timed ? fmt::format("{:.3f}", event["time"].get<double>()) : "?", text("kind"),
+                       text("channel"), text("text"));
+}
+
 void print(const Recording &recording, const Catalogue &catalogue, const std::string &file)
 {
     fmt::print("{}: test '{}', started {}\n", file, catalogue.test, catalogue.startTime);
@@ -75,7 +88,7 @@ void print(const Recording &recording, const Catalogue &catalogue, const std::st
         return;
     fmt::print("\n");
     for (const OrderedJson &event : recording.closing->events)
-        fmt::print("{}\n", event.dump());
+        fmt::print("{}\n", eventText(event));
 }
 
 int info(const InfoOptions &options)

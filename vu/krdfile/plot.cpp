@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <fnmatch.h>
 #include <memory>
+#include <utility>
 
 #include "vu/command.h"
 #include "vu/krdfile/envelope.h"
@@ -86,10 +87,12 @@ void printPanel(const Panel &panel, size_t width, size_t height)
         if (!columns[x].any)
             continue;
         raster.verticalLine(x, rowOf(columns[x].low), rowOf(columns[x].high));
+        size_t row = before ? rowOf(columns[*before].last) : 0;
         for (size_t between = before.value_or(x); columns[x].joined && between < x; ++between) {
-            const double part = static_cast<double>(between - *before) / static_cast<double>(x - *before);
-            raster.dot(between,
-                       rowOf(columns[*before].last + part * (columns[x].first - columns[*before].last)));
+            const double part = static_cast<double>(between + 1 - *before) / static_cast<double>(x - *before);
+            const size_t to =
+                rowOf(columns[*before].last + part * (columns[x].first - columns[*before].last));
+            raster.verticalLine(between, std::exchange(row, to), to);
         }
         before = x;
     }
