@@ -12,7 +12,7 @@ struct CanFrame {
     uint32_t id = 0;
     bool extended = false; // an identifier of 29 bits
     bool remote = false;
-    uint8_t length = 0;             // 0 to 8; of a remote frame the length asked for
+    uint8_t length = 0;            // 0 to 8; of a remote frame the length asked for
     std::array<uint8_t, 8> data{}; // zeros behind `length`
 
     bool operator==(const CanFrame &) const = default;

@@ -14,7 +14,8 @@ constexpr uint32_t kErrorFlag = 0x20000000;
 constexpr uint32_t kExtendedLimit = 0x1FFFFFFF;
 constexpr uint32_t kStandardLimit = 0x7FF;
 
-template <class T> bool wholeNumber(std::string_view text, T &value, int base)
+template <class T>
+bool wholeNumber(std::string_view text, T &value, int base)
 {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
     return error == std::errc{} && end == text.data() + text.size() && text.front() != '-';

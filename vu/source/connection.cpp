@@ -16,7 +16,8 @@ constexpr std::chrono::seconds kPatience{1};
 
 Connection::Connection(Descriptor socket, const StopSignals &signals)
     : socket_(std::move(socket)), signals_(signals)
-{}
+{
+}
 
 void Connection::send()
 {

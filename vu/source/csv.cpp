@@ -35,7 +35,8 @@ std::string_view trimmed(std::string_view text)
     return text;
 }
 
-template <class T> bool parseNumber(std::string_view text, T &value)
+template <class T>
+bool parseNumber(std::string_view text, T &value)
 {
     if (text.starts_with('+'))
         text.remove_prefix(1);
@@ -72,7 +73,8 @@ private:
     {
         throw InputError(fmt::format("{}:{}: {}", options_.file, number_, what));
     }
-    template <class T> size_t fill(std::span<T> out);
+    template <class T>
+    size_t fill(std::span<T> out);
 
     const CsvOptions options_;
     std::ifstream in_;
@@ -175,7 +177,8 @@ std::string_view CsvReader::cell(size_t column) const
     return rest.substr(0, rest.find(delimiter_));
 }
 
-template <class T> size_t CsvReader::fill(std::span<T> out)
+template <class T>
+size_t CsvReader::fill(std::span<T> out)
 {
     if (failure_)
         std::rethrow_exception(failure_);
@@ -203,10 +206,10 @@ template <class T> size_t CsvReader::fill(std::span<T> out)
 
 void addCsv(CLI::App &source, Action &chosen)
 {
-    CLI::App *kind = source.add_subcommand(
-        "csv", "One column of a table of text: CSV, tab-separated, LVM\n"
-               "Example: vu source csv hammer.lvm --listen unix:run/force.sock "
-               "--data-type sequential_float64 --sample-rate 1000 --column F");
+    CLI::App *kind =
+        source.add_subcommand("csv", "One column of a table of text: CSV, tab-separated, LVM\n"
+                                     "Example: vu source csv hammer.lvm --listen unix:run/force.sock "
+                                     "--data-type sequential_float64 --sample-rate 1000 --column F");
     auto options = std::make_shared<CsvOptions>();
     kind->add_option("FILE", options->file, "the file")->required();
     kind->add_option("--column", options->column, "name in the header, or number counted from 0 [0]");

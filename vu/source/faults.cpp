@@ -12,7 +12,8 @@ namespace vu {
 
 namespace {
 
-template <class T> T number(std::string_view word, std::string_view text, T least)
+template <class T>
+T number(std::string_view word, std::string_view text, T least)
 {
     T value{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);

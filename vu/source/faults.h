@@ -12,13 +12,13 @@
 namespace vu {
 
 struct FaultSpec {
-    uint64_t splitBytes = 0;    // no send is larger; 0: not split
-    double stallSeconds = 0.0;  // how long nothing goes out
-    double stallAtSeconds = 1;  // and from when on
-    uint64_t dropEvery = 0;     // every Nth record is left out
-    uint64_t garbleEvery = 0;   // one bit of the body of every Nth record is turned
-    uint64_t closeRecords = 0;  // the connection ends in the middle of the record behind so many; 0: never
-    static const char *help();  // the grammar in a line
+    uint64_t splitBytes = 0;   // no send is larger; 0: not split
+    double stallSeconds = 0.0; // how long nothing goes out
+    double stallAtSeconds = 1; // and from when on
+    uint64_t dropEvery = 0;    // every Nth record is left out
+    uint64_t garbleEvery = 0;  // one bit of the body of every Nth record is turned
+    uint64_t closeRecords = 0; // the connection ends in the middle of the record behind so many; 0: never
+    static const char *help(); // the grammar in a line
 };
 
 // "split=7,stall=2@1.5,drop=100,garble=50,close=1000". Throws InputError, which names the word.

@@ -103,7 +103,7 @@ Descriptor Listener::accept(const StopSignals &signals)
         signals.wait({&event, 1}, std::nullopt);
         Descriptor reader(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!reader)
-            continue; // a signal, or a reader that left again before its turn
+            continue;     // a signal, or a reader that left again before its turn
         const int on = 1; // small records go out at once; a unix socket does not know the option
         setsockopt(reader.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         socket_.close();

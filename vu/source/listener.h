@@ -9,8 +9,8 @@ namespace vu {
 
 class Listener {
 public:
-    // Listens at once. A unix socket that nobody listens on any more is replaced, and the folder of its path is
-    // made. Throws InputError or std::runtime_error, with the address in the text.
+    // Listens at once. A unix socket that nobody listens on any more is replaced, and the folder of its path
+    // is made. Throws InputError or std::runtime_error, with the address in the text.
     explicit Listener(const Address &address);
     ~Listener(); // takes the unix socket's name away
     Listener(const Listener &) = delete;

@@ -53,9 +53,9 @@ private:
     FixTimes fixes_;
     LeftOut leftOut_;
     std::string line_;
-    std::string sentence_; // the next to go out; empty at the end
-    int64_t arrival_ = 0;  // of it, in ticks from the start
-    int64_t latest_ = 0;   // arrival so far
+    std::string sentence_;        // the next to go out; empty at the end
+    int64_t arrival_ = 0;         // of it, in ticks from the start
+    int64_t latest_ = 0;          // arrival so far
     std::optional<int64_t> zero_; // log time of the start, in a log with times
     std::exception_ptr failure_;
 };
@@ -146,14 +146,16 @@ int serveNmea(const ServeOptions &serving, const NmeaOptions &options)
 void addNmea(CLI::App &source, Action &chosen)
 {
     CLI::App *kind = source.add_subcommand(
-        "nmea", "The sentences of a GPS receiver, from a log or from its serial line\n"
-                "A plain log is paced by the times of day in it; a log with a time in front of each sentence\n"
-                "(2014-08-01T00:00:00.814000Z $GPGGA,...) by those. Heartbeats follow three times a second.\n"
-                "Time 0 of a log is the whole second before its first fix or arrival, that of a device the\n"
-                "moment when the reader came.\n"
-                "Example: vu source nmea drive.nmea --listen unix:run/gps.sock --pps --latency 0.12");
+        "nmea",
+        "The sentences of a GPS receiver, from a log or from its serial line\n"
+        "A plain log is paced by the times of day in it; a log with a time in front of each sentence\n"
+        "(2014-08-01T00:00:00.814000Z $GPGGA,...) by those. Heartbeats follow three times a second.\n"
+        "Time 0 of a log is the whole second before its first fix or arrival, that of a device the\n"
+        "moment when the reader came.\n"
+        "Example: vu source nmea drive.nmea --listen unix:run/gps.sock --pps --latency 0.12");
     auto options = std::make_shared<NmeaOptions>();
-    kind->add_option("INPUT", options->input, "a log, plain or gzip, or a device such as /dev/ttyUSB0")->required();
+    kind->add_option("INPUT", options->input, "a log, plain or gzip, or a device such as /dev/ttyUSB0")
+        ->required();
     kind->add_flag("--pps", options->pps, "a log gets a pulse at each whole second");
     kind->add_option("--latency", options->latency,
                      "seconds from a fix to its sentences, in a log without arrival times [0.1]");
@@ -161,7 +163,8 @@ void addNmea(CLI::App &source, Action &chosen)
                      "seconds from the last sentence to the heartbeat at the end: the last values show in "
                      "channels\nwhose sample period is not longer [1]");
     kind->add_option("--baud", options->baud, "of a serial line [9600]");
-    kind->add_option("--pps-device", options->ppsDevice, "such as /dev/pps0: where a receiver's pulse comes in");
+    kind->add_option("--pps-device", options->ppsDevice,
+                     "such as /dev/pps0: where a receiver's pulse comes in");
     const auto common = addCommonOptions(*kind);
     kind->callback([options, common, &chosen] {
         chosen = [options, common] { return serveNmea(common->settled(), *options); };

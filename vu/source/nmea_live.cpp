@@ -6,14 +6,15 @@ namespace vu {
 
 namespace {
 
-constexpr size_t kLineLimit = 512;                           // no sentence is that long
+constexpr size_t kLineLimit = 512;                        // no sentence is that long
 constexpr int64_t kPulseLookTicks = kTicksPerSecond / 50; // a pulse has to go ahead of its sentences
 
 } // namespace
 
 LiveReceiver::LiveReceiver(std::unique_ptr<ReceiverPort> port, std::string name)
     : port_(std::move(port)), name_(std::move(name))
-{}
+{
+}
 
 void LiveReceiver::start()
 {

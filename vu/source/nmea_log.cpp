@@ -28,7 +28,7 @@ int64_t nextSecond(int64_t ticks)
 NmeaLine parseNmeaLine(std::string_view line)
 {
     NmeaLine parsed;
-    const size_t begin = line.find_first_not_of(" \t");
+    const size_t begin = line.find_first_not_of(" \t\r");
     if (begin == std::string_view::npos || line[begin] == '#') {
         parsed.kind = NmeaLine::Kind::Blank;
         return parsed;
@@ -67,7 +67,7 @@ int64_t FixTimes::of(std::string_view sentence)
     }
     const int64_t part = *time % kTicksPerSecond;
     if (!fix_) {
-        now_ += part;
+        now_ = (id == round_ && !first ? nextSecond(now_) : now_) + part;
     } else {
         int64_t step = *time - fix_->timeOfDay;
         if (step < -kDay / 2)

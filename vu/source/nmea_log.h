@@ -19,10 +19,10 @@ struct NmeaLine {
 
 NmeaLine parseNmeaLine(std::string_view line);
 
-// When the fixes were made to which the sentences of a plain log belong: sentences of one time of day together,
-// the next ones as much later as the time of day says. Whole seconds of the day are whole seconds here, also
-// over midnight. A sentence without a time belongs to the fix before it, unless its kind begins a new round; then,
-// as after a time of day that is set back, the next second counts.
+// When the fixes were made to which the sentences of a plain log belong: sentences of one time of day
+// together, the next ones as much later as the time of day says. Whole seconds of the day are whole seconds
+// here, also over midnight. A sentence without a time belongs to the fix before it, unless its kind begins a
+// new round; then, as after a time of day that is set back, the next second counts.
 class FixTimes {
 public:
     // Ticks from the whole second before the first fix. Never falls.

@@ -11,9 +11,9 @@ namespace vu {
 
 // The pulses and heartbeats of a source, in the order in which they go out.
 //
-// A heartbeat says that time has got so far and moves every channel on, so it must not overtake a value. A value
-// goes back from its arrival to its fix by at most a quarter of a second, and so a heartbeat, sent every third of
-// a second, carries the time of a quarter of a second ago.
+// A heartbeat says that time has got so far and moves every channel on, so it must not overtake a value. A
+// value goes back from its arrival to its fix by at most a quarter of a second, and so a heartbeat, sent
+// every third of a second, carries the time of a quarter of a second ago.
 class ReceiverEvents {
 public:
     explicit ReceiverEvents(bool pulses) : pulses_(pulses) {}
@@ -45,7 +45,8 @@ std::string nmeaSentence(std::string_view fields);
 // right one.
 bool isSoundSentence(std::string_view line);
 
-// Field `number` of a sentence, counted from the id, which is 0; without the checksum. Empty if there is none.
+// Field `number` of a sentence, counted from the id, which is 0; without the checksum. Empty if there is
+// none.
 std::string_view nmeaField(std::string_view sentence, size_t number);
 
 } // namespace vu

@@ -13,8 +13,8 @@ namespace vu {
 class Producer {
 public:
     virtual ~Producer() = default;
-    // Writes the next records that go out together, and sets the time at which they are due, in ticks from the
-    // start of the source. False at the end of the data; what was written then still goes out.
+    // Writes the next records that go out together, and sets the time at which they are due, in ticks from
+    // the start of the source. False at the end of the data; what was written then still goes out.
     virtual bool next(WireWriter &wire, int64_t &dueTicks) = 0;
     // What was counted and left out, a line each.
     virtual std::vector<std::string> notes() const { return {}; }
@@ -28,8 +28,8 @@ public:
     virtual void start() = 0;
     // The descriptor whose readable event wakes the source.
     virtual int descriptor() const = 0;
-    // Writes what has come since, and sets the time of the next call that must not be later, in ticks from the
-    // start. False when nothing more can come.
+    // Writes what has come since, and sets the time of the next call that must not be later, in ticks from
+    // the start. False when nothing more can come.
     virtual bool take(WireWriter &wire, int64_t &wakeTicks) = 0;
     virtual std::vector<std::string> notes() const { return {}; }
 };

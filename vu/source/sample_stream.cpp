@@ -14,7 +14,8 @@ namespace {
 constexpr double kRecordsPerSecond = 100.0;
 constexpr double kMaxRecordSamples = 16384;
 
-template <class T> class SampleProducer : public Producer {
+template <class T>
+class SampleProducer : public Producer {
 public:
     SampleProducer(const ServeOptions &options, std::unique_ptr<SampleReader> reader)
         : reader_(std::move(reader)), rate_(options.sampleRate),
@@ -37,7 +38,7 @@ public:
         sent_ += count;
         left_ -= count;
         dueTicks = ticksOf(sent_);
-        return count == block_.size(); // a part of a block is the last
+        return count > 0 && left_ > 0; // behind a part of a block its reader tells the end, or what is wrong
     }
 
 private:
@@ -58,8 +59,8 @@ private:
 int serveSamples(const ServeOptions &options, std::unique_ptr<SampleReader> reader)
 {
     if (!(options.sampleRate > 0.0) || !(options.sampleRate <= 1e9))
-        throw InputError(fmt::format("--sample-rate: expected samples per second, above 0 and up to 1e9, got {}",
-                                     options.sampleRate));
+        throw InputError(fmt::format(
+            "--sample-rate: expected samples per second, above 0 and up to 1e9, got {}", options.sampleRate));
     ServeOptions serving = options;
     serving.duration = 0.0; // counted in samples, by the producer
     if (options.dataType.find("sequential_float32") != std::string::npos) {

@@ -19,7 +19,8 @@ public:
 };
 
 // Serves the reader's samples at `options.sampleRate`, `options.duration` seconds of them if that is set, as
-// "sequential_float32" or "sequential_float64", whichever `options.dataType` contains; else throws InputError.
+// "sequential_float32" or "sequential_float64", whichever `options.dataType` contains; else throws
+// InputError.
 int serveSamples(const ServeOptions &options, std::unique_ptr<SampleReader> reader);
 
 } // namespace vu

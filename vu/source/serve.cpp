@@ -142,7 +142,8 @@ int Service::finish()
     return kFailed;
 }
 
-template <class P, class Run> int serveWith(const ServeOptions &options, P &producer, Run run)
+template <class P, class Run>
+int serveWith(const ServeOptions &options, P &producer, Run run)
 {
     const StopSignals signals;
     Listener listener(parseAddress(options.listen));

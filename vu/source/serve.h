@@ -10,7 +10,8 @@
 
 namespace vu {
 
-// What every kind of source is told. `sampleRate`, `dataType` and `connector` are those of the channel's stanza.
+// What every kind of source is told. `sampleRate`, `dataType` and `connector` are those of the channel's
+// stanza.
 struct ServeOptions {
     std::string listen;
     std::string dataType;
@@ -24,8 +25,8 @@ struct ServeOptions {
 };
 
 // Both return an ExitStatus: kDone when everything was taken or the reader said "Stop", kFailed when the
-// reader went away before. An error of the producer ends the source after what it had written was sent, and is
-// thrown on. Notes go to standard error.
+// reader went away before. An error of the producer ends the source after what it had written was sent, and
+// is thrown on. Notes go to standard error.
 int serve(const ServeOptions &options, Producer &producer);
 int serve(const ServeOptions &options, LiveProducer &producer);
 

@@ -18,7 +18,8 @@ public:
     size_t read(std::span<double> out) override { return fill(out); }
 
 private:
-    template <class T> size_t fill(std::span<T> out)
+    template <class T>
+    size_t fill(std::span<T> out)
     {
         for (T &sample : out)
             sample = static_cast<T>(waveform_.at(next_++, rate_));
@@ -80,14 +81,17 @@ std::string footer()
            "  value = sample n of the waveform; u' is u with seed + 1\n"
            "Messages whose time without jitter lies before --duration are sent.\n"
            "  message_raw     byte i of message n is (n + i) modulo 256\n"
-           "  message_can     one frame for each identifier; with v = value + the identifier's place from 0:\n"
+           "  message_can     one frame for each identifier; with v = value + the identifier's place from "
+           "0:\n"
            "                  bytes 0-1 round(100 v) as signed Intel, 2-3 the same as signed Motorola,\n"
            "                  4-7 v as binary32 Intel; a time-only record every 10 ms\n"
            "  message_xcp_ip  an entry for each measurement, value + its index, rounded and limited for\n"
            "                  integers; a time-only message every 10 ms\n"
            "  message_nmea, or message_raw with 'gps' in the connector: fix n has a latitude of 48 and a\n"
-           "                  longitude of 11 degrees and n thousandths of a minute, the speed |value| knots,\n"
-           "                  the altitude 100 + value, the heading n modulo 360; numbers of $PRTL sentences\n"
+           "                  longitude of 11 degrees and n thousandths of a minute, the speed |value| "
+           "knots,\n"
+           "                  the altitude 100 + value, the heading n modulo 360; numbers of $PRTL "
+           "sentences\n"
            "                  are value, value + 1 and so on\n"
            "  a connector with 'pd806h' (big-endian) or 'pd806k' (little-endian): a module stream; signal k\n"
            "                  has value + k\n";
@@ -96,18 +100,22 @@ std::string footer()
 void addMessageOptions(CLI::App &kind, SimOptions &sim)
 {
     const auto in = [&](const char *group, CLI::Option *option) { option->group(group); };
-    in("Messages", kind.add_option("--rate", sim.rate,
-                                   "messages, fixes or stream samples a second [--sample-rate, or 100; 1 fix]"));
+    in("Messages",
+       kind.add_option("--rate", sim.rate,
+                       "messages, fixes or stream samples a second [--sample-rate, or 100; 1 fix]"));
     in("Messages", kind.add_option("--jitter", sim.jitter, "seconds by which times vary at most [0]"));
-    in("Messages", kind.add_option("--start-time", sim.startTime,
-                                   "local time of time 0, for NTP kinds and streams: the start_time of the test "
-                                   "[now]"));
+    in("Messages",
+       kind.add_option("--start-time", sim.startTime,
+                       "local time of time 0, for NTP kinds and streams: the start_time of the test "
+                       "[now]"));
     in("Messages", kind.add_option("--size", sim.size, "bytes of a raw message [32]"));
-    in("Bus", kind.add_option("--can-ids", sim.canIds, "hexadecimal; 8 digits: of 29 bits [100]")->delimiter(','));
+    in("Bus",
+       kind.add_option("--can-ids", sim.canIds, "hexadecimal; 8 digits: of 29 bits [100]")->delimiter(','));
     in("Bus", kind.add_option("--xcp-types", sim.xcpTypes, "xcp_data_type of each measurement [FLOAT32_IEEE]")
                   ->delimiter(','));
     in("Bus", kind.add_option("--xcp-byte-order", sim.xcpByteOrder, "big or little [little]"));
-    in("GPS", kind.add_option("--receiver", sim.receiver, "garmin, or tracker with $PRTL sentences [garmin]"));
+    in("GPS",
+       kind.add_option("--receiver", sim.receiver, "garmin, or tracker with $PRTL sentences [garmin]"));
     in("GPS", kind.add_option("--utc", sim.utc, "time of the first fix and pulse [2026-03-15T12:00:00]"));
     in("GPS", kind.add_option("--latency", sim.latency, "seconds from a fix to its sentences [0.1]"));
     in("GPS", kind.add_option("--lost-pulses", sim.lostPulses, "FROM:TO, seconds without pulses"));
@@ -115,8 +123,10 @@ void addMessageOptions(CLI::App &kind, SimOptions &sim)
                      ->delimiter(','));
     in("Stream",
        kind.add_option("--numbers", sim.numbers, "of the signals [16, 17 and so on]")->delimiter(','));
-    in("Stream", kind.add_option("--fill", sim.fill, "percent told each second, in turn [10]")->delimiter(','));
-    in("Stream", kind.add_option("--no-value-every", sim.noValueEvery, "each Nth sample has only a time [0: none]"));
+    in("Stream",
+       kind.add_option("--fill", sim.fill, "percent told each second, in turn [10]")->delimiter(','));
+    in("Stream",
+       kind.add_option("--no-value-every", sim.noValueEvery, "each Nth sample has only a time [0: none]"));
 }
 
 } // namespace
@@ -124,9 +134,10 @@ void addMessageOptions(CLI::App &kind, SimOptions &sim)
 void addSim(CLI::App &source, Action &chosen)
 {
     CLI::App *kind = source.add_subcommand(
-        "sim", "A simulated channel of any kind, with a known waveform\n"
-               "Example: vu source sim --listen unix:run/can0.sock --data-type message_can --can-ids 100,18FEF100 "
-               "--rate 50 --signal ramp");
+        "sim",
+        "A simulated channel of any kind, with a known waveform\n"
+        "Example: vu source sim --listen unix:run/can0.sock --data-type message_can --can-ids 100,18FEF100 "
+        "--rate 50 --signal ramp");
     kind->footer(footer());
     auto options = std::make_shared<SimOptions>();
     auto shape = std::make_shared<std::string>("sine");

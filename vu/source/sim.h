@@ -22,8 +22,8 @@ struct SimOptions {
     std::string xcpByteOrder = "little";
     std::string receiver = "garmin";
     std::string utc = "2026-03-15T12:00:00";
-    double latency = 0.1;       // seconds from a fix to its sentences
-    std::string lostPulses;     // "FROM:TO", seconds of source time
+    double latency = 0.1;   // seconds from a fix to its sentences
+    std::string lostPulses; // "FROM:TO", seconds of source time
     std::vector<std::string> names{"sig0"};
     std::vector<uint32_t> numbers; // of the stream's signals; counted from 16 where none is given
     std::vector<double> fill{10.0};
@@ -32,8 +32,8 @@ struct SimOptions {
     int64_t startTicks = 0; // since 1970-01-01; `startTime`, read
 };
 
-// The local time "2026-03-15T10:15:30.5" in ticks since 1970-01-01; the present second for an empty text. Throws
-// InputError.
+// The local time "2026-03-15T10:15:30.5" in ticks since 1970-01-01; the present second for an empty text.
+// Throws InputError.
 int64_t parseStartTime(const std::string &text);
 
 // A simulation goes on in steps of ten milliseconds, and sends what happened in each when it is over.

@@ -13,7 +13,8 @@ namespace vu {
 
 namespace {
 
-template <class T> T saturated(double value)
+template <class T>
+T saturated(double value)
 {
     using Limits = std::numeric_limits<T>;
     if (std::isnan(value))
@@ -29,17 +30,18 @@ CanFrame parseId(const std::string &text)
 {
     CanFrame frame;
     const std::string_view digits = std::string_view(text).substr(text.starts_with("0x") ? 2 : 0);
-    const auto [end, error] =
-        std::from_chars(digits.data(), digits.data() + digits.size(), frame.id, 16);
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), frame.id, 16);
     frame.extended = digits.size() == 8;
     if (error != std::errc{} || end != digits.data() + digits.size() ||
         frame.id > (frame.extended ? 0x1FFFFFFFu : 0x7FFu))
         throw InputError(fmt::format(
-            "--can-ids: expected hexadecimal numbers up to 7FF, or of 8 digits up to 1FFFFFFF, got '{}'", text));
+            "--can-ids: expected hexadecimal numbers up to 7FF, or of 8 digits up to 1FFFFFFF, got '{}'",
+            text));
     return frame;
 }
 
-template <class T> void put(CanFrame &frame, size_t at, T value)
+template <class T>
+void put(CanFrame &frame, size_t at, T value)
 {
     std::memcpy(frame.data.data() + at, &value, sizeof value);
 }
@@ -82,22 +84,23 @@ private:
 
 using PutXcp = void (*)(WireWriter &, double, Endian);
 
-template <class T> void putInteger(WireWriter &wire, double value, Endian order)
+template <class T>
+void putInteger(WireWriter &wire, double value, Endian order)
 {
     wire.value(saturated<T>(value), order);
 }
 
-template <class T> void putFloat(WireWriter &wire, double value, Endian order)
+template <class T>
+void putFloat(WireWriter &wire, double value, Endian order)
 {
     wire.value(static_cast<T>(value), order);
 }
 
 constexpr std::pair<const char *, PutXcp> kXcpTypes[] = {
-    {"UBYTE", putInteger<uint8_t>},      {"SBYTE", putInteger<int8_t>},
-    {"UWORD", putInteger<uint16_t>},     {"SWORD", putInteger<int16_t>},
-    {"ULONG", putInteger<uint32_t>},     {"SLONG", putInteger<int32_t>},
-    {"A_UINT64", putInteger<uint64_t>},  {"A_INT64", putInteger<int64_t>},
-    {"FLOAT32_IEEE", putFloat<float>},   {"FLOAT64_IEEE", putFloat<double>},
+    {"UBYTE", putInteger<uint8_t>},     {"SBYTE", putInteger<int8_t>},    {"UWORD", putInteger<uint16_t>},
+    {"SWORD", putInteger<int16_t>},     {"ULONG", putInteger<uint32_t>},  {"SLONG", putInteger<int32_t>},
+    {"A_UINT64", putInteger<uint64_t>}, {"A_INT64", putInteger<int64_t>}, {"FLOAT32_IEEE", putFloat<float>},
+    {"FLOAT64_IEEE", putFloat<double>},
 };
 
 class XcpProducer : public SteppedProducer {

@@ -50,10 +50,12 @@ constexpr Sentence kTracker[] = {
     [](const Fix &fix) { return fmt::format("PRTLV,{},{:.3f}", fix.time, fix.value); },
     [](const Fix &fix) { return fmt::format("PRTLS,{},{:.3f},{:.3f}", fix.time, fix.value, fix.value + 1); },
     [](const Fix &fix) {
-        return fmt::format("PRTLA,{},{:.3f},{:.3f},{:.3f}", fix.time, fix.value, fix.value + 1, fix.value + 2);
+        return fmt::format("PRTLA,{},{:.3f},{:.3f},{:.3f}", fix.time, fix.value, fix.value + 1,
+                           fix.value + 2);
     },
     [](const Fix &fix) {
-        return fmt::format("PRTLG,{},{:.3f},{:.3f},{:.3f}", fix.time, fix.value, fix.value + 1, fix.value + 2);
+        return fmt::format("PRTLG,{},{:.3f},{:.3f},{:.3f}", fix.time, fix.value, fix.value + 1,
+                           fix.value + 2);
     },
     [](const Fix &fix) {
         return fmt::format("PRTLR,{},{:.3f},{:.3f},{:.3f},{:.3f}", fix.time, fix.value, fix.value + 1,
@@ -124,10 +126,10 @@ Fix GpsProducer::fixOf(uint64_t number) const
     const std::time_t second = utc_ + milliseconds / 1000;
     std::tm parts{};
     gmtime_r(&second, &parts);
-    return {fmt::format("{:02}{:02}{:02}.{:03}", parts.tm_hour, parts.tm_min, parts.tm_sec,
-                        milliseconds % 1000),
-            fmt::format("{:02}{:02}{:02}", parts.tm_mday, parts.tm_mon + 1, parts.tm_year % 100), number,
-            waveform_.at(number, times_.rate())};
+    return {
+        fmt::format("{:02}{:02}{:02}.{:03}", parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds % 1000),
+        fmt::format("{:02}{:02}{:02}", parts.tm_mday, parts.tm_mon + 1, parts.tm_year % 100), number,
+        waveform_.at(number, times_.rate())};
 }
 
 void GpsProducer::writeFix(WireWriter &wire)

@@ -14,7 +14,8 @@ public:
     MessageProducer(const SimOptions &sim, const ServeOptions &serving)
         : SteppedProducer(serving.duration), times_(sim.rate, sim.jitter, serving.seed),
           waveform_(sim.waveform)
-    {}
+    {
+    }
 
 protected:
     bool before(int64_t end) const { return times_.nominal(next_) < end; }
@@ -27,7 +28,8 @@ private:
     Waveform waveform_;
 };
 
-template <class T> class FloatProducer : public MessageProducer {
+template <class T>
+class FloatProducer : public MessageProducer {
 public:
     using MessageProducer::MessageProducer;
 
@@ -45,11 +47,13 @@ private:
     }
 };
 
-template <class T> class NtpProducer : public MessageProducer {
+template <class T>
+class NtpProducer : public MessageProducer {
 public:
     NtpProducer(const SimOptions &sim, const ServeOptions &serving)
         : MessageProducer(sim, serving), start_(sim.startTicks)
-    {}
+    {
+    }
 
 private:
     void step(WireWriter &wire, int64_t begin, int64_t end) override
@@ -74,7 +78,8 @@ class RawProducer : public MessageProducer {
 public:
     RawProducer(const SimOptions &sim, const ServeOptions &serving)
         : MessageProducer(sim, serving), content_(sim.size, '\0')
-    {}
+    {
+    }
 
 private:
     void step(WireWriter &wire, int64_t, int64_t end) override

@@ -20,7 +20,8 @@ constexpr double kFarTicks = 4e18;
 SteppedProducer::SteppedProducer(double durationSeconds)
     : end_(static_cast<int64_t>(durationSeconds > 0.0 ? std::min(durationSeconds * kTicksPerSecond, kFarTicks)
                                                       : kFarTicks))
-{}
+{
+}
 
 bool SteppedProducer::next(WireWriter &wire, int64_t &dueTicks)
 {
@@ -36,7 +37,8 @@ bool SteppedProducer::next(WireWriter &wire, int64_t &dueTicks)
 
 int64_t MessageTimes::nominal(uint64_t n) const
 {
-    return static_cast<int64_t>(std::min(std::round(static_cast<double>(n) / rate_ * kTicksPerSecond), kFarTicks));
+    return static_cast<int64_t>(
+        std::min(std::round(static_cast<double>(n) / rate_ * kTicksPerSecond), kFarTicks));
 }
 
 int64_t MessageTimes::at(uint64_t n) const
@@ -55,8 +57,8 @@ int64_t parseStartTime(const std::string &text)
     char *end = nullptr;
     const double fraction = rest ? std::strtod(rest, &end) : 0.0;
     if (!rest || *end != '\0' || !(fraction >= 0.0 && fraction < 1.0))
-        throw InputError(
-            fmt::format("--start-time: expected YYYY-MM-DDThh:mm:ss with or without a fraction, got '{}'", text));
+        throw InputError(fmt::format(
+            "--start-time: expected YYYY-MM-DDThh:mm:ss with or without a fraction, got '{}'", text));
     return std::mktime(&parts) * kTicksPerSecond + static_cast<int64_t>(fraction * kTicksPerSecond);
 }
 

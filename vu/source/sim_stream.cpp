@@ -13,8 +13,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr uint32_t kFirstNumber = 16;        // a recorder has no handler below
-constexpr uint32_t kNumberLimit = 1u << 20;  // what a header can name
+constexpr uint32_t kFirstNumber = 16;         // a recorder has no handler below
+constexpr uint32_t kNumberLimit = 1u << 20;   // what a header can name
 constexpr uint32_t kNoValueBits = 0x58E35FA9; // a sample that carries only its time
 constexpr size_t kShortLimit = 255;
 
@@ -119,8 +119,7 @@ void StreamProducer::step(WireWriter &wire, int64_t begin, int64_t end)
         introduce(wire);
     if (begin >= second_ * kTicksPerSecond) {
         metainfo(wire, 0, "alive", Json::array());
-        metainfo(wire, 0, "fill",
-                 Json::array({sim_.fill[static_cast<size_t>(second_) % sim_.fill.size()]}));
+        metainfo(wire, 0, "fill", Json::array({sim_.fill[static_cast<size_t>(second_) % sim_.fill.size()]}));
         ++second_;
     }
     uint64_t last = next_;

@@ -38,8 +38,8 @@ bool TextLines::refill()
     if (count < 0) {
         int error = Z_OK;
         const char *reason = gzerror(file_.get(), &error);
-        throw InputError(fmt::format("{}:{}: {}", path_, number_ + 1,
-                                     error == Z_ERRNO ? std::strerror(errno) : reason));
+        throw InputError(
+            fmt::format("{}:{}: {}", path_, number_ + 1, error == Z_ERRNO ? std::strerror(errno) : reason));
     }
     unread_ = std::string_view(buffer_.data(), static_cast<size_t>(count));
     return count > 0;

@@ -41,12 +41,12 @@ public:
     size_t read(std::span<double> out) override { return pick(out, doubles_); }
 
 private:
-    template <class T> size_t pick(std::span<T> out, std::vector<T> &frames)
+    template <class T>
+    size_t pick(std::span<T> out, std::vector<T> &frames)
     {
         const auto width = static_cast<size_t>(info_.channels);
         frames.resize(out.size() * width);
-        const sf_count_t count =
-            readFrames(file_.get(), frames.data(), static_cast<sf_count_t>(out.size()));
+        const sf_count_t count = readFrames(file_.get(), frames.data(), static_cast<sf_count_t>(out.size()));
         for (size_t i = 0; i < static_cast<size_t>(count); ++i)
             out[i] = frames[i * width + static_cast<size_t>(channel_)];
         return static_cast<size_t>(count);

@@ -58,8 +58,7 @@ Waveform::Shape parseShape(const std::string &text)
     for (const auto &[name, shape] : kShapes)
         if (text == name)
             return shape;
-    throw InputError(
-        fmt::format("--signal: expected sine, ramp, square, noise or counter, got '{}'", text));
+    throw InputError(fmt::format("--signal: expected sine, ramp, square, noise or counter, got '{}'", text));
 }
 
 } // namespace vu

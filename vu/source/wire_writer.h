@@ -18,7 +18,8 @@ constexpr int64_t kTicksPerSecond = 40'000'000; // ticks of 25 ns
 
 enum class Endian { Big, Little };
 
-template <class T> T reversed(T value)
+template <class T>
+T reversed(T value)
 {
     if constexpr (sizeof(T) == 1)
         return value;
@@ -44,15 +45,25 @@ public:
     // Ends a piece that has its own framing, as a stream's records have.
     void endUnframed() { ends_.push_back(bytes_.size()); }
 
-    template <class T> void value(T number, Endian order)
+    template <class T>
+    void value(T number, Endian order)
     {
         if (order == Endian::Big)
             number = reversed(number);
         append(&number, sizeof number);
     }
-    template <class T> void big(T number) { value(number, Endian::Big); }
-    template <class T> void sample(T number) { value(number, samples_); }
-    template <std::floating_point T> void samples(std::span<const T> values)
+    template <class T>
+    void big(T number)
+    {
+        value(number, Endian::Big);
+    }
+    template <class T>
+    void sample(T number)
+    {
+        value(number, samples_);
+    }
+    template <std::floating_point T>
+    void samples(std::span<const T> values)
     {
         if (samples_ == Endian::Little)
             return append(values.data(), values.size_bytes());
