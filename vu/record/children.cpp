@@ -58,7 +58,8 @@ void Children::start(const Channel &channel)
     struct ev_loop *loop = ev_default_loop(0);
     const pid_t pid = fork();
     if (pid < 0)
-        throw std::runtime_error(fmt::format("{}: its source can not be started: {}", channel.name, std::strerror(errno)));
+        throw std::runtime_error(
+            fmt::format("{}: its source can not be started: {}", channel.name, std::strerror(errno)));
     if (pid == 0)
         becomeSource(command_.c_str(), arguments.data());
     Child &child = children_.emplace_back();
@@ -79,8 +80,8 @@ void Children::start(const Channel &channel)
 
 Children::Child *Children::find(const std::string &channel)
 {
-    const auto found =
-        std::find_if(children_.begin(), children_.end(), [&](const Child &child) { return child.channel == channel; });
+    const auto found = std::find_if(children_.begin(), children_.end(),
+                                    [&](const Child &child) { return child.channel == channel; });
     return found == children_.end() ? nullptr : &*found;
 }
 

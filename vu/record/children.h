@@ -24,7 +24,7 @@ public:
         std::string channel;
         pid_t pid = -1;
         bool running = true;
-        int status = 0; // as waitpid() gives it
+        int status = 0;          // as waitpid() gives it
         bool ended_here = false; // by a signal of ours
         bool told = false;       // free for whoever tells its end
         ev_child watcher{};

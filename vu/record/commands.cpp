@@ -20,18 +20,6 @@ struct Options {
     RecordOptions record;
 };
 
-Description load(const Options &options)
-{
-    Description test = readDescription(options.description);
-    for (const std::string &warning : test.warnings)
-        fmt::print(stderr, "{} (warning)\n", warning);
-    if (!options.output.empty())
-        test.file = options.output;
-    if (options.seconds > 0.0)
-        test.duration = options.seconds;
-    return test;
-}
-
 // Makes every node and signal once, on sockets that lead nowhere: the library has the last word on a stanza.
 void tryStanzas(const Description &test)
 {
@@ -46,10 +34,22 @@ void tryStanzas(const Description &test)
     makeChannels(test, std::move(sockets));
 }
 
+Description load(const Options &options)
+{
+    Description test = readDescription(options.description);
+    for (const std::string &warning : test.warnings)
+        fmt::print(stderr, "{} (warning)\n", warning);
+    if (!options.output.empty())
+        test.file = options.output;
+    if (options.seconds > 0.0)
+        test.duration = options.seconds;
+    tryStanzas(test);
+    return test;
+}
+
 int check(const Options &options)
 {
     const Description test = load(options);
-    tryStanzas(test);
     const Forecast expected = forecast(test);
     if (options.record.json) {
         Json out = {{"test", test.name},
@@ -64,16 +64,18 @@ int check(const Options &options)
         fmt::print("{}\n", out.dump(2, ' ', false, Json::error_handler_t::replace));
         return kDone;
     }
-    fmt::print("{}: {} channels, {} series stored in {}\n", test.name, test.channels.size(), expected.stored_tracks,
-               test.file.string());
+    fmt::print("{}: {} channels, {} series stored in {}\n", test.name, test.channels.size(),
+               expected.stored_tracks, test.file.string());
     fmt::print("{}/s of periodic data", byteText(expected.bytes_per_second));
     if (expected.irregular_tracks > 0)
         fmt::print(", and what {} message channels bring", expected.irregular_tracks);
-    fmt::print("\n{} free: full after {}\n", byteText(expected.free_bytes), durationText(expected.secondsToFull()));
+    fmt::print("\n{} free: full after {}\n", byteText(expected.free_bytes),
+               durationText(expected.secondsToFull()));
     return kDone;
 }
 
-CLI::App *addDescription(CLI::App &app, const char *name, const char *about, const std::shared_ptr<Options> &options)
+CLI::App *addDescription(CLI::App &app, const char *name, const char *about,
+                         const std::shared_ptr<Options> &options)
 {
     CLI::App *command = app.add_subcommand(name, about);
     command->add_option("TEST", options->description, "Description of the test, a JSON file")->required();
@@ -86,12 +88,13 @@ void addRecording(CLI::App &app, Action &chosen, const char *name, const char *a
     auto options = std::make_shared<Options>();
     options->record.start_sources = startSources;
     CLI::App *command = addDescription(app, name, about, options);
-    command->add_option("-o,--output", options->output, "The data file, in place of the one in the description");
-    command->add_option("--for", options->seconds, "Ends after this many seconds")->check(CLI::PositiveNumber);
+    command->add_option("-o,--output", options->output,
+                        "The data file, in place of the one in the description");
+    command->add_option("--for", options->seconds, "Ends after this many seconds")
+        ->check(CLI::PositiveNumber);
     command->add_flag("--force", options->record.force, "Replaces an existing data file");
-    command->callback([options, &chosen] {
-        chosen = [options] { return recordTest(load(*options), options->record); };
-    });
+    command->callback(
+        [options, &chosen] { chosen = [options] { return recordTest(load(*options), options->record); }; });
 }
 
 } // namespace
@@ -99,10 +102,11 @@ void addRecording(CLI::App &app, Action &chosen, const char *name, const char *a
 void addCheck(CLI::App &app, Action &chosen)
 {
     auto options = std::make_shared<Options>();
-    CLI::App *command = addDescription(app, "check",
-                                       "Shows every mistake in a test description, and what the test will bring\n"
-                                       "Example: vu check examples/drive/drive.json",
-                                       options);
+    CLI::App *command =
+        addDescription(app, "check",
+                       "Shows every mistake in a test description, and what the test will bring\n"
+                       "Example: vu check examples/drive/drive.json",
+                       options);
     command->callback([options, &chosen] { chosen = [options] { return check(*options); }; });
 }
 

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include "vu/source/address.h"
 
@@ -55,7 +56,8 @@ Descriptor tryTcp(const Address &address, int timeoutMs)
 {
     addrinfo hints{}, *found = nullptr;
     hints.ai_socktype = SOCK_STREAM;
-    if (const int error = getaddrinfo(address.host.c_str(), std::to_string(address.port).c_str(), &hints, &found))
+    if (const int error =
+            getaddrinfo(address.host.c_str(), std::to_string(address.port).c_str(), &hints, &found))
         throw std::runtime_error(fmt::format("{}: {}", address.text(), gai_strerror(error)));
     const std::unique_ptr<addrinfo, void (*)(addrinfo *)> owned(found, freeaddrinfo);
     for (const addrinfo *one = found; one; one = one->ai_next)
@@ -67,11 +69,13 @@ Descriptor tryTcp(const Address &address, int timeoutMs)
     return Descriptor();
 }
 
-Descriptor connectOne(const Channel &channel, Clock::time_point deadline, const std::function<void(const Channel &)> &alive)
+Descriptor connectOne(const Channel &channel, Clock::time_point deadline,
+                      const std::function<void(const Channel &)> &alive)
 {
     const Address address = parseAddress(channel.address);
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         Descriptor made = address.family == Address::Family::Unix
                               ? tryUnix(address.path)
                               : tryTcp(address, static_cast<int>(std::max<int64_t>(left, 1)));
@@ -79,8 +83,8 @@ Descriptor connectOne(const Channel &channel, Clock::time_point deadline, const 
             return made;
         const int error = errno;
         if (Clock::now() >= deadline)
-            throw std::runtime_error(fmt::format("{}: no source at {}: {}", channel.name, channel.address,
-                                                 std::strerror(error)));
+            throw std::runtime_error(
+                fmt::format("{}: no source at {}: {}", channel.name, channel.address, std::strerror(error)));
         alive(channel);
         poll(nullptr, 0, kPauseMs);
     }
@@ -90,7 +94,17 @@ Descriptor connectOne(const Channel &channel, Clock::time_point deadline, const 
 
 std::vector<Descriptor> connectAll(const Description &test, const std::function<void(const Channel &)> &alive)
 {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(test.connect_timeout * 1e3));
+    const auto deadline =
+        Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(test.connect_timeout * 1e3));
+    // A source begins when it is connected: first all of them are there, then they begin together.
+    for (const Channel &channel : test.channels) {
+        const Address address = parseAddress(channel.address);
+        while (address.family == Address::Family::Unix && Clock::now() < deadline &&
+               access(address.path.c_str(), F_OK) != 0) {
+            alive(channel);
+            poll(nullptr, 0, kPauseMs);
+        }
+    }
     std::vector<Descriptor> sockets;
     for (const Channel &channel : test.channels)
         sockets.push_back(connectOne(channel, deadline, alive));

@@ -72,7 +72,7 @@ DataFile::DataFile(std::filesystem::path path, bool force) : path_(std::move(pat
 
 DataFile::~DataFile()
 {
-    struct stat status{};
+    struct stat status {};
     if (file_ && fstat(file_.get(), &status) == 0 && status.st_size == 0 && S_ISREG(status.st_mode)) {
         std::error_code ignored;
         std::filesystem::remove(path_, ignored);
@@ -109,7 +109,8 @@ void DataFile::writeBytes(KRDBuffer &record, const std::string &text)
     const auto length = static_cast<uint32_t>(text.size());
     membufExpand(&record.buffer, length);
     if (text.size() != length || KRDBuffer_append(&record, text.data(), length) != length)
-        throw std::runtime_error(fmt::format("{}: no memory for a block of {} bytes", path_.string(), text.size()));
+        throw std::runtime_error(
+            fmt::format("{}: no memory for a block of {} bytes", path_.string(), text.size()));
     KRDBuffer_flush(&record, 1);
 }
 
@@ -162,15 +163,18 @@ void DataFile::addTrack(Stored &stored)
     record.offset = track.store.offset;
     record.uniform_frames = 1;
     const char *family = track.periodic() ? "sequential_" : "message_";
-    KRDBuffer_set_storage_convert(&record, (family + track.element).c_str(), (family + track.store.element).c_str(),
-                                  track.periodic(), track.store.run_length ? "rle" : "plain");
+    KRDBuffer_set_storage_convert(&record, (family + track.element).c_str(),
+                                  (family + track.store.element).c_str(), track.periodic(),
+                                  track.store.run_length ? "rle" : "plain");
     if (!record.pipe_filter)
-        throw std::runtime_error(fmt::format("{}: {} can not be stored as {}", track.name, track.element, track.store.element));
+        throw std::runtime_error(
+            fmt::format("{}: {} can not be stored as {}", track.name, track.element, track.store.element));
 }
 
 uint64_t DataFile::writtenBytes() const
 {
-    return static_cast<uint64_t>(KRDWriter_amount_written(static_cast<int32_t>(record_count_), records_.get()));
+    return static_cast<uint64_t>(
+        KRDWriter_amount_written(static_cast<int32_t>(record_count_), records_.get()));
 }
 
 uint64_t DataFile::waitingBytes() const

@@ -24,8 +24,8 @@ public:
     DataFile(const DataFile &) = delete;
     DataFile &operator=(const DataFile &) = delete;
 
-    // Writes the catalogue and attaches a pipe to each of `tracks` that is to be stored. Groups are numbered in
-    // their order.
+    // Writes the catalogue and attaches a pipe to each of `tracks` that is to be stored. Groups are numbered
+    // in their order.
     void begin(const Description &test, std::vector<Track> tracks);
     // Writes what has queued up.
     void flush(bool force, Events &events);
@@ -40,9 +40,9 @@ public:
     struct Stored {
         Track track;
         Ledger ledger;
-        int32_t group = -1;        // -1: not stored
+        int32_t group = -1; // -1: not stored
         KRDBuffer *record = nullptr;
-        uint64_t delivered = 0;    // elements that came out of its pipe
+        uint64_t delivered = 0; // elements that came out of its pipe
     };
     const std::vector<Stored> &tracks() const { return tracks_; }
 

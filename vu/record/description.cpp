@@ -38,8 +38,8 @@ std::string now()
     gettimeofday(&time, nullptr);
     tm local{};
     localtime_r(&time.tv_sec, &local);
-    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-                       local.tm_hour, local.tm_min, local.tm_sec, time.tv_usec);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}", local.tm_year + 1900, local.tm_mon + 1,
+                       local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, time.tv_usec);
 }
 
 std::string readAddress(Fields &keys, const Reading &reading)
@@ -98,10 +98,13 @@ Source readSource(Fields &keys, const Reading &reading, const Channel &channel, 
             add(key, value);
     }
     for (const char *key : {"data_type", "connector", "sample_rate"})
-        if (!keys.has(key) && stanza.is_object() && stanza.contains(key) && !stanza[key].is_null() && !stanza[key].is_object())
+        if (!keys.has(key) && stanza.is_object() && stanza.contains(key) && !stanza[key].is_null() &&
+            !stanza[key].is_object())
             add(key, stanza[key]);
     if (source.kind == "sim" && !keys.has("start_time")) // of its absolute times
-        add("start_time", stanza.is_object() && stanza.contains("start_time") ? stanza["start_time"] : Json(reading.test.start_time));
+        add("start_time", stanza.is_object() && stanza.contains("start_time")
+                              ? stanza["start_time"]
+                              : Json(reading.test.start_time));
     source.arguments.push_back("--listen=" + channel.address);
     return source;
 }
@@ -111,7 +114,8 @@ Store readChannelStore(Fields &keys, const Reading &reading, const Channel &chan
     const bool frames = channel.kind != ChannelKind::kXcp && channel.kind != ChannelKind::kStream;
     const bool numbers = channel.kind == ChannelKind::kSequential || channel.kind == ChannelKind::kFloats ||
                          channel.kind == ChannelKind::kHeldFloats;
-    const Store store = readStore(keys, {numbers, channel.sample_rate > 0.0, channel.wide}, frames, reading.test.warnings);
+    const Store store =
+        readStore(keys, {numbers, channel.sample_rate > 0.0, channel.wide}, frames, reading.test.warnings);
     if (store.wanted && !frames)
         keys.mistakes().add(store.path, "only the signals of such a channel can be stored: expected false");
     return store;
@@ -145,7 +149,8 @@ Channel readChannel(const Json &value, const std::string &path, const Reading &r
     channel.store = readChannelStore(keys, reading, channel);
     if (const Json *source = keys.find("source")) {
         Fields options(reading.mistakes, *source, keys.pathOf("source"));
-        channel.source = readSource(options, reading, channel, value.contains("stanza") ? value["stanza"] : Json());
+        channel.source =
+            readSource(options, reading, channel, value.contains("stanza") ? value["stanza"] : Json());
     }
     readSignals(keys, reading.folder, channel, reading.test.warnings);
     keys.close();
@@ -184,7 +189,8 @@ Monitor readMonitor(const Json &value, const std::string &path, const Reading &r
     if (channels.empty())
         reading.mistakes.add(keys.pathOf("channels"), "expected an array with at least one channel");
     for (size_t i = 0; i < channels.size(); i++)
-        monitor.channels.push_back(readWatched(channels[i], elementPath(keys.pathOf("channels"), i), reading.mistakes));
+        monitor.channels.push_back(
+            readWatched(channels[i], elementPath(keys.pathOf("channels"), i), reading.mistakes));
     keys.close();
     return monitor;
 }
@@ -202,7 +208,8 @@ void readTop(Fields &keys, Reading &reading)
     test.duration = keys.number("duration", {-1e-300, 1e9, "a number of seconds from 0 on"}, 0.0);
     test.file = resolved(reading, keys.text("file"));
     test.flush_interval = keys.number("flush_interval", {0.0, 3600.0, "a number above 0, at most 3600"}, 0.2);
-    test.connect_timeout = keys.number("connect_timeout", {0.0, 86400.0, "a number above 0, at most 86400"}, 10.0);
+    test.connect_timeout =
+        keys.number("connect_timeout", {0.0, 86400.0, "a number above 0, at most 86400"}, 10.0);
     const Json &channels = keys.array("channels");
     if (channels.empty())
         reading.mistakes.add("channels", "expected an array with at least one channel");
@@ -214,7 +221,8 @@ void readTop(Fields &keys, Reading &reading)
     keys.close();
 }
 
-// Everything stored lies side by side in one file under its name, and every source needs an address of its own.
+// Everything stored lies side by side in one file under its name, and every source needs an address of its
+// own.
 void checkUnique(const Description &test, Mistakes &mistakes)
 {
     std::set<std::string> names, addresses;
@@ -253,7 +261,8 @@ void checkWatched(Description &test, Mistakes &mistakes)
             const Store *store = periodic(test, watched.channel);
             if (!store) {
                 if (!watched.channel.empty())
-                    mistakes.add(watched.path + ".channel", fmt::format("there is no periodic channel {}", watched.channel));
+                    mistakes.add(watched.path + ".channel",
+                                 fmt::format("there is no periodic channel {}", watched.channel));
                 continue;
             }
             const double lowest = watched.mode == 2 ? watched.upper : watched.lower;

@@ -13,12 +13,12 @@ namespace vu {
 // How a channel or signal goes into the file.
 struct Store {
     bool wanted = true;
-    std::string element;    // "int16", "float64" and so on; empty: as it comes
+    std::string element; // "int16", "float64" and so on; empty: as it comes
     bool run_length = false;
-    double scale = 1.0;     // stored = (value - offset) / scale
+    double scale = 1.0; // stored = (value - offset) / scale
     double offset = 0.0;
-    int64_t limit = -1;     // samples; below 0: none
-    std::string path;       // where the description says so
+    int64_t limit = -1; // samples; below 0: none
+    std::string path;   // where the description says so
 };
 
 // The process that produces a channel, started by `vu run`: `vu source KIND INPUT --options`.
@@ -49,8 +49,9 @@ struct Channel {
     std::string name;
     std::string address; // "unix:PATH" or "tcp:HOST:PORT"
     ChannelKind kind = ChannelKind::kSequential;
-    bool wide = false;        // float64 values
-    bool ntp = false;         // absolute times
+    bool wide = false;   // float64 values
+    bool ntp = false;    // absolute times
+    bool little = false; // of a module stream: its samples are little-endian
     bool prerun_zero = false;
     double sample_rate = 0.0; // Hz; 0: irregular
     double pipe_rate = 10.0;  // frames per second
@@ -80,11 +81,11 @@ struct Monitor {
 
 struct Description {
     std::string name;
-    std::string start_time;         // local time; the moment of loading if the description says "now" or nothing
-    double duration = 0.0;          // seconds; 0: until the sources end
-    std::filesystem::path file;     // the data file
-    double flush_interval = 0.2;    // seconds
-    double connect_timeout = 10.0;  // seconds
+    std::string start_time;      // local time; the moment of loading if the description says "now" or nothing
+    double duration = 0.0;       // seconds; 0: until the sources end
+    std::filesystem::path file;  // the data file
+    double flush_interval = 0.2; // seconds
+    double connect_timeout = 10.0; // seconds
     std::vector<Channel> channels;
     std::vector<Monitor> monitors;
     std::vector<std::string> warnings; // one line each

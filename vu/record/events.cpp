@@ -15,8 +15,8 @@ double Events::seconds() const
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
 }
 
-void Events::add(const char *kind, const std::string &channel, const std::string &text, std::optional<double> value,
-                 std::optional<double> time)
+void Events::add(const char *kind, const std::string &channel, const std::string &text,
+                 std::optional<double> value, std::optional<double> time)
 {
     if (list_.size() > kMost)
         return;

@@ -10,7 +10,7 @@
 namespace vu {
 
 struct Event {
-    double time; // seconds since the recording began
+    double time;      // seconds since the recording began
     std::string kind; // "zero", "range", "source_lost", "source_ended", "source_found", "disk_full", "error"
     std::string channel; // empty: none in particular
     std::optional<double> value;

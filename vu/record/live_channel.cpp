@@ -58,6 +58,7 @@ LiveChannel::LiveChannel(const Channel &channel, Descriptor socket, GatheredErro
     try {
         makeNode(errors);
         addSignals(errors);
+        guard_ = std::make_unique<TimeGuard>(*node_, channel);
     } catch (...) {
         freeSignals();
         throw;
@@ -66,6 +67,7 @@ LiveChannel::LiveChannel(const Channel &channel, Descriptor socket, GatheredErro
 
 LiveChannel::~LiveChannel()
 {
+    guard_.reset();
     freeSignals();
 }
 
@@ -106,7 +108,8 @@ bool LiveChannel::addSignal(const Signal &signal)
     case ChannelKind::kCan: {
         CanSetSignal *made = can_set_add_signal(node_->can_set, signal.stanza.c_str());
         if (made)
-            decoded_.push_back({&signal, &made->pipes, made->sequentializer, &made->rezero_pending, made->name});
+            decoded_.push_back(
+                {&signal, &made->pipes, made->sequentializer, &made->rezero_pending, made->name});
         return made != nullptr;
     }
     case ChannelKind::kXcp: {
@@ -188,8 +191,9 @@ void LiveChannel::freeSignals()
         socket_.release(); // the library has closed it
     detachAll(node_->pipes);
     frameDelete(node_->frame);
-    for (void *owned : {static_cast<void *>(node_->inbuf.buf), static_cast<void *>(node_->name), node_->channel_aux,
-                        static_cast<void *>(node_->heartbeat), static_cast<void *>(node_->watcher)})
+    for (void *owned :
+         {static_cast<void *>(node_->inbuf.buf), static_cast<void *>(node_->name), node_->channel_aux,
+          static_cast<void *>(node_->heartbeat), static_cast<void *>(node_->watcher)})
         std::free(owned);
     std::free(node_);
 }
@@ -273,14 +277,16 @@ void LiveChannel::deliverUnfinished()
                 deliver(*decoded.pipes, frame);
 }
 
-std::vector<std::unique_ptr<LiveChannel>> makeChannels(const Description &test, std::vector<Descriptor> sockets)
+std::vector<std::unique_ptr<LiveChannel>> makeChannels(const Description &test,
+                                                       std::vector<Descriptor> sockets)
 {
     GatheredErrors errors;
     std::vector<std::unique_ptr<LiveChannel>> channels;
     std::vector<std::string> refused;
     for (size_t i = 0; i < test.channels.size(); i++) {
         try {
-            channels.push_back(std::make_unique<LiveChannel>(test.channels[i], std::move(sockets[i]), errors));
+            channels.push_back(
+                std::make_unique<LiveChannel>(test.channels[i], std::move(sockets[i]), errors));
         } catch (const InputError &error) {
             refused.emplace_back(error.what());
         }

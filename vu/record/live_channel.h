@@ -7,6 +7,7 @@
 #include "libvu/proxy/proxy_node.h"
 #include "vu/record/description.h"
 #include "vu/record/host_callbacks.h"
+#include "vu/record/time_guard.h"
 #include "vu/record/track.h"
 #include "vu/source/descriptor.h"
 
@@ -32,6 +33,8 @@ public:
     void stop();
     // Delivers the frames that are still being filled.
     void deliverUnfinished();
+    // What stands between the socket and absurd times.
+    const TimeGuard &guard() const { return *guard_; }
     // Bytes of a record that never became whole.
     uint32_t brokenBytes() const { return node_->inbuf.size; }
 
@@ -57,9 +60,11 @@ private:
     Descriptor socket_;
     ProxyNode *node_ = nullptr;
     std::vector<Decoded> decoded_;
+    std::unique_ptr<TimeGuard> guard_;
 };
 
 // All channels of a test on their sockets, in order. Throws InputError with the lines of all of them.
-std::vector<std::unique_ptr<LiveChannel>> makeChannels(const Description &test, std::vector<Descriptor> sockets);
+std::vector<std::unique_ptr<LiveChannel>> makeChannels(const Description &test,
+                                                       std::vector<Descriptor> sockets);
 
 } // namespace vu

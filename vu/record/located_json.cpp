@@ -72,7 +72,8 @@ public:
         const size_t bracket = text.find("] ");
         failure_ = bracket == std::string::npos ? text : text.substr(bracket + 2);
         // The parser's own place counts from the front of the text; the line in front of it is enough.
-        if (const size_t place = failure_.find(": "); failure_.starts_with("parse error at") && place != std::string::npos)
+        if (const size_t place = failure_.find(": ");
+            failure_.starts_with("parse error at") && place != std::string::npos)
             failure_ = "not JSON: " + failure_.substr(place + 2);
         return false;
     }

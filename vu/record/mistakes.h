@@ -1,4 +1,5 @@
-// Typed reading of a description, key by key, that goes on after a mistake: the user sees all of them at once.
+// Typed reading of a description, key by key, that goes on after a mistake: the user sees all of them at
+// once.
 #pragma once
 
 #include <initializer_list>
@@ -16,7 +17,10 @@ public:
 
     void add(const std::string &path, std::string_view what) { lines_.push_back(text_.mistake(path, what)); }
     // A line for a path without being a mistake; without a text, the front of such a line.
-    std::string line(const std::string &path, std::string_view what) const { return text_.mistake(path, what); }
+    std::string line(const std::string &path, std::string_view what) const
+    {
+        return text_.mistake(path, what);
+    }
     size_t count() const { return lines_.size(); }
     // InputError with all lines, if there are any.
     void throwIfAny() const;
@@ -41,7 +45,7 @@ public:
     const Json &object() const { return *object_; }
     Mistakes &mistakes() { return mistakes_; }
 
-    std::string text(const char *key);                              // required, not empty
+    std::string text(const char *key); // required, not empty
     std::string text(const char *key, const std::string &fallback);
     std::string word(const char *key, std::initializer_list<const char *> words, const char *fallback);
     bool flag(const char *key, bool fallback);
@@ -51,7 +55,7 @@ public:
         double most = std::numeric_limits<double>::infinity();   // included, unless infinite
         const char *expected = "a finite number";
     };
-    double number(const char *key, const Range &range);                  // required
+    double number(const char *key, const Range &range); // required
     double number(const char *key, const Range &range, double fallback);
     // The elements of an array that may be missing.
     const Json &array(const char *key);

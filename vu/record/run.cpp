@@ -30,7 +30,8 @@ void checkAlive(const Channel &channel, Children &children, const EndSignals &si
 int recordTest(const Description &test, const RecordOptions &options)
 {
     setHostCallbacks({});
-    for (const int broken : {SIGPIPE, SIGXFSZ}) // a source or a disk that is gone is told by the call's result
+    for (const int broken :
+         {SIGPIPE, SIGXFSZ}) // a source or a disk that is gone is told by the call's result
         std::signal(broken, SIG_IGN);
     EndSignals signals;
     Events events;

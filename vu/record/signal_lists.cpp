@@ -29,7 +29,8 @@ Signal makeSignal(const Json &stanza, std::string path, const Mistakes &mistakes
     signal.text = type.find("float") == std::string::npos;
     signal.wide = type.find("float32") == std::string::npos;
     const auto rate = stanza.find("sample_rate");
-    signal.sample_rate = !signal.text && rate != stanza.end() && rate->is_number() ? rate->get<double>() : 0.0;
+    signal.sample_rate =
+        !signal.text && rate != stanza.end() && rate->is_number() ? rate->get<double>() : 0.0;
     signal.stanza = stanza.dump(-1, ' ', false, Json::error_handler_t::replace);
     return signal;
 }
@@ -40,10 +41,12 @@ Storable storable(const Signal &signal)
 }
 
 // A field of bits says itself how far its values reach.
-void warnOfBits(const Json &stanza, const Signal &signal, const Mistakes &mistakes, std::vector<std::string> &warnings)
+void warnOfBits(const Json &stanza, const Signal &signal, const Mistakes &mistakes,
+                std::vector<std::string> &warnings)
 {
     const std::string format = stanza.value("db_data_format", std::string());
-    if (signal.store.element.empty() || (format != "ULSB" && format != "UMSB" && format != "SLSB" && format != "SMSB"))
+    if (signal.store.element.empty() ||
+        (format != "ULSB" && format != "UMSB" && format != "SLSB" && format != "SMSB"))
         return;
     const double bits = stanza.value("db_bit_length", 0.0);
     const bool isSigned = format.front() == 'S';
@@ -182,7 +185,8 @@ void readGps(Fields &keys, const Json &value, Channel &channel, std::vector<std:
 
 } // namespace
 
-void readSignals(Fields &keys, const std::filesystem::path &folder, Channel &channel, std::vector<std::string> &warnings)
+void readSignals(Fields &keys, const std::filesystem::path &folder, Channel &channel,
+                 std::vector<std::string> &warnings)
 {
     const auto refuseUnless = [&](const char *key, bool fits, const char *what) {
         if (keys.has(key) && !fits)
@@ -192,10 +196,12 @@ void readSignals(Fields &keys, const std::filesystem::path &folder, Channel &cha
     readStanzas(keys, channel, warnings);
     refuseUnless("signals", carriesSignals(channel.kind), "this kind of channel carries no signals");
     if (const Json *value = keys.find("dbc");
-        refuseUnless("dbc", channel.kind == ChannelKind::kCan, "only message_can channels have a DBC") && value)
+        refuseUnless("dbc", channel.kind == ChannelKind::kCan, "only message_can channels have a DBC") &&
+        value)
         readDbc(keys, *value, folder, channel, warnings);
     if (const Json *value = keys.find("gps");
-        refuseUnless("gps", channel.kind == ChannelKind::kNmea, "only GPS channels have such a list") && value)
+        refuseUnless("gps", channel.kind == ChannelKind::kNmea, "only GPS channels have such a list") &&
+        value)
         readGps(keys, *value, channel, warnings);
 }
 

@@ -9,6 +9,7 @@
 namespace vu {
 
 // Reads the keys "signals", "dbc" and "gps" of a channel and fills `channel.signals`.
-void readSignals(Fields &keys, const std::filesystem::path &folder, Channel &channel, std::vector<std::string> &warnings);
+void readSignals(Fields &keys, const std::filesystem::path &folder, Channel &channel,
+                 std::vector<std::string> &warnings);
 
 } // namespace vu

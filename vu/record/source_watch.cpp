@@ -8,12 +8,14 @@ namespace vu {
 
 namespace {
 
-constexpr double kSilentSeconds = 5.0; // a periodic channel that brings nothing for so long has lost its source
+constexpr double kSilentSeconds =
+    5.0; // a periodic channel that brings nothing for so long has lost its source
 constexpr double kSilentSamples = 5.0; // unless it is a slow one
 
 } // namespace
 
-SourceWatch::SourceWatch(std::vector<std::unique_ptr<LiveChannel>> &channels, Children &children, Events &events)
+SourceWatch::SourceWatch(std::vector<std::unique_ptr<LiveChannel>> &channels, Children &children,
+                         Events &events)
     : events_(events)
 {
     for (const auto &channel : channels) {
@@ -32,6 +34,7 @@ bool SourceWatch::allEnded() const
 void SourceWatch::look(bool stopping)
 {
     for (Seen &seen : all_) {
+        noticeCuts(seen);
         if (seen.channel->ended() && !seen.told)
             noticeEnd(seen, stopping);
         else if (!seen.channel->ended() && !stopping)
@@ -67,8 +70,9 @@ void SourceWatch::tellEnd(Seen &seen)
     else if (child && !child->running && !child->ended_here && child->status != 0)
         events_.add("source_lost", name, "its source ended with " + describeEnd(child->status));
     else if (seen.channel->brokenBytes() > 0)
-        events_.add("source_lost", name, fmt::format("its source ended inside a record: {} bytes of it are lost",
-                                                     seen.channel->brokenBytes()));
+        events_.add("source_lost", name,
+                    fmt::format("its source ended inside a record: {} bytes of it are lost",
+                                seen.channel->brokenBytes()));
     else if (seen.ended_alone && node.last_read == 0)
         events_.add("source_ended", name, "its source has sent everything");
 }
@@ -88,11 +92,26 @@ void SourceWatch::noticeSilence(Seen &seen)
         seen.since = now;
         return;
     }
-    const double patience = std::max(kSilentSeconds, kSilentSamples / seen.channel->description().sample_rate);
+    const double patience =
+        std::max(kSilentSeconds, kSilentSamples / seen.channel->description().sample_rate);
     if (seen.silent || now - seen.since < patience)
         return;
     seen.silent = true;
     events_.add("source_lost", name, fmt::format("has sent nothing for {:.0f} s", patience));
+}
+
+// The first of them, and how many there were in all when the channel is over.
+void SourceWatch::noticeCuts(Seen &seen)
+{
+    const TimeGuard &guard = seen.channel->guard();
+    if (guard.cut() == seen.cut || (seen.cut > 0 && !seen.channel->ended()))
+        return;
+    seen.cut = guard.cut();
+    events_.add(
+        "error", seen.channel->description().name,
+        fmt::format("{} of its records were left out: the first lies {:.6g} s ahead of the one before, which "
+                    "its streams could not fill (is start_time right?)",
+                    guard.cut(), guard.aheadSeconds()));
 }
 
 } // namespace vu

@@ -26,6 +26,7 @@ private:
         bool ended_alone = false; // before it was told to
         bool told = false;
         bool silent = false;
+        uint64_t cut = 0;    // records with absurd times, as told
         int64_t samples = 0; // when it last brought any
         double since = 0.0;  // seconds
     };
@@ -33,6 +34,7 @@ private:
     void noticeEnd(Seen &seen, bool stopping);
     void tellEnd(Seen &seen);
     void noticeSilence(Seen &seen);
+    void noticeCuts(Seen &seen);
 
     std::vector<Seen> all_;
     Events &events_;

@@ -88,7 +88,8 @@ void checkText(Fields &stanza, const Rule &rule)
         stanza.mistakes().add(stanza.pathOf(rule.key), "expected a hexadecimal number in quotes");
     if (!rule.words.empty() && std::none_of(rule.words.begin(), rule.words.end(), fits))
         stanza.mistakes().add(stanza.pathOf(rule.key),
-                              fmt::format("expected {}one of {}", rule.form == Form::kWord ? "" : "a text with ",
+                              fmt::format("expected {}one of {}",
+                                          rule.form == Form::kWord ? "" : "a text with ",
                                           fmt::join(rule.words, ", ")));
 }
 
@@ -137,7 +138,8 @@ const DataType kDataTypes[] = {
 const DataType *dataTypeOf(const std::string &text)
 {
     const auto fits = [&](const DataType &type) {
-        return type.kind == ChannelKind::kSequential ? text.find(type.name) != std::string::npos : text == type.name;
+        return type.kind == ChannelKind::kSequential ? text.find(type.name) != std::string::npos
+                                                     : text == type.name;
     };
     const auto found = std::find_if(std::begin(kDataTypes), std::end(kDataTypes), fits);
     return found == std::end(kDataTypes) ? nullptr : found;
@@ -155,14 +157,16 @@ void chooseKind(Fields &stanza, Channel &channel)
     const DataType *type = dataTypeOf(dataType);
     if (has(connector, "pd806h") || has(connector, "pd806k")) {
         channel.kind = ChannelKind::kStream;
+        channel.little = has(connector, "pd806k");
         return;
     }
     if (!type) {
         if (!dataType.empty())
-            stanza.mistakes().add(stanza.pathOf("data_type"), "expected sequential_float32, sequential_float64, "
-                                                              "message_raw, message_nmea, message_can, "
-                                                              "message_xcp_ip, message_float32[_ntp] or "
-                                                              "message_float64[_ntp]");
+            stanza.mistakes().add(stanza.pathOf("data_type"),
+                                  "expected sequential_float32, sequential_float64, "
+                                  "message_raw, message_nmea, message_can, "
+                                  "message_xcp_ip, message_float32[_ntp] or "
+                                  "message_float64[_ntp]");
         return;
     }
     channel.kind = type->kind;
@@ -177,7 +181,8 @@ void checkStartTime(Fields &stanza)
     const std::string text = stanza.text("start_time", "");
     tm ignored{};
     if (!text.empty() && !strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &ignored))
-        stanza.mistakes().add(stanza.pathOf("start_time"), "expected a local time such as 2026-03-15T10:15:30.25");
+        stanza.mistakes().add(stanza.pathOf("start_time"),
+                              "expected a local time such as 2026-03-15T10:15:30.25");
 }
 
 void readLogical(Fields &stanza)
@@ -217,7 +222,8 @@ void readChannelStanza(Fields &stanza, Channel &channel, std::vector<std::string
                    {"invalid_data_output_value", Form::kNumber, held}});
     readLogical(stanza);
     for (const std::string &key : stanza.notAsked())
-        warnings.push_back(stanza.mistakes().line(stanza.pathOf(key), "is no key of a channel stanza: ignored"));
+        warnings.push_back(
+            stanza.mistakes().line(stanza.pathOf(key), "is no key of a channel stanza: ignored"));
 }
 
 std::string checkSignalStanza(Fields &stanza, ChannelKind kind)
@@ -231,8 +237,8 @@ std::string checkSignalStanza(Fields &stanza, ChannelKind kind)
     default: return name;
     }
     const Json *type = stanza.find("data_type");
-    const bool isText = kind == ChannelKind::kNmea && type && type->is_string() &&
-                        !has(type->get<std::string>(), "_float");
+    const bool isText =
+        kind == ChannelKind::kNmea && type && type->is_string() && !has(type->get<std::string>(), "_float");
     if (!isText)
         check(stanza, kHeldStream);
     return name;

@@ -28,8 +28,8 @@ void checkConversion(Fields &keys, Store &store, const Storable &channel)
     if (store.run_length && !channel.periodic)
         mistakes.add(keys.pathOf("encoding"), "run-length needs a periodic channel: expected plain");
     if (store.run_length && isIdentity(store, channel))
-        mistakes.add(keys.pathOf("data_type"),
-                     fmt::format("run-length needs an integer type or {}", channel.wide ? "float32" : "float64"));
+        mistakes.add(keys.pathOf("data_type"), fmt::format("run-length needs an integer type or {}",
+                                                           channel.wide ? "float32" : "float64"));
 }
 
 void readRange(Fields &keys, const Store &store, std::vector<std::string> &warnings)
@@ -64,14 +64,17 @@ Store readStore(Fields &owner, const Storable &channel, bool fallback, std::vect
         return store;
     }
     Fields keys(owner.mistakes(), *value, store.path);
-    store.element = keys.word("data_type", {"", "int8", "uint8", "int16", "uint16", "int32", "uint32", "int64",
-                                            "uint64", "float32", "float64"}, "");
+    store.element = keys.word(
+        "data_type",
+        {"", "int8", "uint8", "int16", "uint16", "int32", "uint32", "int64", "uint64", "float32", "float64"},
+        "");
     store.run_length = keys.word("encoding", {"plain", "rle"}, "plain") == "rle";
     store.scale = keys.number("scale", kAnyNumber, 1.0);
     if (store.scale == 0.0)
         keys.mistakes().add(keys.pathOf("scale"), "expected a number other than 0");
     store.offset = keys.number("offset", kAnyNumber, 0.0);
-    store.limit = static_cast<int64_t>(keys.number("limit", {0.5, 9e15, "a number of samples from 1 on"}, -1.0));
+    store.limit =
+        static_cast<int64_t>(keys.number("limit", {0.5, 9e15, "a number of samples from 1 on"}, -1.0));
     if (store.limit > 0 && (!channel.periodic || store.run_length))
         keys.mistakes().add(keys.pathOf("limit"), "needs a periodic channel with plain encoding");
     if (!store.element.empty() || store.run_length)
@@ -81,7 +84,8 @@ Store readStore(Fields &owner, const Storable &channel, bool fallback, std::vect
     if (isIdentity(store, channel) && !store.run_length)
         store.element.clear();
     if (!isInteger(store.element) && !store.run_length && (store.scale != 1.0 || store.offset != 0.0))
-        warnings.push_back(owner.mistakes().line(store.path, "scale and offset are not used: floats are stored as they come"));
+        warnings.push_back(owner.mistakes().line(
+            store.path, "scale and offset are not used: floats are stored as they come"));
     readRange(keys, store, warnings);
     keys.close();
     return store;
@@ -98,8 +102,9 @@ std::string rangeWarning(const Store &store, double lowest, double highest)
     for (const double value : {lowest, highest}) {
         const double stored = std::round((value - store.offset) / store.scale);
         if (!(stored >= least && stored < beyond))
-            return fmt::format("{} would store {:g} as {:g}, which {} hold: choose another scale or type", store.element,
-                               value, stored, bits < 32 ? "wraps around in what it can" : "it cannot");
+            return fmt::format("{} would store {:g} as {:g}, which {} hold: choose another scale or type",
+                               store.element, value, stored,
+                               bits < 32 ? "wraps around in what it can" : "it cannot");
     }
     return {};
 }

@@ -8,9 +8,9 @@ namespace vu {
 
 // What of a channel decides how it can be stored.
 struct Storable {
-    bool numbers = true;   // floats, periodic or with times
+    bool numbers = true; // floats, periodic or with times
     bool periodic = true;
-    bool wide = false;     // float64
+    bool wide = false; // float64
 };
 
 // Reads true, false, or an object with data_type, encoding, scale, offset, limit and range; a missing key is

@@ -39,14 +39,19 @@ int recordingStatus(const DataFile &file, const Events &events)
     return lost || events.anyLoss() ? kDataMissing : kDone;
 }
 
-void printSummary(const Description &test, const DataFile &file, const Events &events, const Outcome &outcome, bool json)
+void printSummary(const Description &test, const DataFile &file, const Events &events, const Outcome &outcome,
+                  bool json)
 {
     const int status = recordingStatus(file, events);
     if (json) {
-        Json summary = {{"test", test.name},         {"file", file.path().string()},
-                        {"end", outcome.end},        {"seconds", outcome.seconds},
-                        {"bytes", outcome.bytes},    {"complete", status == kDone},
-                        {"ledger", ledgerJson(file, true)}, {"events", eventsJson(events)}};
+        Json summary = {{"test", test.name},
+                        {"file", file.path().string()},
+                        {"end", outcome.end},
+                        {"seconds", outcome.seconds},
+                        {"bytes", outcome.bytes},
+                        {"complete", status == kDone},
+                        {"ledger", ledgerJson(file, true)},
+                        {"events", eventsJson(events)}};
         fmt::print("{}\n", summary.dump(2, ' ', false, Json::error_handler_t::replace));
         return;
     }
@@ -54,11 +59,12 @@ void printSummary(const Description &test, const DataFile &file, const Events &e
     std::map<std::string, size_t> kinds;
     for (const Event &event : events.list())
         kinds[event.kind]++;
-    fmt::print("\n{}: {} in {:.1f} s, ended by {}", file.path().string(), byteText(static_cast<double>(outcome.bytes)),
-               outcome.seconds, outcome.end);
+    fmt::print("\n{}: {} in {:.1f} s, ended by {}", file.path().string(),
+               byteText(static_cast<double>(outcome.bytes)), outcome.seconds, outcome.end);
     for (const auto &[kind, count] : kinds)
         fmt::print(", {} x {}", count, kind);
-    fmt::print("\n{}\n", status == kDone ? "Nothing was lost." : "Data is missing: the table and the events say what.");
+    fmt::print("\n{}\n",
+               status == kDone ? "Nothing was lost." : "Data is missing: the table and the events say what.");
 }
 
 } // namespace vu

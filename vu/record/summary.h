@@ -15,6 +15,7 @@ struct Outcome {
 // An ExitStatus: kDataMissing if anything that should be in the file is not.
 int recordingStatus(const DataFile &file, const Events &events);
 // On standard output, for people or as JSON.
-void printSummary(const Description &test, const DataFile &file, const Events &events, const Outcome &outcome, bool json);
+void printSummary(const Description &test, const DataFile &file, const Events &events, const Outcome &outcome,
+                  bool json);
 
 } // namespace vu

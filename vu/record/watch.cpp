@@ -20,8 +20,9 @@ void copyName(char (&to)[OVER_RNG_NAME_SIZE], const std::string &name)
 
 OverRngChannelConfig watchedConfig(const WatchedChannel &watched, const std::vector<Track> &tracks)
 {
-    const auto track = std::find_if(tracks.begin(), tracks.end(),
-                                    [&](const Track &candidate) { return candidate.name == watched.channel; });
+    const auto track = std::find_if(tracks.begin(), tracks.end(), [&](const Track &candidate) {
+        return candidate.name == watched.channel;
+    });
     if (track == tracks.end())
         throw std::runtime_error(fmt::format("no track {} to watch", watched.channel));
     OverRngChannelConfig config{};
@@ -50,10 +51,12 @@ void addNotice(const Monitor &monitor, std::string text, Events &events)
     std::optional<double> extreme;
     if (value != std::string::npos)
         extreme = std::strtod(text.c_str() + value + 7, nullptr);
-    const auto watched = std::find_if(monitor.channels.begin(), monitor.channels.end(), [&](const WatchedChannel &one) {
-        return text.find("channel '" + one.channel + "'") != std::string::npos;
-    });
-    events.add("range", watched == monitor.channels.end() ? monitor.name : watched->channel, text, extreme, time);
+    const auto watched =
+        std::find_if(monitor.channels.begin(), monitor.channels.end(), [&](const WatchedChannel &one) {
+            return text.find("channel '" + one.channel + "'") != std::string::npos;
+        });
+    events.add("range", watched == monitor.channels.end() ? monitor.name : watched->channel, text, extreme,
+               time);
 }
 
 } // namespace

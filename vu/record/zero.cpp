@@ -26,8 +26,8 @@ void zeroSequential(ProxyNode &node)
 
 std::string requestZero(const std::vector<Track> &tracks, const std::string &name)
 {
-    const auto track =
-        std::find_if(tracks.begin(), tracks.end(), [&](const Track &candidate) { return candidate.name == name; });
+    const auto track = std::find_if(tracks.begin(), tracks.end(),
+                                    [&](const Track &candidate) { return candidate.name == name; });
     if (track == tracks.end())
         return fmt::format("zero: there is no channel {}", name);
     if (track->sequential)
