@@ -35,102 +35,89 @@ struct Batch {
     std::vector<CanRecord> records;
 };
 
-inline json stanza(const json &changes = {})
+// A complete stanza for all three kinds of signal, with changes.
+inline std::string stanza(const json &changes = {})
 {
-    json base = {{"name", "s"},
-                 {"scale", 1},
-                 {"offset", 0},
-                 {"db_bit_start", 0},
-                 {"db_bit_length", 8},
-                 {"db_msg_id", "100"},
-                 {"db_data_format", "ULSB"},
-                 {"data_type", "float64"},
-                 {"sample_rate", 10},
-                 {"pipe_rate", 1},
-                 {"stale_data_expiration_time", 10},
-                 {"invalid_data_output_value", -1}};
+    json base = json::parse(R"({"name": "s", "scale": 1, "offset": 0, "db_bit_start": 0, "db_bit_length": 8,
+        "db_msg_id": "100", "db_data_format": "ULSB", "data_type": "float64", "sample_rate": 10, "pipe_rate": 1,
+        "stale_data_expiration_time": 10, "invalid_data_output_value": -1, "xcp_byte_order": "MSB_FIRST",
+        "xcp_data_type": "UBYTE"})");
     if (changes.is_object())
         base.update(changes);
-    return base;
+    return base.dump();
 }
 
-// A CAN set and what its host has to keep of it.
-struct Set {
-    ~Set()
+// The signals that a host holds, and what it releases at the end.
+template <typename Signal>
+struct Held {
+    // Names and streams, while the records still tell them.
+    void release()
     {
-        for (CanSetSignal *signal : signals) {
+        for (Signal *signal : signals) {
             free(signal->name);
-            while (signal->pipes.first)
-                pipeDetachPipe(&signal->pipes, signal->pipes.first);
             releaseStream(signal->sequentializer);
         }
+    }
+    Signal *keep(Signal *signal)
+    {
+        if (signal)
+            signals.push_back(signal);
+        return signal;
+    }
+    // What every signal holds now, in the order of their making.
+    std::vector<double> values() const
+    {
+        std::vector<double> held;
+        for (const Signal *signal : signals)
+            held.push_back(signal->sequentializer->value);
+        return held;
+    }
+    int64_t samples(size_t i) const { return signals[i]->sequentializer->sample_count; }
+    std::vector<Signal *> signals;
+};
+
+struct Set : Held<CanSetSignal> {
+    ~Set()
+    {
+        release();
         can_set_destroy(set);
         can_set_destroy(set); // harmless
         free(set);
     }
     CanSetSignal *add(const json &changes = {})
     {
-        CanSetSignal *signal = can_set_add_signal(set, stanza(changes).dump().c_str());
-        if (signal)
-            signals.push_back(signal);
-        return signal;
+        return keep(can_set_add_signal(set, stanza(changes).c_str()));
     }
-    void take(Batch batch)
+    std::vector<double> after(Batch batch)
     {
         can_set_process(set, batch.records.data(), static_cast<uint32_t>(batch.records.size()));
+        return values();
     }
-    // What every signal holds after the batch, in the order of their making.
-    std::vector<double> after(const Batch &batch)
-    {
-        take(batch);
-        std::vector<double> values;
-        for (const CanSetSignal *signal : signals)
-            values.push_back(signal->sequentializer->value);
-        return values;
-    }
-
     CanSet *set = can_set_create();
-    std::vector<CanSetSignal *> signals;
 };
 
 // Single signals in a list.
-struct List {
+struct List : Held<CanSignalNode> {
     ~List()
     {
-        for (CanSignalNode *node : nodes) {
-            free(node->name);
+        release();
+        for (CanSignalNode *node : signals) {
             free(node->config);
-            while (node->pipes.first)
-                pipeDetachPipe(&node->pipes, node->pipes.first);
-            releaseStream(node->sequentializer);
             free(node);
         }
     }
     CanSignalNode *add(const json &changes = {})
     {
-        CanSignalNode *node = canSignalInit(stanza(changes).dump().c_str());
-        if (!node)
-            return nullptr;
-        if (!nodes.empty())
-            nodes.back()->next = node;
-        nodes.push_back(node);
+        CanSignalNode *node = keep(canSignalInit(stanza(changes).c_str()));
+        if (signals.size() > 1)
+            signals[signals.size() - 2]->next = node;
         return node;
     }
-    void take(Batch batch)
+    std::vector<double> after(Batch batch)
     {
-        canProcessSignals(nodes.empty() ? nullptr : nodes[0], batch.records.data(),
-                          static_cast<int32_t>(batch.records.size()));
+        canProcessSignals(signals[0], batch.records.data(), static_cast<int32_t>(batch.records.size()));
+        return values();
     }
-    std::vector<double> after(const Batch &batch)
-    {
-        take(batch);
-        std::vector<double> values;
-        for (const CanSignalNode *node : nodes)
-            values.push_back(node->sequentializer->value);
-        return values;
-    }
-
-    std::vector<CanSignalNode *> nodes;
 };
 
 class Bus : public testing::Test {

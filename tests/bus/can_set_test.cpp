@@ -73,16 +73,15 @@ TEST_F(Bus, SetsSurviveAFailureAmongTenThousandSignals)
     }
     can_set_finalize(set.set);
     can_set_finalize(set.set); // again: no signal twice
-    set.take(Batch().timeOnly(1).at(4000000, 0x1249, ~0ull).at(4000000, 0x624, 0x2Aull << 56));
-    for (int i = 0; i < 10'000; i++) {
-        const double held = set.signals[static_cast<size_t>(i)]->sequentializer->value;
-        ASSERT_EQ(held, i / 8 == 1249 ? 255 : i / 8 == 624 ? 42 : -1) << i;
-    }
+    const auto held =
+        set.after(Batch().timeOnly(1).at(4000000, 0x1249, ~0ull).at(4000000, 0x624, 0x2Aull << 56));
+    for (size_t i = 0; i < 10'000; i++)
+        ASSERT_EQ(held[i], i / 8 == 1249 ? 255 : i / 8 == 624 ? 42 : -1) << i;
     memory.reset();
     Batch batch;
     for (int i = 0; i < 1250; i++)
         batch.at(4000000 + i, static_cast<uint32_t>(std::stoul(std::to_string(i), nullptr, 16)), 1);
-    set.take(batch);
+    set.after(batch);
     EXPECT_EQ(memory.count(), 0);
 }
 
@@ -113,29 +112,28 @@ TEST_F(Bus, EveryGroupThatMatchesIsTriedInItsOrder)
 
 TEST_F(Bus, ModesDecideWhatIsDecoded)
 {
-    const json mode = {
-        {"db_bit_start", 8}, {"db_mode_format", "UMSB"}, {"db_mode_start", 7}, {"db_mode_length", 4}};
-    const auto with = [&](const json &more) {
-        json all = mode;
-        all.update(more);
-        return all;
-    };
     Set set;
-    set.add(with({{"db_mode_value", 2}}));
-    set.add(mode);                                                      // no value: mode 0
-    set.add(with({{"db_mode_format", "SMSB"}, {"db_mode_value", -1}})); // 4294967295 is never a signed field
-    set.add(with(
-        {{"db_mode_format", "ULSB"}, {"db_mode_start", nullptr}, {"db_mode_length", nullptr}})); // reads 0
+    const auto add = [&](const char *format, json start, json length, json value) {
+        set.add({{"db_bit_start", 8},
+                 {"db_mode_format", format},
+                 {"db_mode_start", start},
+                 {"db_mode_length", length},
+                 {"db_mode_value", value}});
+    };
+    add("UMSB", 7, 4, 2);
+    add("UMSB", 7, 4, nullptr);       // no value: mode 0
+    add("SMSB", 7, 4, -1);            // 4294967295 is never a signed field
+    add("ULSB", nullptr, nullptr, 0); // no field: reads 0
     set.signals[0]->rezero_pending = 1;
     can_set_finalize(set.set);
     EXPECT_THAT(set.after(Batch().at(8000000, 0x100, 0xF009ull << 48)), ElementsAre(-1, -1, -1, 9));
-    EXPECT_EQ(set.signals[0]->sequentializer->sample_count, 0); // another mode: no value, no time, no zero
+    EXPECT_EQ(set.samples(0), 0); // another mode: no value, no time, no zero
     EXPECT_EQ(set.signals[0]->rezero_pending, 1);
     EXPECT_THAT(set.after(Batch().at(8000001, 0x100, 0x0007ull << 48)), ElementsAre(-1, 7, -1, 7));
     EXPECT_THAT(set.after(Batch().at(8000001, 0x100, 0x2F05ull << 48)), ElementsAre(0, 7, -1, 5));
     EXPECT_THAT(errors.rezeros(), ElementsAre(Pair("s", 5)));
-    set.take(Batch().timeOnly(16000000));
-    EXPECT_EQ(set.signals[2]->sequentializer->sample_count, 4);
+    set.after(Batch().timeOnly(16000000));
+    EXPECT_EQ(set.samples(2), 4);
 }
 
 TEST_F(Bus, SetsZeroWithoutTheOldZero)
@@ -153,7 +151,7 @@ TEST_F(Bus, SetsZeroWithoutTheOldZero)
     EXPECT_THAT(set.after(batch), ElementsAre(0, 0));
     EXPECT_THAT(errors.rezeros(), ElementsAre(Pair("early", 11), Pair("late", 33))); // record by record
     late->rezero_pending = 1;
-    set.take(Batch().timeOnly(2));
+    set.after(Batch().timeOnly(2));
     EXPECT_THAT(errors.rezeros(), ElementsAre(Pair("late", -1)));
     EXPECT_EQ(late->sequentializer->invalid_value, 0);
 }

@@ -20,10 +20,10 @@ TEST_F(Bus, SingleSignalsNameTheFirstKeyThatFails)
                           "sample_rate",
                           "invalid_data_output_value",
                           "stale_data_expiration_time"};
-    json rest = stanza();
+    json rest;
     for (size_t i = std::size(keys); i-- > 0;) { // from the last key on they go one by one
         rest[keys[i]] = json::array();
-        const std::string text = rest.dump();
+        const std::string text = stanza(rest);
         EXPECT_EQ(canSignalInit(text.c_str()), nullptr);
         EXPECT_THAT(errors.texts(), ElementsAre(std::string(i < 2 ? "Channel name not known" : "s") +
                                                 ":  Can not find parameter '" + keys[i] +
@@ -37,13 +37,13 @@ TEST_F(Bus, SingleSignalsNameTheFirstKeyThatFails)
          {"100%s:  Unable to find data handler for data format 'ULS'"}},
         {{{"sample_rate", 0}}, {"Invalid sample rate: 0", "s:  Unable to create sequentializer"}}};
     for (const auto &[changes, texts] : refused) {
-        EXPECT_EQ(canSignalInit(stanza(changes).dump().c_str()), nullptr);
+        EXPECT_EQ(canSignalInit(stanza(changes).c_str()), nullptr);
         EXPECT_EQ(errors.texts(), texts);
     }
     EXPECT_EQ(canSignalInit("{\"a\" 1}"), nullptr);
     EXPECT_THAT(errors.texts(), ElementsAre(testing::StartsWith("Unable to parse JSON:  parse error")));
     memory.failAt(0);
-    EXPECT_EQ(canSignalInit(stanza().dump().c_str()), nullptr);
+    EXPECT_EQ(canSignalInit(stanza().c_str()), nullptr);
     EXPECT_THAT(errors.texts(), ElementsAre("Unable to allocate can signal node"));
 }
 
@@ -80,15 +80,15 @@ TEST_F(Bus, SingleSignalsMatchUnderTheirMask)
     list.add();
     EXPECT_THAT(list.after(Batch().at(-5, 0x100, 0x11ull << 56)), ElementsAre(17, 17, -1, 17));
     EXPECT_THAT(list.after(Batch().at(8000000, 0x10F, 0x22ull << 56)), ElementsAre(17, 34, -1, 17));
-    EXPECT_EQ(list.nodes[0]->sequentializer->sample_count, 0); // no match, no time
-    EXPECT_EQ(list.nodes[1]->sequentializer->sample_count, 2);
-    list.take(Batch().timeOnly(16000000));
-    for (const CanSignalNode *node : list.nodes)
+    EXPECT_EQ(list.samples(0), 0); // no match, no time
+    EXPECT_EQ(list.samples(1), 2);
+    list.after(Batch().timeOnly(16000000));
+    for (const CanSignalNode *node : list.signals)
         EXPECT_EQ(node->sequentializer->sample_count, 4);
     Batch swapped = Batch().at(0x0102030405060708, 1);
     canProcessSignals(nullptr, swapped.records.data(), 1); // nobody there: the times are turned all the same
     EXPECT_EQ(vu::loadHost<int64_t>(swapped.records[0].timestamp), 0x0102030405060708);
-    canProcessSignals(list.nodes[0], nullptr, -1);
+    canProcessSignals(list.signals[0], nullptr, -1);
 }
 
 TEST_F(Bus, SingleSignalsZeroOnTopOfTheOldZero)
@@ -106,7 +106,7 @@ TEST_F(Bus, SingleSignalsZeroOnTopOfTheOldZero)
     EXPECT_THAT(errors.rezeros(), ElementsAre(Pair("late", 9), Pair("early", 8))); // signal by signal
     EXPECT_THAT(list.after(batch), ElementsAre(2, 2));
     early->rezero_pending = 1;
-    list.take(Batch().timeOnly(2));
+    list.after(Batch().timeOnly(2));
     EXPECT_THAT(errors.rezeros(), ElementsAre(Pair("early", -1)));
     EXPECT_EQ(early->rezero_offset, -1);
     EXPECT_EQ(early->sequentializer->invalid_value, 0);

@@ -84,7 +84,7 @@ struct Named {
         const double nothing = std::nan("");
         for (CanSetSignal *signal : set.signals)
             signal->sequentializer->value = nothing;
-        set.take(Batch().at(0, id, payload));
+        set.after(Batch().at(0, id, payload));
         std::map<std::string, double> values;
         for (const CanSetSignal *signal : set.signals) {
             if (std::isnan(signal->sequentializer->value))

@@ -10,42 +10,22 @@ using testing::ElementsAre;
 
 namespace {
 
-json measurement(const json &changes = {})
-{
-    json all = stanza({{"xcp_byte_order", "MSB_FIRST"}, {"xcp_data_type", "UBYTE"}});
-    if (changes.is_object())
-        all.update(changes);
-    return all;
-}
-
-struct Measurements {
+struct Measurements : Held<XcpMeasurement> {
     ~Measurements()
     {
-        for (XcpMeasurement *one : all) {
-            free(one->name);
-            releaseStream(one->sequentializer);
-        }
+        release();
         xcp_ip_set_destroy(set);
     }
     XcpMeasurement *add(const json &changes = {})
     {
-        XcpMeasurement *made = xcp_ip_set_add_measurement(set, measurement(changes).dump().c_str());
-        if (made)
-            all.push_back(made);
-        return made;
+        return keep(xcp_ip_set_add_measurement(set, stanza(changes).c_str()));
     }
-    // What every measurement holds after a message at that time.
     std::vector<double> after(const std::vector<uint8_t> &message, int64_t time = 0)
     {
         xcp_ip_set_process(set, time, message.data(), static_cast<uint32_t>(message.size()));
-        std::vector<double> values;
-        for (const XcpMeasurement *one : all)
-            values.push_back(one->sequentializer->value);
-        return values;
+        return values();
     }
-
     XcpIpSet *set = xcp_ip_set_create();
-    std::vector<XcpMeasurement *> all;
 };
 
 TEST_F(Bus, MeasurementsReadEveryTypeInBothOrders)
@@ -107,16 +87,15 @@ TEST_F(Bus, MessagesCountUpToTheirFirstFault)
     EXPECT_THAT(held({0xFE}), Each(0));
     EXPECT_THAT(held({}), Each(0));
 
-    const auto samples = [&](size_t i) { return set.all[i]->sequentializer->sample_count; };
     set.after({0, 1, 0, 0}, 8000000);
-    EXPECT_EQ(samples(0), 0);
-    EXPECT_EQ(samples(1), 2);
+    EXPECT_EQ(set.samples(0), 0);
+    EXPECT_EQ(set.samples(1), 2);
     set.after({0xFE}, 16000000);
-    EXPECT_EQ(samples(1), 2);
+    EXPECT_EQ(set.samples(1), 2);
     set.after({0xFF}, 16000000);
-    EXPECT_EQ(samples(0) + samples(256), 8);
+    EXPECT_EQ(set.samples(0) + set.samples(256), 8);
     set.after({0, 0, 3}, INT64_MIN);
-    EXPECT_EQ(set.all[0]->sequentializer->value, 3);
+    EXPECT_EQ(set.signals[0]->sequentializer->value, 3);
     memory.reset();
     for (int i = 0; i < 100; i++)
         set.after({0, 0, 3, 0, 1, 2, 2}, 17000000 + i * 4000000);

@@ -4,7 +4,6 @@
 
 using namespace vu::test;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 TEST_F(DataFile, BytesWaitForTheFlushSizeOrForce)
 {
@@ -17,7 +16,6 @@ TEST_F(DataFile, BytesWaitForTheFlushSizeOrForce)
         EXPECT_EQ(KRDBuffer_flush(&channel, 1), 0);
         *out_of_use = before;
     }
-    EXPECT_EQ(file(), "");
     EXPECT_EQ(KRDBuffer_flush(&channel, 0), 25);
     EXPECT_EQ(KRDBuffer_flush(&channel, 0), 0);
     EXPECT_EQ(KRDBuffer_flush(&channel, 1), 20);    // forced, with nothing to say
@@ -34,7 +32,6 @@ TEST_F(DataFile, BufferGrowsOnlyWhileItHoldsLittle)
     const std::string much(256, 'x');
     EXPECT_EQ(KRDBuffer_enq(&channel, much.data(), 256), 256);
     EXPECT_EQ(KRDBuffer_enq(&channel, "y", 1), -1);
-    EXPECT_EQ(channel.buffer.size, 256u);
     EXPECT_EQ(KRDBuffer_append(&channel, "yz", 2), 2); // behind a flush
     EXPECT_THAT(blocks(), ElementsAre(Block{0, 2, much}));
     EXPECT_EQ(KRDBuffer_enq(&channel, much.data(), 253), 253);
@@ -55,159 +52,117 @@ TEST_F(DataFile, IndexListsEveryBlock)
         membufAppend(&index.buffer, nullptr, held < 0 ? 0 : static_cast<uint32_t>(held));
         std::string expected(index.buffer.size, '\0'), listed;
         for (size_t i = 0; i < 9; i++) {
-            if (i % 3 == 1)
-                KRDBuffer_append(&channel, "metadata", 8), KRDBuffer_flush(&channel, 1);
             queue(records[i % 4], std::vector<float>(i + 1));
             flushChannels();
-            const bool index_first = held < 0 || held > 52;
-            EXPECT_EQ(blocks()[0].group, index_first ? 1u : 2u) << held;
+            EXPECT_EQ(blocks()[0].group, held < 0 || held > 52 ? 1u : 2u) << held;
+            KRDBuffer_append(&channel, "metadata", 8);
+            KRDBuffer_flush(&channel, i % 3 == 1);
         }
         KRDBuffer_flush(&index, 1);
-        for (const Block &block : blocks())
-            if (block.group == KRD_GROUP_INDEX)
-                listed += block.payload;
+        for (const auto &[offset, group, payload] : blocks())
+            if (group == KRD_GROUP_INDEX)
+                listed += payload;
             else
-                expected += bigEndian(block.offset, 8) + bigEndian(block.group, 4);
+                expected += bytesOf<uint64_t>({__builtin_bswap64(offset)}) +
+                            bytesOf<uint32_t>({__builtin_bswap32(group)});
         EXPECT_EQ(listed, expected) << held;
     }
 }
 
-TEST_F(DataFile, LeadingFieldsFollowTheBlockType)
-{
-    struct Case {
-        int32_t block_type, no_position;
-        std::vector<int64_t> leading;
-        int64_t stamped;
-    };
-    const std::vector<float> samples = {1.5f, -2.5f};
-    for (const Case &c :
-         {Case{KRD_BLOCK_RUNNING, 0, {1000}, 1000}, Case{KRD_BLOCK_RUNNING, 1, {}, 1000},
-          Case{KRD_BLOCK_START, 0, {7}, 7}, Case{KRD_BLOCK_START, 1, {}, 7},
-          Case{KRD_BLOCK_START_AUX, 0, {7, 1007}, 7}, Case{KRD_BLOCK_START_AUX, 1, {1007}, 7}}) {
-        for (const int uniform : {0, 1}) {
-            startOver();
-            channel.uniform_frames = uniform;
-            channel.block_type = c.block_type;
-            channel.no_position = c.no_position;
-            channel.position = 1000;
-            queue(channel, samples, 7);
-            queue(channel, samples, 9);
-            flushChannels();
-            EXPECT_THAT(blocks(),
-                        ElementsAre(Block{0, 2, bytesOf(c.leading) + bytesOf(samples) + bytesOf(samples)}));
-            EXPECT_EQ(channel.prev_position, 1000);
-            EXPECT_EQ(channel.position, 1004);
-            channel.position = 1000;
-            queue(channel, samples, 7);
-            EXPECT_EQ(KRDBuffer_flush_frames(&channel, 1), 2.0);
-            EXPECT_EQ(channel.position, c.stamped);
-        }
-    }
-}
-
-// The table of pieces has 1024 places: a block of more is cut into calls, and is one block all the same.
-TEST_F(DataFile, BlockOfManyFramesIsCutIntoCalls)
-{
-    const std::vector<std::pair<int, std::vector<int>>> cases = {{3, {4}},
-                                                                 {1023, {1024}},
-                                                                 {1024, {1024, 1}},
-                                                                 {1025, {1024, 2}},
-                                                                 {1502, {1024, 479}},
-                                                                 {2046, {1024, 1023}},
-                                                                 {2047, {1024, 1023, 1}},
-                                                                 {2048, {1024, 1023, 2}}};
-    for (const int32_t no_position : {0, 1})
-        for (const auto &[pieces_before_trailer, expected] : cases) {
-            startOver();
-            channel.no_position = no_position;
-            const size_t frames = static_cast<size_t>(pieces_before_trailer - 2 + no_position);
-            std::string payload = no_position ? "" : std::string(8, '\0');
-            for (size_t i = 1; i <= frames; i++) {
-                const std::vector<uint16_t> values(i == frames ? 1 : i % 3, static_cast<uint16_t>(i));
-                queue(channel, values); // empty ones take a place as well
-                payload += bytesOf(values);
-            }
-            std::vector<int> counts;
-            calls.writev = [&](int to, const iovec *pieces, int count) {
-                counts.push_back(count);
-                return real_writev(to, pieces, count);
-            };
-            flushChannels();
-            calls.writev = nullptr;
-            EXPECT_EQ(counts, expected);
-            EXPECT_THAT(blocks(), ElementsAre(Block{0, 2, payload}));
-            EXPECT_EQ(channel.amount_written, static_cast<double>(file().size()));
-        }
-}
-
-// Random batches against random limits, plain and converted. What is stored is the head of the batch, up to
-// the limit; the smallest batch worth a block counts only while the limit is far.
-TEST_F(DataFile, LimitLetsTheHeadOfABatchPass)
+// Random batches of every block type, plain and converted, against random limits. What is stored is the head
+// of the batch, up to the limit; the smallest batch worth a block counts only while the limit is far.
+TEST_F(DataFile, HeadOfABatchIsStoredUpToTheLimit)
 {
     std::mt19937 random(7);
     const auto below = [&](int64_t n) { return static_cast<int64_t>(random() % static_cast<uint64_t>(n)); };
-    for (int round = 0; round < 600; round++) {
+    for (int round = 0; round < 700; round++) {
+        SCOPED_TRACE(round);
         startOver();
-        const int kind = static_cast<int>(below(3));
-        channel.uniform_frames = kind > 0;
-        if (kind == 2)
+        const bool converted = below(3) == 0, stays_possible = below(2), stamped = below(2), aux = below(2);
+        channel.uniform_frames = converted || below(2);
+        if (converted)
             KRDBuffer_set_storage_convert(&channel, "sequential_float32", "sequential_float64", 1, nullptr);
-        channel.no_position = 1;
+        channel.block_type = !stamped ? KRD_BLOCK_RUNNING : aux ? KRD_BLOCK_START_AUX : KRD_BLOCK_START;
+        channel.no_position = static_cast<int32_t>(below(2));
         channel.min_samples = 1000;
-        const int64_t start = below(30), limit = below(60) - 5, force = below(2);
-        channel.position = start;
+        const int64_t running = below(30), start = stamped ? below(30) : 0, limit = below(60) - 5;
+        channel.position = running;
         channel.sample_limit = limit;
         std::vector<float> all;
-        for (int64_t frames = 1 + below(5); frames > 0; frames--) {
-            std::vector<float> values(static_cast<size_t>(below(7) + (frames == 1)));
+        for (int64_t frames = 1 + below(5), i = frames; i > 0; i--) {
+            std::vector<float> values(static_cast<size_t>(below(7) + (i == 1)));
             for (float &value : values)
                 all.push_back(value = static_cast<float>(all.size()));
-            queue(channel, values);
+            queue(channel, values, i == frames ? start : 77);
         }
-        const int64_t offered = static_cast<int64_t>(all.size());
-        const bool over = limit > 0 && start + offered > limit;
-        int64_t stored = offered;
-        if (limit == 0)
-            stored = 0;
+        const auto offered = static_cast<int64_t>(all.size());
+        const bool stays = stays_possible && (limit < 0 || (limit > 0 && running + offered < limit));
+        const int64_t first = stamped ? start : running;
+        const bool over = !stays && limit > 0 && first + offered > limit;
+        if (stays || limit == 0 || (over && first >= limit))
+            all.clear();
         else if (over)
-            stored = std::max<int64_t>(limit - start, 0);
-        const bool stays = !force && (limit < 0 || (limit > 0 && start + offered < limit));
+            all.resize(static_cast<size_t>(limit - first));
 
-        flushChannels(force);
-        all.resize(static_cast<size_t>(stays ? 0 : stored));
-        const std::string kept =
-            kind == 2 ? bytesOf(std::vector<double>(all.begin(), all.end())) : bytesOf(all);
-        if (all.empty())
-            EXPECT_THAT(blocks(), IsEmpty());
-        else
-            EXPECT_THAT(blocks(), ElementsAre(Block{0, 2, kept}));
-        EXPECT_EQ(channel.position, start + static_cast<int64_t>(all.size()));
+        flushChannels(!stays_possible);
+        std::vector<Block> expected;
+        if (!all.empty()) {
+            std::string head = channel.no_position ? "" : bytesOf<int64_t>({first});
+            head += channel.block_type == KRD_BLOCK_START_AUX ? bytesOf<int64_t>({start + 1000}) : "";
+            const std::vector<double> widened(all.begin(), all.end());
+            expected.push_back({0, 2, head + (converted ? bytesOf(widened) : bytesOf(all))});
+        }
+        EXPECT_EQ(blocks(), expected);
+        EXPECT_EQ(channel.position, running + static_cast<int64_t>(all.size()));
+        EXPECT_EQ(channel.prev_position, running);
         EXPECT_EQ(pipeHasFrames(channel.pipe), stays);
         EXPECT_EQ(channel.sample_limit, over ? 0 : limit);
         EXPECT_EQ(KRDBuffer_at_limit(&channel), over || limit < 1);
-        ASSERT_FALSE(HasFailure()) << "round " << round;
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+// The table of pieces has 1024 places, the first of them the header's: a block of more is cut into calls, and
+// is one block all the same.
+TEST_F(DataFile, BlockOfManyFramesIsCutIntoCalls)
+{
+    for (const int pieces : {3, 1023, 1024, 1025, 1502, 2046, 2047, 2048}) {
+        startOver();
+        std::string payload;
+        for (size_t i = static_cast<size_t>(pieces) - 1; i > 0; i--) {
+            const std::vector<uint16_t> values(i == 1 ? 1 : i % 3, static_cast<uint16_t>(i));
+            queue(channel, values); // empty ones take a place as well
+            payload += bytesOf(values);
+        }
+        std::vector<int> counts, expected;
+        int rest = pieces;
+        for (int places = 1024; rest >= places; rest -= std::exchange(places, 1023))
+            expected.push_back(places);
+        expected.push_back(rest + 1); // the trailer, alone if need be
+        calls.writev = [&](int to, const iovec *list, int count) {
+            counts.push_back(count);
+            return real_writev(to, list, count);
+        };
+        flushChannels();
+        EXPECT_EQ(counts, expected);
+        EXPECT_THAT(blocks(), ElementsAre(Block{0, 2, payload}));
+        EXPECT_EQ(channel.amount_written, static_cast<double>(payload.size() + 20));
     }
 }
 
 TEST_F(DataFile, RecordsOutOfUseKeepTheirFrames)
 {
-    const std::vector<float> sample = {1.0f};
-    for (KRDBuffer &record : records)
-        if (record.pipe)
-            queue(record, sample);
+    for (int i = 0; i < 4; i++)
+        queue<float>(records[i], {1.0f});
     records[1].fd = 0; // good enough for bytes, not for frames
     records[2].idx = -1;
-    index.pipe = nullptr;
-    KRDWriter_flush_these(0, 0, records, 1);
     KRDWriter_flush_these(1, -1, records, 1);
     EXPECT_EQ(file(), "");
-    KRDWriter_flush_these(1, 4, records, 1);
-    EXPECT_THAT(blocks(), ElementsAre(Block{0, 5, std::string(8, '\0') + bytesOf(sample)}));
+    KRDWriter_flush_these(1, 4, records, 1); // the last one has no pipe
+    EXPECT_THAT(blocks(), ElementsAre(Block{0, 5, bytesOf<float>({1.0f})}));
     for (const KRDBuffer *kept : {&records[0], &records[1], &records[2]})
         EXPECT_EQ(pipeHasFrames(kept->pipe), 1);
-    channel.block_type = KRD_BLOCK_START;
-    channel.position = INT64_MAX; // and no sum leaves its bounds
-    channel.sample_limit = INT64_MAX;
+    channel.position = channel.sample_limit = INT64_MAX; // no sum leaves its bounds
     flushChannels();
     EXPECT_EQ(channel.position, INT64_MAX);
 }
@@ -215,27 +170,25 @@ TEST_F(DataFile, RecordsOutOfUseKeepTheirFrames)
 // Frames that do not hold what the sizing took them to hold, and a block that no size word can tell.
 TEST_F(DataFile, BlockOfAnotherSizeThanAnnouncedIsDropped)
 {
-    const std::string where = ", idx: 0, group: 2, fd: " + std::to_string(fd);
+    const auto dropped = [&](const char *sizes, uint32_t listed) {
+        flushChannels();
+        EXPECT_THAT(errors.texts(),
+                    ElementsAre("write_block_frames(): tot2write != block_len, " + std::string(sizes) +
+                                ", idx: 0, group: 2, fd: " + std::to_string(fd)));
+        EXPECT_EQ(index.buffer.size, listed);
+        EXPECT_EQ(pipeHasFrames(channel.pipe), 0);
+    };
     queue(channel, std::vector<double>(2));
     queue(channel, std::vector<float>(2));
-    flushChannels();
-    EXPECT_THAT(errors.texts(),
-                ElementsAre("write_block_frames(): tot2write != block_len, 52 -> 60" + where));
-    EXPECT_EQ(index.buffer.size, 12u); // listed all the same
+    dropped("44 -> 52", 12); // listed all the same
     queue(channel, std::vector<float>(1));
     queue(channel, std::vector<double>(30));
     channel.sample_limit = 1; // what the clipping takes off is more than was counted
-    flushChannels();
-    EXPECT_THAT(errors.texts(),
-                ElementsAre("write_block_frames(): tot2write != block_len, 20 -> -88" + where));
+    dropped("20 -> -96", 12);
     channel.sample_limit = -1;
     Frame *huge = frameCreate(0x40000000, 4, &channel);
     huge->length = huge->capacity;
     pipeAddFrame(channel.pipe, huge);
-    flushChannels();
-    EXPECT_THAT(errors.texts(),
-                ElementsAre("write_block_frames(): tot2write != block_len, 20 -> 4294967324" + where));
-    EXPECT_EQ(pipeHasFrames(channel.pipe), 0);
-    EXPECT_EQ(index.buffer.size, 12u);
+    dropped("20 -> 4294967316", 12);
     EXPECT_EQ(file(), "");
 }

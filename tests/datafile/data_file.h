@@ -23,9 +23,7 @@ struct Block {
 };
 
 // The whole blocks at the head of a file; `end` is where they end.
-std::vector<Block> wholeBlocks(const std::string &file, size_t *end = nullptr);
-
-std::string bigEndian(uint64_t value, int bytes);
+std::vector<Block> wholeBlocks(const std::string &file, size_t &end);
 
 template <typename T>
 std::string bytesOf(const std::vector<T> &values)
@@ -35,8 +33,8 @@ std::string bytesOf(const std::vector<T> &values)
 
 class DataFile : public ::testing::Test {
 protected:
-    DataFile();
-    ~DataFile() override;
+    DataFile() { startOver(); }
+    ~DataFile() override { closeAll(); }
 
     template <typename T>
     Frame *queue(KRDBuffer &record, const std::vector<T> &values, int64_t start = 0)
@@ -44,8 +42,7 @@ protected:
         Frame *frame = frameCreate(static_cast<uint32_t>(values.size()), sizeof(T), nullptr);
         if (!frame)
             return nullptr;
-        if (!values.empty())
-            std::memcpy(frame->data, values.data(), values.size() * sizeof(T));
+        std::copy(values.begin(), values.end(), static_cast<T *>(frame->data));
         frame->length = frame->capacity;
         frame->start = start;
         frame->reserved = static_cast<uint64_t>(start) + 1000;
@@ -56,8 +53,9 @@ protected:
     void flushChannels(bool force = true) { KRDWriter_flush_these(0, 4, records, force); }
     std::string file() const { return readText(path); }
     std::vector<Block> blocks() const; // of a file that has nothing else in it
-    // An empty file, records as at the beginning.
+    // An empty file, and records as a host begins with them: no position field, no limit, frames alike.
     void startOver(uint32_t index_room = 4096);
+    void closeAll();
 
     TempDir folder;
     const std::string path = folder.path("data.krd");
@@ -66,7 +64,7 @@ protected:
     ErrorTrap errors;
     LogTrap log;
     PipeList pipes = {};
-    KRDBuffer records[5];
+    KRDBuffer records[5] = {};
     KRDBuffer &channel = records[0], &index = records[4];
 };
 

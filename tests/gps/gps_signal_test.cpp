@@ -53,7 +53,9 @@ protected:
     std::string signalOf(const json &changes)
     {
         const std::string stanza = " or is not expected type.\n" + signalStanza(changes) + "\n";
-        const GpsSignal *signal = receiver->listen(changes);
+        GpsSignal *signal = receiver->listen(changes);
+        if (signal && signal->width < 0)
+            pipeAttachPipe(&signal->pipes);
         return signal ? std::to_string(signal->width) + " " +
                             (signal->extractor ? signal->extractor->name : "none")
                       : reports(stanza);
@@ -107,8 +109,8 @@ protected:
         if (word == "receiver")
             primeUtcStatus(), receiver.emplace();
         else if (word == "ask")
-            for (GpsSignal *signal : receiver->signals)
-                signal->rezero_pending = 1;
+            std::for_each(receiver->signals.begin(), receiver->signals.end(),
+                          [](auto *signal) { signal->rezero_pending = 1; });
         else if (word == "deaf" || word == "hearing")
             libvuRezeroCallback = word == "deaf" ? nullptr : callback;
         else
@@ -128,8 +130,9 @@ TEST_F(Talk, EveryLineOfTheFile)
 {
     for (const std::string &line : split(readText(VU_SOURCE_DIR "/tests/gps/talks.txt"), '\n')) {
         const size_t said = std::min(line.find(" > "), line.size());
-        if (!line.empty() && line[0] != '/')
-            EXPECT_EQ(outcome(line.substr(0, said)), line.substr(std::min(said + 3, line.size()))) << line;
+        if (line.empty() || line[0] == '/')
+            continue;
+        EXPECT_EQ(outcome(line.substr(0, said)), line.substr(std::min(said + 3, line.size()))) << line;
     }
 }
 
@@ -155,7 +158,7 @@ TEST_F(Gps, ShortMemoryIsReportedAndLeavesNothing)
     GpsSignal *signal = nullptr;
     for (int64_t n = 0; !signal; n++) { // ends where only frames of the pool are missing
         memory.failAt(n);
-        signal = gpsSignalInit(&receiver.channel, signalStanza({}).c_str());
+        signal = gpsSignalInit(&receiver.channel, signalStanza(json::object()).c_str());
         EXPECT_FALSE(errors.texts().empty()) << n;
     }
     memory.failNone();

@@ -170,6 +170,7 @@ TEST(StartTime, IsLocalAndExact)
     EXPECT_EQ(ticks("2026-03-15T10:15:30.5e300"), INT64_MAX);
     for (const char *ignored : {".5Z", ",5", "."})
         EXPECT_EQ(ticks((std::string("2026-03-15T10:15:30") + ignored).c_str()), kWinter) << ignored;
+    EXPECT_EQ(ticks("9564-03-15T10:15:30"), INT64_MAX);
     EXPECT_EQ(ticks("2026-03-15"), 0);
     EXPECT_EQ(ticks(nullptr), INT64_MAX);
     unsetenv("TZ");

@@ -1,6 +1,5 @@
 #include <cmath>
 #include <gmock/gmock.h>
-#include <random>
 
 #include "libvu/bus/can_set.h"
 #include "libvu/bus/xcp_set.h"
@@ -33,28 +32,17 @@ constexpr int64_t kTime = 0x0102030405060708;
 constexpr int64_t kNtpTime = 37867392040000000; // second 1 of 2000
 constexpr uint8_t kTimeOnly = 0x20;
 constexpr double kFine = 1.0 + 0x1p-40; // more than single precision holds
-const Bytes kNone;
 
 Bytes can(int64_t time, uint8_t flags = 0, bool big = true)
 {
     return (big ? Bytes().be(time) : Bytes().le(time)).add("\x18\xFE\xF1\x02PAYLOAD.").be(flags);
 }
-Bytes entry(int64_t time, auto value)
-{
-    return Bytes().be(time).be(value);
-}
-Bytes element(int64_t time, auto value)
-{
-    return Bytes().be(time).le(value); // a message's timestamp stays as it came
-}
-Bytes ntp(uint32_t fraction, auto value)
-{
-    return Bytes().be(1u).be(fraction).be(value);
-}
-Bytes behind8(const Bytes &entries)
-{
-    return Bytes().zeros(8).add(entries);
-}
+const auto entry = [](int64_t time, auto value) { return Bytes().be(time).be(value); };
+const auto element = [](int64_t time, auto value) {
+    return Bytes().be(time).le(value);
+}; // the time as it came
+const auto ntp = [](uint32_t fraction, auto value) { return Bytes().be(1u).be(fraction).be(value); };
+const auto behind8 = [](const Bytes &entries) { return Bytes().zeros(8).add(entries); };
 
 enum Given { kPlain, kNobody = 1, kNoMemory = 2, kLittle = 4, kTwicePlusOne = 8, kLessTwo = 16 };
 struct Case {
@@ -73,16 +61,13 @@ TEST(MessageRecords, BecomeFramesOrNotAndEndTheEventOrNot)
     const float nan = NAN;
     const Case cases[] = {
         {"raw", kPlain, text, false, kTime, 1, 1, raw},
-        {"raw", kLittle, Bytes().be(int64_t{-1}), false, -1, 1, 1, Bytes().le(8u).le(int64_t{-1})},
         {"raw", kNobody, text, false},
         {"raw", kNoMemory, text, true},
         {"raw", kPlain, Bytes().zeros(7), false},
         {"nmea", kPlain, text, false, kTime, 1, 1, raw},
         {"nmea", kNobody, text, false},
         {"nmea", kNoMemory, text, false},
-        {"nmea", kPlain, kNone, false},
         {"xcp_ip", kPlain, Bytes().zeros(7), true},
-        {"xcp_ip", kNobody, Bytes().zeros(8), false},
         {"can", kPlain, can(-1).add(can(7)).add(can(8, kTimeOnly)).add(can(9, 1)), false, 0, 4, 2,
          can(7, 0, false).add(can(9, 1, false))},
         {"can", kPlain, Bytes().zeros(20), true},
@@ -93,10 +78,8 @@ TEST(MessageRecords, BecomeFramesOrNotAndEndTheEventOrNot)
          element(-7, 1.5f)},
         {"float32", kLittle, element(3, 1.5f), false, 3, 1, 1, element(3, 1.5f)},
         {"float32", kLessTwo, entry(3, 1.5f), false, 3, 1, 1, element(3, -0.5f)},
-        {"float32", kPlain, Bytes().zeros(11), false},
         {"float32", kPlain, entry(-1, 1.0f), false},
         {"float32", kPlain, entry(1, nan), false},
-        {"float32", kNobody, entry(1, 1.0f), false},
         {"float32", kNoMemory, entry(1, 1.0f), true},
         {"float64", kTwicePlusOne, entry(3, 3.0), false, 3, 1, 1, element(3, 7.0)},
         {"float64", kLessTwo, entry(3, kFine), false, 3, 1, 1, element(3, kFine - 2.0)},
@@ -104,9 +87,10 @@ TEST(MessageRecords, BecomeFramesOrNotAndEndTheEventOrNot)
          false, 0, 3, 2, Bytes().le(kNtpTime).le(7.0f).le(kNtpTime + 16).le(9.0f)},
         {"float32_ntp", kPlain, Bytes().zeros(3), false},
         {"float32_ntp", kNoMemory, behind8(ntp(0, 1.0f)), true},
+        {"float64_ntp", kPlain, behind8(Bytes().be(836'000'000u).be(2000u).be(1.0)), false, 0, 1, 1,
+         Bytes().le(int64_t{71307392000000000} + 16).le(1.0)}, // multiples of 8 ticks there
         {"float64_ntp", kPlain, behind8(ntp(0, kFine)), false, 0, 1, 1, Bytes().le(kNtpTime).le(kFine)},
         {"float64_ntp", kTwicePlusOne, behind8(ntp(0, kFine)), false, 0, 1, 1, Bytes().le(kNtpTime).le(3.0)},
-        {"float64_ntp", kPlain, behind8(ntp(0, double{nan})).zeros(15), false},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.kind + std::to_string(&c - cases));
@@ -137,11 +121,9 @@ TEST(MessageRecords, BecomeFramesOrNotAndEndTheEventOrNot)
         const auto frames = takeFrames(pipe);
         EXPECT_EQ(frames.size(), c.length ? 2u : 0u);
         for (const FrameCopy &frame : frames) {
-            EXPECT_EQ(frame.start, c.start);
+            EXPECT_EQ(std::tie(frame.start, frame.capacity, frame.length, frame.data),
+                      std::tie(c.start, c.capacity, c.length, c.data));
             EXPECT_EQ(frame.aux, static_cast<float>(c.start));
-            EXPECT_EQ(frame.capacity, c.capacity);
-            EXPECT_EQ(frame.length, c.length);
-            EXPECT_EQ(frame.data, c.data);
         }
     }
 }
@@ -168,19 +150,6 @@ TEST(MessageRecords, ReachTheSignalsWholeAndFirst)
     freeSequentializer(measurement->sequentializer);
     free(signal->name);
     free(measurement->name);
-}
-
-TEST(NtpTime, FollowsDoublesInTheirOrder)
-{
-    std::mt19937 random(7);
-    for (int i = 0; i < 100'000; i++) {
-        const uint32_t words[2] = {i ? static_cast<uint32_t>(random()) : 0,
-                                   i ? static_cast<uint32_t>(random()) : 0};
-        // The sum rounded once, as a whole number of 2^-32 s; only then ticks.
-        const unsigned __int128 sum =
-            (static_cast<unsigned __int128>(946684800ull + words[0]) << 32) + words[1];
-        ASSERT_EQ(ntp_to_ts(words), std::ldexp(static_cast<double>(sum), -32) * 4e7) << words[0];
-    }
 }
 
 } // namespace

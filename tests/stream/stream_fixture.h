@@ -35,17 +35,20 @@ inline std::string subscribe(const std::string &names)
 {
     return R"({"method":"subscribe","params":[)" + names + "]}";
 }
-inline std::string signalStanza(const std::string &name, const std::string &sampleRate = "100")
+inline std::string signalStanza(const std::string &name, const std::string &rate = "100",
+                                const std::string &type = "float64")
 {
-    return R"({"data_type":"float64","name":")" + name +
-           R"(","scale":9,"offset":9,"pipe_rate":20,"sample_rate":)" + sampleRate +
+    return R"({"data_type":")" + type + R"(","name":")" + name +
+           R"(","scale":9,"offset":9,"pipe_rate":5,"sample_rate":)" + rate +
            R"(,"invalid_data_output_value":-5,"stale_data_expiration_time":0.02})";
 }
 
 // Binds nothing by itself.
 struct StreamChannel : TestChannel {
-    explicit StreamChannel(const std::string &connector = "pd806h", const std::string &more = "")
-        : TestChannel(R"({"name":"m","data_type":"module","connector":")" + connector + '"' + more + '}')
+    explicit StreamChannel(const std::string &connector = "pd806h", const std::string &more = "",
+                           const std::string &torqueStanza = signalStanza("torque"))
+        : TestChannel(R"({"name":"m","data_type":"module","connector":")" + connector + '"' + more + '}'),
+          torque(streamCANSignalInit(torqueStanza.c_str()))
     {
         node->start_time = kStart;
         for (CanSignalNode *signal : {torque, speed, rawSpeed}) { // the last one made stands first
@@ -76,7 +79,7 @@ struct StreamChannel : TestChannel {
 
     CanSignalNode *rawSpeed = streamCANSignalInit(signalStanza("speed_raw").c_str());
     CanSignalNode *speed = streamCANSignalInit(signalStanza("speed").c_str());
-    CanSignalNode *torque = streamCANSignalInit(signalStanza("torque").c_str());
+    CanSignalNode *torque;
     ErrorTrap errors;
     LogTrap log;
 };

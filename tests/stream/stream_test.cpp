@@ -5,6 +5,7 @@
 #include "libvu/core/callbacks.h"
 #include "tests/stream/stream_fixture.h"
 #include "tests/support/effort.h"
+#include "tests/support/streams.h"
 
 using namespace vu::test;
 using testing::ElementsAre;
@@ -16,13 +17,14 @@ namespace {
 constexpr uint32_t kNoValue = 0x58E35FA9;
 
 struct Form {
-    const char *connector, *settings;
+    const char *connector, *settings, *rate;
+    uint32_t bytes; // of an output sample
     bool little, scaled;
 };
-const Form kForms[] = {{"pd806h", "", false, false},
-                       {"pd806k", "", true, false},
-                       {"pd806h", R"(,"scale":2.5,"offset":0.1)", false, true},
-                       {"x_pd806h_pd806k", R"(,"purpose":"p")", true, true}};
+const Form kForms[] = {{"pd806h", "", "100", 8, false, false},
+                       {"pd806k", "", "30", 4, true, false},
+                       {"pd806h", R"(,"scale":2.5,"offset":0.1)", "60", 4, false, true},
+                       {"x_pd806h_pd806k", R"(,"purpose":"p")", "70", 8, true, true}};
 
 Bytes sample(bool little, const uint32_t (&time)[2], float value)
 {
@@ -77,17 +79,20 @@ TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
 {
     for (const Form &form : kForms) {
         SCOPED_TRACE(form.connector);
-        StreamChannel channel(form.connector, form.settings);
+        StreamChannel channel(form.connector, form.settings,
+                              signalStanza("torque", form.rate, form.bytes == 8 ? "float64" : "float32"));
         channel.process(16, subscribe(R"("torque")"));
         CanSignalNode *signal = channel.torque;
-        Sequentializer *slow = createSequentializer(8, 20, 100, 0.02, -5);
+        Sequentializer *slow = createSequentializer(form.bytes, 5, std::stod(form.rate), 0.02, -5);
         PipeList list{};
         slow->pipes = &list;
+        slow->stale_ticks = signal->sequentializer->stale_ticks = 400'000; // at 100 a second on a sample
         Pipe *const pipes[] = {pipeAttachPipe(&signal->pipes), pipeAttachPipe(&list)};
         const auto onZero = libvuRezeroCallback;
         const AllocationFaults memory;
         std::mt19937 random(5);
         double time = -0.5, zero = 0;
+        int64_t next = 0, slowNext = 0;
         for (int64_t batch = 0; batch < effort(20'000, 2'000) && !HasFailure(); batch++) {
             signal->rezero_pending = random() % 8 == 0;
             libvuRezeroCallback = random() % 2 ? onZero : nullptr;
@@ -115,49 +120,32 @@ TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
             channel.send(streamRecord(random() % 2, 16, payload.zeros(random() % 12)));
             EXPECT_EQ(signal->rezero_offset, zero);
             EXPECT_EQ(signal->sequentializer->invalid_value, slow->invalid_value);
-            EXPECT_THAT(takeSamples<double>(pipes[0]),
-                        testing::Pointwise(testing::NanSensitiveDoubleEq(), takeSamples<double>(pipes[1])));
+            EXPECT_THAT(drain(pipes[0], next),
+                        testing::Pointwise(testing::NanSensitiveDoubleEq(), drain(pipes[1], slowNext)));
+            EXPECT_EQ(signal->sequentializer->last_target, slow->last_target);
         }
         libvuRezeroCallback = onZero;
         EXPECT_EQ(channel.errors.rezeros().empty(), !form.scaled);
         EXPECT_EQ(memory.count(), 0);
-        EXPECT_GT(signal->sequentializer->sample_count, 1000);
+        EXPECT_GT(next, 1000);
         freeSequentializer(slow);
     }
 }
 
-TEST(StreamSamples, ZeroFromTheRawValueAndKeepTimeWordsInHostOrder)
+TEST(StreamSamples, KeepTimeWordsInHostOrder)
 {
     StreamChannel channel;
-    CanSignalNode *signal = channel.speed;
-    Bytes payload;
-    for (const double wanted : {7.0, 4.0}) {
-        payload = sample(true, {kStartSecond, 5}, 3.0f).zeros(1); // the rest of a sample is ignored
-        streamProcessCANSignalScaleOffsetLE(signal, payload.data(), 13, 2.0f, 1.0f);
-        EXPECT_EQ(signal->sequentializer->value, wanted);
-        signal->rezero_pending = 1;
+    for (const double wanted : {7.0, 4.0}) { // the second time zeroed from the raw value
+        Bytes payload = sample(true, {kStartSecond, 5}, 3.0f).zeros(1);
+        streamProcessCANSignalScaleOffsetLE(channel.speed, payload.data(), 13, 2.0f, 1.0f);
+        EXPECT_EQ(channel.speed->sequentializer->value, wanted);
+        EXPECT_EQ(payload, Bytes().le(kStartSecond).le(5u).le(3.0f).zeros(1));
+        channel.speed->rezero_pending = 1;
     }
     EXPECT_THAT(channel.errors.rezeros(), ElementsAre(Pair("speed", 3.0)));
-    streamProcessCANSignalNoScaling(signal, payload.data(), 11, 1.0f, 0.0f);
-    signal->proxy = nullptr; // a host that forgot it loses the samples and nothing else
-    streamProcessCANSignalNoScaling(signal, payload.data(), 12, 1.0f, 0.0f);
-    EXPECT_EQ(signal->sequentializer->value, 4.0);
-    EXPECT_EQ(payload, Bytes().le(kStartSecond).le(5u).le(3.0f).zeros(1));
-}
-
-TEST(StreamSignal, NeedsEveryKeyAndAUsableRate)
-{
-    ErrorTrap errors;
-    for (const std::string key : {"scale", "offset", "pipe_rate", "sample_rate", "invalid_data_output_value",
-                                  "stale_data_expiration_time"}) {
-        std::string stanza = signalStanza("a%s");
-        stanza.replace(stanza.find(key), key.size(), "other");
-        EXPECT_EQ(streamCANSignalInit(stanza.c_str()), nullptr);
-        EXPECT_EQ(errors.texts(), Texts{"a%s:  Can not find parameter '" + key +
-                                        "' or is not expected type.\n" + stanza + "\n"});
-    }
-    EXPECT_EQ(streamCANSignalInit(signalStanza("a", "0").c_str()), nullptr);
-    EXPECT_THAT(errors.texts(), ElementsAre("Invalid sample rate: 0", "a:  Unable to create sequentializer"));
+    channel.speed->proxy = nullptr; // a host that forgot it loses the samples and nothing else
+    streamProcessCANSignalNoScaling(channel.speed, sample(false, {0, 0}, 9).data(), 12, 1.0f, 0.0f);
+    EXPECT_EQ(channel.speed->sequentializer->value, 4.0);
 }
 
 } // namespace

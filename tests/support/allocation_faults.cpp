@@ -35,6 +35,10 @@ void *faultyRealloc(void *memory, size_t size)
 {
     return fails() ? nullptr : std::realloc(memory, size);
 }
+void *faultyAlignedAlloc(size_t alignment, size_t size)
+{
+    return fails() ? nullptr : std::aligned_alloc(alignment, size);
+}
 char *faultyStrdup(const char *text)
 {
     return fails() ? nullptr : strdup(text);
@@ -51,6 +55,7 @@ struct Patch {
 const Patch patches[] = {{"malloc", reinterpret_cast<void *>(faultyMalloc)},
                          {"calloc", reinterpret_cast<void *>(faultyCalloc)},
                          {"realloc", reinterpret_cast<void *>(faultyRealloc)},
+                         {"aligned_alloc", reinterpret_cast<void *>(faultyAlignedAlloc)},
                          {"strdup", reinterpret_cast<void *>(faultyStrdup)},
                          {"vasprintf", reinterpret_cast<void *>(faultyVasprintf)}};
 

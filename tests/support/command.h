@@ -13,6 +13,6 @@ struct CommandResult {
 };
 
 // `vu` with these arguments, each passed as it is.
-CommandResult runVu(const std::vector<std::string> &arguments);
+CommandResult runVu(std::vector<std::string> arguments);
 
 } // namespace vu::test

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <vector>
 
-#include "libvu/time/sequentializer.h"
+#include "tests/support/release_stream.h"
 
 namespace vu::test {
 
@@ -33,19 +33,6 @@ inline int64_t pooled(const Sequentializer *seq)
         frames++;
     }
     return frames;
-}
-
-// Everything that destroySequentializer() leaves to the host. Its pipes hold no frame any more.
-inline void releaseStream(Sequentializer *seq)
-{
-    if (seq->current_frame)
-        frameDelete(seq->current_frame);
-    while (Frame *frame = seq->free_frames) {
-        seq->free_frames = frame->next;
-        free(frame);
-    }
-    free(seq->clock);
-    destroySequentializer(seq);
 }
 
 } // namespace vu::test

@@ -230,20 +230,23 @@ TEST_F(Sequentialized, CountsASampleThatNoFrameTook)
 
 TEST_F(Sequentialized, SurvivesTimesAndLivesBeyondAllBounds)
 {
-    for (const double stale : {1e12, kInfinite, 1e300, -1e300, -kInfinite, std::nan("")}) {
-        Stream stream({.sampleRate = 1e-8, .pipeRate = 1, .stale = stale});
-        for (const double time : {-0x1p63, -kInfinite, std::nan(""), kInfinite, -1e300})
-            stream.value(time, 3.0);
-        EXPECT_EQ(stream.seq->sample_count, 0);
-        EXPECT_EQ(stream.seq->last_target, std::numeric_limits<int64_t>::min());
-        stream.value(4.1e15, 5.0); // sample 1 is still ahead
-        for (const double time : {0x1p62, 0x1p63, 1e300})
-            stream.value(time, 6.0);
-        const auto taken = stream.taken();
-        EXPECT_EQ(taken.size(), 2306u);
-        EXPECT_EQ(taken.at(1), stale > 0 ? 5.0 : kInvalid);
-        EXPECT_EQ(stream.seq->last_target, std::numeric_limits<int64_t>::max());
-    }
+    for (const double rate :
+         {1e-8, 7e-8}) // periods that are stepped as doubles, and as whole numbers at first
+        for (const double stale : {1e12, kInfinite, 1e300, -1e300, -kInfinite, std::nan("")}) {
+            const double period = 4e7 / rate;
+            Stream stream({.sampleRate = rate, .pipeRate = 1, .stale = stale});
+            for (const double time : {-0x1p63, -kInfinite, std::nan(""), kInfinite, -1e300})
+                stream.value(time, 3.0);
+            EXPECT_EQ(stream.seq->sample_count, 0);
+            EXPECT_EQ(stream.seq->last_target, std::numeric_limits<int64_t>::min());
+            stream.value(1.1 * period, 5.0); // sample 1 is still ahead
+            for (const double time : {3.2 * period, 0x1p62, 0x1p63, 1e300})
+                stream.value(time, 6.0);
+            const auto taken = stream.taken();
+            EXPECT_EQ(static_cast<double>(taken.size()), std::ceil(0x1p63 / period));
+            EXPECT_EQ(taken.at(1), stale > 0 ? 5.0 : kInvalid);
+            EXPECT_EQ(stream.seq->last_target, std::numeric_limits<int64_t>::max());
+        }
 }
 
 TEST_F(Sequentialized, RefusesRatesAndSurvivesShortMemory)

@@ -1,0 +1,81 @@
+#include "tests/support/running_vu.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace vu::test {
+
+RunningVu::RunningVu(const std::vector<std::string> &arguments, uint64_t fileLimit)
+{
+    std::vector<std::string> words = {VU_COMMAND};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char *> argv;
+    for (std::string &word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    const std::string out = folder_.path("out"), err = folder_.path("err");
+    int input[2];
+    if (pipe2(input, O_CLOEXEC) != 0)
+        return;
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(input[0], STDIN_FILENO);
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+        if (fileLimit > 0) {
+            const rlimit limit{fileLimit, fileLimit};
+            setrlimit(RLIMIT_FSIZE, &limit);
+        }
+        execv(VU_COMMAND, argv.data());
+        _exit(127);
+    }
+    close(input[0]);
+    input_ = input[1];
+}
+
+RunningVu::~RunningVu()
+{
+    if (input_ >= 0)
+        close(input_);
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+void RunningVu::write(const std::string &line) const
+{
+    if (::write(input_, line.data(), line.size()) < 0)
+        signal(SIGKILL); // nobody reads: the test sees it by the status
+}
+
+void RunningVu::signal(int number) const
+{
+    kill(pid_, number);
+}
+
+bool RunningVu::waitForBytes(const std::filesystem::path &file, uintmax_t bytes) const
+{
+    for (int tries = 0; tries < 2000; tries++) {
+        std::error_code missing;
+        const uintmax_t size = std::filesystem::file_size(file, missing);
+        if (!missing && size >= bytes)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+int RunningVu::wait()
+{
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+} // namespace vu::test

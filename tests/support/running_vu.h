@@ -1,0 +1,38 @@
+// The built command running beside a test, which can watch it, send it signals and write to its input.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include "tests/support/temp_dir.h"
+
+namespace vu::test {
+
+class RunningVu {
+public:
+    // `fileLimit`: bytes beyond which the process can write no file; 0: none.
+    explicit RunningVu(const std::vector<std::string> &arguments, uint64_t fileLimit = 0);
+    ~RunningVu(); // kills what still runs
+    RunningVu(const RunningVu &) = delete;
+    RunningVu &operator=(const RunningVu &) = delete;
+
+    void write(const std::string &line) const; // to its standard input
+    void signal(int number) const;
+    // Until `file` has so many bytes; false after 20 s.
+    bool waitForBytes(const std::filesystem::path &file, uintmax_t bytes) const;
+    // Waits for its end. The exit status; minus the signal that ended it.
+    int wait();
+    std::string out() const { return readText(folder_.path("out")); }
+    std::string err() const { return readText(folder_.path("err")); }
+    pid_t pid() const { return pid_; }
+
+private:
+    TempDir folder_;
+    pid_t pid_ = -1;
+    int input_ = -1;
+};
+
+} // namespace vu::test

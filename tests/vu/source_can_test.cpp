@@ -1,0 +1,325 @@
+// CAN traffic: logs of both forms, the live interface, the simulation.
+#include <array>
+#include <cmath>
+#include <deque>
+#include <fmt/format.h>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <zlib.h>
+
+#include "tests/vu/source_process.h"
+#include "vu/source/can_live.h"
+#include "vu/source/candump_line.h"
+
+namespace vu::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+constexpr uint8_t kTimeOnly = 0x20;
+constexpr int64_t kTenMilliseconds = 400'000;
+
+struct Raw {
+    int64_t ticks;
+    uint32_t id;
+    std::array<uint8_t, 8> data;
+    uint8_t flags;
+    bool operator==(const Raw &) const = default;
+};
+
+std::vector<Raw> rawOf(const std::vector<Bytes> &records)
+{
+    std::vector<Raw> all;
+    for (const Bytes &body : records) {
+        EXPECT_EQ(body.size() % 21, 0u);
+        EXPECT_FALSE(body.empty());
+        for (size_t at = 0; at < body.size(); at += 21) {
+            Raw &raw = all.emplace_back();
+            raw.ticks = numberAt<int64_t>(body, at);
+            raw.id = numberAt<uint32_t>(body, at + 8);
+            std::copy_n(body.begin() + static_cast<std::ptrdiff_t>(at + 12), 8, raw.data.begin());
+            raw.flags = body[at + 20];
+        }
+    }
+    return all;
+}
+
+// The messages, after a look at the time told in between: it never stands still for more than 10 ms.
+std::vector<Raw> messagesOf(const std::vector<Raw> &all)
+{
+    std::vector<Raw> messages;
+    int64_t told = 0;
+    for (const Raw &raw : all) {
+        EXPECT_LE(raw.ticks - told, kTenMilliseconds);
+        told = std::max(told, raw.ticks);
+        if ((raw.flags & kTimeOnly) == 0)
+            messages.push_back(raw);
+        else
+            EXPECT_EQ(raw.ticks, told);
+    }
+    EXPECT_TRUE(!all.empty() && all.back().flags == kTimeOnly);
+    return messages;
+}
+
+struct LineCase {
+    const char *line;
+    CandumpLine::Kind kind;
+    int64_t ticks = -1; // none
+    Raw raw{};
+};
+
+TEST(CandumpLine, OfEveryFormIsTakenOrToldApart)
+{
+    using enum CandumpLine::Kind;
+    const int64_t second = 40'000'000;
+    const LineCase table[] = {
+        {"(1436509052.249713) vcan0 044#2A366C2BBA",
+         Frame,
+         1436509052 * second + 249713 * 40,
+         {0, 0x44, {0x2A, 0x36, 0x6C, 0x2B, 0xBA}, 5}},
+        {"  vcan0  044   [5]  2A 36 6C 2B BA", Frame, -1, {0, 0x44, {0x2A, 0x36, 0x6C, 0x2B, 0xBA}, 5}},
+        {" (0.000001)  can1  00000044   [1]  ff   '.'", Frame, 40, {0, 0x44, {0xFF}, 1 | 0x80}},
+        {"(2024-02-29 23:59:59.500000)  can0  7FF   [0]",
+         Frame,
+         1709251199 * second + second / 2,
+         {0, 0x7FF, {}, 0}},
+        {"  can0  RX - -  1FFFFFFF   [2]  01 02", Frame, -1, {0, 0x1FFFFFFF, {1, 2}, 2 | 0x80}},
+        {"(1.5) can0 123#R", Frame, second * 3 / 2, {0, 0x123, {}, 0x10}},
+        {"(1.5) can0 123#R8 T", Frame, second * 3 / 2, {0, 0x123, {}, 0x18}},
+        {"  can0  123   [3]  remote request", Frame, -1, {0, 0x123, {}, 0x13}},
+        {"(1.00000009) can0 123#11.22", Frame, second + 3, {0, 0x123, {0x11, 0x22}, 2}},
+        {"(1) can0 123#1122334455667788_F",
+         Frame,
+         second,
+         {0, 0x123, {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88}, 8}},
+        {"  can0  123   [8]{9}  1 2", Bad},
+        {"(1.5) can0 123##0112233", Fd, second * 3 / 2},
+        {"  can0  123  [08]  01 02 03 04 05 06 07 08", Fd},
+        {"(1.5) can0 20000080#0000000000000000", Error, second * 3 / 2},
+        {"  can0  20000004   [8]  00 04 00 00 00 00 00 00   ERRORFRAME", Error},
+        {"", Blank},
+        {" \t ", Blank},
+        {"# note", Blank},
+        {"(1.5) can0 800#", Bad, second * 3 / 2},
+        {"(1.5) can0 0123#", Bad, second * 3 / 2},
+        {"(1.5) can0 123#1", Bad, second * 3 / 2},
+        {"(1.5) can0 123#112233445566778899", Bad, second * 3 / 2},
+        {"(1.5) can0 123#GG", Bad, second * 3 / 2},
+        {"(1.5) can0 -12#", Bad, second * 3 / 2},
+        {"(1.5) can0", Bad, second * 3 / 2},
+        {"(-1.5) can0 123#", Bad},
+        {"(1.5 can0 123#", Bad},
+        {"(123456789012.0) can0 123#", Bad},
+        {"(x) can0 123#", Bad},
+        {"  can0  123   [3]  01 02", Bad},
+        {"  can0  123   [9]  01", Bad},
+        {"  can0  123   3  01 02 03", Bad},
+        {"can0", Bad},
+    };
+    for (const LineCase &row : table) {
+        const CandumpLine got = parseCandumpLine(row.line);
+        EXPECT_EQ(got.kind, row.kind) << row.line;
+        EXPECT_EQ(got.ticks.value_or(-1), row.ticks) << row.line;
+        if (row.kind != Frame)
+            continue;
+        WireWriter wire;
+        wire.beginRecord();
+        writeCan(wire, 0, got.frame);
+        wire.endRecord();
+        EXPECT_EQ(rawOf({Bytes(wire.bytes().begin() + 4, wire.bytes().end())}), std::vector{row.raw})
+            << row.line;
+    }
+}
+
+// Random traffic with silences, bursts and steps back, as a log and as what must come of it.
+struct RandomLog {
+    std::string text;
+    std::vector<Raw> expected;
+
+    explicit RandomLog(int frames)
+    {
+        uint64_t n = 0;
+        const auto random = [&](uint64_t below) {
+            return static_cast<uint64_t>(referenceUnit(42, n++) * static_cast<double>(below));
+        };
+        const uint64_t first = 1'600'000'000'000'000;
+        uint64_t time = first; // in microseconds
+        for (int i = 0; i < frames; ++i) {
+            const bool extended = random(2) != 0;
+            const auto id = static_cast<uint32_t>(random(extended ? 0x20000000 : 0x800));
+            Raw raw{
+                static_cast<int64_t>(time - first) * 40, id, {}, static_cast<uint8_t>(extended ? 0x80 : 0)};
+            text += fmt::format("({}.{:06}) can0 {:0{}X}#", time / 1'000'000, time % 1'000'000, id,
+                                extended ? 8 : 3);
+            raw.flags = static_cast<uint8_t>(raw.flags | random(9));
+            for (int k = 0; k < (raw.flags & 15); ++k)
+                text += fmt::format("{:02X}",
+                                    raw.data[static_cast<size_t>(k)] = static_cast<uint8_t>(random(256)));
+            text += i % 50 == 7 ? "\r\nrubbish\n" : "\n";
+            expected.push_back(raw);
+            time += random(10) == 0 ? random(70'000) : random(700);
+            if (random(100) == 0)
+                time -= 300;
+        }
+    }
+};
+
+class CandumpLog : public ::testing::Test {
+protected:
+    std::vector<Raw> play(const std::filesystem::path &log, int status = 0)
+    {
+        const Stream stream = replay({"candump", log, "--speed", "0"}, status, &said);
+        EXPECT_TRUE(stream.rest.empty());
+        return messagesOf(rawOf(stream.records));
+    }
+    TempDir folder;
+    std::string said;
+};
+
+TEST_F(CandumpLog, BringsEveryFrameAtItsTimePlainOrCompressed)
+{
+    const RandomLog log(5000);
+    writeText(folder.path("a.log"), log.text);
+    EXPECT_EQ(play(folder.path("a.log")), log.expected);
+    EXPECT_THAT(said, HasSubstr("lines that are no frame left out: 100"));
+    EXPECT_THAT(said, HasSubstr("a.log:9: 'rubbish'"));
+
+    const gzFile packed = gzopen(folder.path("a.gz").c_str(), "wb");
+    gzwrite(packed, log.text.data(), static_cast<unsigned>(log.text.size()));
+    gzclose(packed);
+    EXPECT_EQ(play(folder.path("a.gz")), log.expected);
+
+    Bytes bytes = readBytes(folder.path("a.gz"));
+    bytes[bytes.size() * 3 / 4] ^= 0x40; // what can be unpacked before the damage is kept
+    writeBytes(folder.path("bad.gz"), bytes);
+    const std::vector<Raw> whole = play(folder.path("bad.gz"), 2);
+    EXPECT_THAT(said, HasSubstr("bad.gz:"));
+    EXPECT_GT(whole.size(), 1000u);
+    EXPECT_TRUE(std::equal(whole.begin(), whole.begin() + 1000, log.expected.begin()));
+}
+
+TEST_F(CandumpLog, WithoutTimesHasItsFramesEvenlySpaced)
+{
+    writeText(folder.path("a.log"),
+              "  can0  001   [1]  01\n  can0  002   [1]  02\n  can0  003  [12]  01\n  can0  004   [0]\n");
+    const Stream stream = replay(
+        {"candump", folder.path("a.log"), "--speed", "0", "--spacing", "0.02", "--tail", "0.03"}, 0, &said);
+    const std::vector<Raw> all = rawOf(stream.records);
+    std::vector<int64_t> times;
+    for (const Raw &raw : messagesOf(all))
+        times.push_back(raw.ticks);
+    EXPECT_THAT(times, ElementsAre(0, 800'000, 1'600'000));
+    EXPECT_EQ(all.back().ticks, 2'800'000);
+    EXPECT_THAT(said, HasSubstr("FD frames left out: 1"));
+}
+
+TEST_F(CandumpLog, OfARealCarIsWhole)
+{
+    SKIP_WITHOUT_RECORDINGS();
+    for (const auto &[name, frames] : {std::pair("can_ford_gt350/log.candump", 10000),
+                                       {"can_hyundai_kona/log.candump", 10000},
+                                       {"can_audi_a2/log.candump", 1262},
+                                       {"can_toyota_yaris/log.candump", 3841},
+                                       {"can_nmea2000/log.candump", 2368}}) {
+        std::ifstream log(recordings() / name);
+        std::vector<Raw> expected;
+        int64_t first = -1;
+        for (std::string line; std::getline(log, line);) {
+            long long seconds = 0, micros = 0;
+            char bus[16], id[16], data[32] = "";
+            ASSERT_GE(std::sscanf(line.c_str(), "(%lld.%6lld) %15s", &seconds, &micros, bus), 3);
+            std::sscanf(line.c_str() + line.rfind(' ') + 1, "%15[^#]#%31s", id, data);
+            Raw raw{(seconds * 1'000'000 + micros) * 40,
+                    static_cast<uint32_t>(std::stoul(id, nullptr, 16)),
+                    {},
+                    static_cast<uint8_t>(std::strlen(data) / 2 + (std::strlen(id) == 8 ? 0x80 : 0))};
+            for (size_t i = 0; i < std::strlen(data) / 2; ++i)
+                raw.data[i] = static_cast<uint8_t>(std::stoul(std::string(data + 2 * i, 2), nullptr, 16));
+            first = first < 0 ? raw.ticks : first;
+            raw.ticks -= first;
+            expected.push_back(raw);
+        }
+        EXPECT_EQ(expected.size(), static_cast<size_t>(frames));
+        EXPECT_EQ(play(recordings() / name), expected) << name;
+        EXPECT_EQ(said, "");
+    }
+}
+
+// The kernel, played by a script: what arrives at which moment.
+class ScriptedCan : public CanPort {
+public:
+    std::deque<CanArrival> arrivals;
+    int64_t now = 1'000'000'000;
+    int descriptor() const override { return -1; }
+    int64_t nowTicks() override { return now; }
+    std::optional<CanArrival> receive() override
+    {
+        if (arrivals.empty() || arrivals.front().ticks > now)
+            return std::nullopt;
+        const CanArrival next = arrivals.front();
+        arrivals.pop_front();
+        return next;
+    }
+};
+
+TEST(LiveCan, BringsFramesWithKernelTimesAndTellsTimeBetween)
+{
+    auto port = std::make_unique<ScriptedCan>();
+    ScriptedCan &script = *port;
+    const int64_t start = script.now;
+    CanFrame frame;
+    frame.id = 0x18FEF100;
+    frame.extended = true;
+    frame.length = 3;
+    frame.data = {1, 2, 3};
+    std::vector<Raw> expected;
+    script.arrivals.push_back({CanArrival::Kind::Frame, frame, start - 5, 0}); // before the reader came
+    for (int64_t k = 0; k < 3000; ++k) {
+        const int64_t at = start + 100 + k * 7919 + (k / 1000) * 3'000'000; // with two silences
+        const auto kind = k % 100 == 50   ? CanArrival::Kind::Fd
+                          : k % 100 == 51 ? CanArrival::Kind::Error
+                                          : CanArrival::Kind::Frame;
+        script.arrivals.push_back({kind, frame, at, static_cast<uint64_t>(k / 1000)});
+        if (kind == CanArrival::Kind::Frame)
+            expected.push_back({at - start, frame.id, frame.data, 0x83});
+    }
+    LiveCan can(std::move(port));
+    can.start();
+    WireWriter wire;
+    int64_t wake = 0;
+    for (bool more = true; more; script.now = std::max(script.now, start + wake)) {
+        more = !script.arrivals.empty();
+        ASSERT_TRUE(can.take(wire, wake));
+    }
+    const auto bytes = wire.bytes();
+    Bytes all = {0xFE, 0xED};
+    all.insert(all.end(), bytes.begin(), bytes.end());
+    EXPECT_EQ(messagesOf(rawOf(cut(all).records)), expected);
+    EXPECT_THAT(can.notes(), ElementsAre("FD frames left out: 30", "error frames left out: 30",
+                                         "frames lost in the kernel, which had no room for them: 2"));
+}
+
+TEST(SimulatedCan, HasItsSignalsInEveryForm)
+{
+    const Stream stream =
+        replay({"sim", "--data-type", "message_can", "--can-ids", "0x100,18FEF100", "--rate", "30",
+                "--signal", "noise", "--amplitude", "400", "--seed", "3", "--duration", "2", "--speed", "0"});
+    const std::vector<Raw> messages = messagesOf(rawOf(stream.records));
+    ASSERT_EQ(messages.size(), 120u);
+    for (size_t i = 0; i < messages.size(); ++i) {
+        const size_t n = i / 2;
+        const Raw &raw = messages[i];
+        const double value = 400 * (2 * referenceUnit(3, n) - 1) + static_cast<double>(i % 2);
+        const auto hundredths = static_cast<int16_t>(std::clamp(std::round(value * 100), -32768.0, 32767.0));
+        EXPECT_EQ(raw.ticks, std::llround(static_cast<double>(n) * 4e7 / 30));
+        EXPECT_EQ(raw.id, i % 2 ? 0x18FEF100u : 0x100u);
+        EXPECT_EQ(raw.flags, i % 2 ? 0x88 : 8);
+        EXPECT_EQ(numberAt<int16_t>(raw.data, 0, false), hundredths);
+        EXPECT_EQ(numberAt<int16_t>(raw.data, 2, true), hundredths);
+        EXPECT_EQ(numberAt<float>(raw.data, 4, false), static_cast<float>(value));
+    }
+}
+
+} // namespace
+} // namespace vu::test

@@ -1,0 +1,78 @@
+// A source in a process of its own, and its one reader, which is this test.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include "tests/support/temp_dir.h"
+
+namespace vu::test {
+
+using Bytes = std::vector<uint8_t>;
+
+// The number at `at`, most significant byte first, or least.
+template <class T>
+T numberAt(std::span<const uint8_t> bytes, size_t at, bool big = true)
+{
+    uint8_t parts[sizeof(T)];
+    for (size_t i = 0; i < sizeof(T); ++i)
+        parts[big ? sizeof(T) - 1 - i : i] = bytes[at + i];
+    T value;
+    std::memcpy(&value, parts, sizeof value);
+    return value;
+}
+
+class Source {
+public:
+    enum class Socket { Unix, Tcp };
+    // Starts `vu source` with these words and an address of its own, or at `path`, and connects.
+    explicit Source(std::vector<std::string> words, Socket kind = Socket::Unix,
+                    std::filesystem::path path = {}, bool connects = true);
+    ~Source();
+
+    Bytes read(size_t most = SIZE_MAX); // until the source has sent it all or so many bytes have come
+    void write(const std::string &text);
+    void leave(); // without a word
+    void signal(int number);
+    int status(); // waits for the end; negative: the signal that ended it
+    std::string said() const;
+    const std::filesystem::path &path() const { return path_; }
+
+private:
+    TempDir folder_;
+    std::filesystem::path path_;
+    pid_t pid_ = -1;
+    int socket_ = -1;
+};
+
+struct Stream {
+    bool bigEndian = false;
+    std::vector<Bytes> records;
+    Bytes rest; // of a record that was cut
+};
+Stream cut(std::span<const uint8_t> received); // fails the test without a marker
+
+// All that a source sends when nothing ends it early. Fails the test unless it ends with `status`.
+Stream replay(std::vector<std::string> words, int status = 0, std::string *said = nullptr,
+              Source::Socket kind = Source::Socket::Unix);
+
+// Samples of a sequential channel.
+template <class T>
+std::vector<T> samplesOf(const Stream &stream)
+{
+    std::vector<T> samples;
+    for (const Bytes &record : stream.records)
+        for (size_t at = 8; at + sizeof(T) <= record.size(); at += sizeof(T))
+            samples.push_back(numberAt<T>(record, at, stream.bigEndian));
+    return samples;
+}
+
+// The reference of everything random: written apart from the code under test.
+double referenceUnit(uint64_t seed, uint64_t n);
+
+} // namespace vu::test

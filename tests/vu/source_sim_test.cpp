@@ -1,0 +1,201 @@
+// Simulated message channels and module streams, each value and time recomputed from its number.
+#include <cmath>
+#include <ctime>
+#include <gmock/gmock.h>
+#include <map>
+
+#include "tests/vu/source_process.h"
+
+namespace vu::test {
+namespace {
+
+using ::testing::ElementsAre;
+using Words = std::vector<std::string>;
+
+double noise(uint64_t n)
+{
+    return 2 * referenceUnit(9, n) - 1;
+}
+
+Words noisy(Words more)
+{
+    Words words = {"sim", "--speed", "0", "--signal", "noise", "--seed", "9"};
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
+template <class T>
+void expectFloats(const std::string &type, const std::string &endian)
+{
+    const Stream stream = replay(noisy(
+        {"--data-type", type, "--endian", endian, "--rate", "250", "--jitter", "0.001", "--duration", "2"}));
+    uint64_t n = 0;
+    for (const Bytes &body : stream.records)
+        for (size_t at = 0; at < body.size(); at += 8 + sizeof(T), ++n) {
+            const double shift = 0.001 * (2 * referenceUnit(10, n) - 1);
+            ASSERT_EQ(
+                numberAt<int64_t>(body, at),
+                std::max(0L, std::lround(static_cast<double>(n) / 250 * 4e7) + std::lround(shift * 4e7)));
+            ASSERT_EQ(numberAt<T>(body, at + 8, endian == "big"), static_cast<T>(noise(n)));
+        }
+    EXPECT_EQ(n, 500u);
+}
+
+TEST(SimulatedMessages, FollowFromTheirNumbers)
+{
+    for (const char *endian : {"big", "little"}) {
+        expectFloats<float>("message_float32", endian);
+        expectFloats<double>("message_float64", endian);
+    }
+    const Stream raw = replay({"sim", "--speed", "0", "--data-type", "message_raw", "--size", "3", "--rate",
+                               "200", "--duration", "2"});
+    ASSERT_EQ(raw.records.size(), 400u);
+    for (uint64_t n = 0; n < 400; ++n) {
+        const auto byte = [&](uint64_t i) { return static_cast<uint8_t>((n + i) % 256); };
+        EXPECT_EQ(numberAt<int64_t>(raw.records[n], 0), static_cast<int64_t>(n * 200'000));
+        EXPECT_THAT(Bytes(raw.records[n].begin() + 8, raw.records[n].end()),
+                    ElementsAre(byte(0), byte(1), byte(2)));
+    }
+}
+
+// Seconds from 2026-03-15 10:15:30.5 local time to an NTP time.
+double sinceStart(uint32_t seconds, uint32_t fraction)
+{
+    std::tm parts{};
+    strptime("2026-03-15T10:15:30", "%Y-%m-%dT%H:%M:%S", &parts);
+    parts.tm_isdst = -1;
+    return static_cast<double>(seconds - (std::mktime(&parts) - 946684800)) + std::ldexp(fraction, -32) - 0.5;
+}
+
+template <class T>
+void expectNtp(const std::string &type)
+{
+    const Stream stream = replay(noisy(
+        {"--data-type", type, "--rate", "30", "--duration", "2", "--start-time", "2026-03-15T10:15:30.5"}));
+    EXPECT_FALSE(stream.bigEndian);
+    uint64_t n = 0;
+    for (const Bytes &body : stream.records)
+        for (size_t at = 8; at < body.size(); at += 8 + sizeof(T), ++n) {
+            ASSERT_NEAR(sinceStart(numberAt<uint32_t>(body, at), numberAt<uint32_t>(body, at + 4)),
+                        static_cast<double>(n) / 30, 25e-9);
+            ASSERT_EQ(numberAt<T>(body, at + 8),
+                      static_cast<T>(noise(n))); // big-endian for a little-endian marker too
+        }
+    EXPECT_EQ(n, 60u);
+}
+
+TEST(SimulatedMessages, OfNtpKindsCarryTheTimeOfDay)
+{
+    expectNtp<float>("message_float32_ntp");
+    expectNtp<double>("message_float64_ntp");
+}
+
+TEST(SimulatedXcp, HasAnEntryForEachMeasurement)
+{
+    for (const bool big : {false, true}) {
+        const Stream stream =
+            replay(noisy({"--data-type", "message_xcp_ip", "--amplitude", "1000", "--rate", "50",
+                          "--duration", "1", "--xcp-byte-order", big ? "big" : "little", "--xcp-types",
+                          "SWORD,UBYTE,FLOAT64_IEEE,A_INT64,FLOAT32_IEEE"}));
+        uint64_t n = 0;
+        int64_t told = 0;
+        for (const Bytes &body : stream.records) {
+            const auto ticks = numberAt<int64_t>(body, 0);
+            EXPECT_LE(ticks - told, 400'000);
+            told = std::max(told, ticks);
+            if (body.size() == 9) {
+                EXPECT_EQ(body[8], 0xFF);
+                continue;
+            }
+            ASSERT_EQ(body.size(), 8u + 5 * 2 + 2 + 1 + 8 + 8 + 4);
+            const double value = 1000 * noise(n);
+            EXPECT_EQ(ticks, static_cast<int64_t>(n * 800'000));
+            EXPECT_EQ(numberAt<int16_t>(body, 10, big), std::lround(value));
+            EXPECT_EQ(numberAt<uint16_t>(body, 12), 1);
+            EXPECT_EQ(body[14], std::clamp(std::lround(value + 1), 0L, 255L));
+            EXPECT_EQ(numberAt<double>(body, 17, big), value + 2);
+            EXPECT_EQ(numberAt<int64_t>(body, 27, big), std::llround(value + 3));
+            EXPECT_EQ(numberAt<uint16_t>(body, 35), 4);
+            EXPECT_EQ(numberAt<float>(body, 37, big), static_cast<float>(value + 4));
+            ++n;
+        }
+        EXPECT_EQ(n, 50u);
+        EXPECT_EQ(told, 40'000'000);
+    }
+}
+
+struct ModuleStream {
+    std::vector<std::string> metainfo; // "number text"
+    std::map<uint32_t, std::vector<Bytes>> samples;
+    size_t dataRecordsBeforeLayout = 0;
+
+    ModuleStream(std::span<const uint8_t> bytes)
+    {
+        std::map<uint32_t, bool> known;
+        for (size_t at = 2; at < bytes.size();) {
+            const auto header = numberAt<uint32_t>(bytes, at);
+            size_t size = (header >> 20) & 0xFF;
+            at += 4;
+            if (size == 0) {
+                size = numberAt<uint32_t>(bytes, at);
+                at += 4;
+                EXPECT_GT(size, 255u);
+            }
+            const auto payload = bytes.subspan(at, size);
+            at += size;
+            const uint32_t number = header & 0xFFFFF;
+            if ((header >> 28) == 2) {
+                metainfo.push_back(std::to_string(number) + ' ' +
+                                   std::string(payload.begin() + 4, payload.end()));
+                known[number] |= metainfo.back().find("valueType") != std::string::npos;
+                continue;
+            }
+            dataRecordsBeforeLayout += !known[number];
+            for (size_t k = 0; k + 12 <= size; k += 12)
+                samples[number].emplace_back(payload.begin() + static_cast<std::ptrdiff_t>(k),
+                                             payload.begin() + static_cast<std::ptrdiff_t>(k + 12));
+        }
+    }
+    long count(const std::string &text) const
+    {
+        return std::count_if(metainfo.begin(), metainfo.end(),
+                             [&](const auto &line) { return line.find(text) != std::string::npos; });
+    }
+};
+
+TEST(SimulatedStream, BehavesAsAModuleDoes)
+{
+    for (const bool big : {true, false}) {
+        Source source(noisy({"--connector", big ? "ch_pd806h" : "ch_pd806k", "--names", "oil,water",
+                             "--numbers", "2047,5000", "--rate", "3000", "--duration", "3", "--fill",
+                             "50,80,98", "--no-value-every", "10", "--start-time", "2026-03-15T10:15:30.5"}));
+        const Bytes bytes = source.read();
+        source.leave();
+        EXPECT_EQ(source.status(), 0);
+        const ModuleStream stream(bytes);
+        EXPECT_EQ(stream.dataRecordsBeforeLayout, 0u);
+        EXPECT_EQ(stream.count("2047 {\"method\":\"subscribe\",\"params\":[\"oil\"]}"), 1);
+        EXPECT_EQ(stream.count("5000 {\"method\":\"subscribe\",\"params\":[\"water\"]}"), 1);
+        EXPECT_EQ(stream.count(big ? "\"endian\":\"big\"" : "\"endian\":\"little\""), 2);
+        EXPECT_EQ(stream.count("{\"samples\":3000"), 2);
+        EXPECT_EQ(stream.count("\"alive\""), 3);
+        EXPECT_EQ(stream.count("\"fill\",\"params\":[80.0]"), 1);
+        EXPECT_EQ(stream.count("firmwareNotice"), 1);
+        for (const auto &[number, extra] : {std::pair(2047u, 0.0), {5000u, 1.0}}) {
+            const auto &samples = stream.samples.at(number);
+            ASSERT_EQ(samples.size(), 9000u);
+            for (uint64_t n = 0; n < samples.size(); ++n) {
+                const auto word = [&](size_t at) { return numberAt<uint32_t>(samples[n], at, big); };
+                ASSERT_NEAR(sinceStart(word(big ? 0 : 4), word(big ? 4 : 0)), static_cast<double>(n) / 3000,
+                            25e-9);
+                if (n % 10 == 9)
+                    ASSERT_EQ(word(8), 0x58E35FA9u);
+                else
+                    ASSERT_EQ(numberAt<float>(samples[n], 8, big), static_cast<float>(noise(n) + extra)) << n;
+            }
+        }
+    }
+}
+
+} // namespace
+} // namespace vu::test
