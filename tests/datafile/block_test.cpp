@@ -84,7 +84,6 @@ TEST_F(DataFile, HeadOfABatchIsStoredUpToTheLimit)
             KRDBuffer_set_storage_convert(&channel, "sequential_float32", "sequential_float64", 1, nullptr);
         channel.block_type = !stamped ? KRD_BLOCK_RUNNING : aux ? KRD_BLOCK_START_AUX : KRD_BLOCK_START;
         channel.no_position = static_cast<int32_t>(below(2));
-        channel.min_samples = 1000;
         const int64_t running = below(30), start = stamped ? below(30) : 0, limit = below(60) - 5;
         channel.position = running;
         channel.sample_limit = limit;
@@ -96,7 +95,9 @@ TEST_F(DataFile, HeadOfABatchIsStoredUpToTheLimit)
             queue(channel, values, i == frames ? start : 77);
         }
         const auto offered = static_cast<int64_t>(all.size());
-        const bool stays = stays_possible && (limit < 0 || (limit > 0 && running + offered < limit));
+        channel.min_samples = static_cast<int32_t>(offered + below(2));
+        const bool stays = stays_possible && channel.min_samples > offered &&
+                           (limit < 0 || (limit > 0 && running + offered < limit));
         const int64_t first = stamped ? start : running;
         const bool over = !stays && limit > 0 && first + offered > limit;
         if (stays || limit == 0 || (over && first >= limit))

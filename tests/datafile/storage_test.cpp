@@ -249,6 +249,10 @@ TEST_F(Storage, OddFramesAreReadNoFurtherThanTheyReach)
     }
     EXPECT_THAT(blocks(), ElementsAre(Block{0, 2, std::string(18, '\0')}));
     EXPECT_EQ(pipeHasFrames(channel.pipe), 0);
+    queue(channel, std::vector<float>(2), 7)->aux[1] = 5;
+    EXPECT_EQ(channel.pipe_filter(&channel), 2.0); // bytes
+    EXPECT_EQ(channel.pipe->oldest->start, 7);
+    EXPECT_EQ(channel.pipe->oldest->aux[1], 5u);
     Frame *huge = frameCreate(0x80000000, 4, &channel);
     huge->length = huge->capacity;
     pipeAddFrame(channel.pipe, huge);

@@ -67,7 +67,8 @@ protected:
             return {};
         const size_t head = 10u + static_cast<uint8_t>(bytes[8]) + 256u * static_cast<uint8_t>(bytes[9]);
         std::vector<T> values((bytes.size() - head) / sizeof(T));
-        std::memcpy(values.data(), bytes.data() + head, values.size() * sizeof(T));
+        if (!values.empty())
+            std::memcpy(values.data(), bytes.data() + head, values.size() * sizeof(T));
         return values;
     }
 

@@ -7,12 +7,12 @@
 namespace vu::test {
 
 struct CommandResult {
-    int status = -1; // exit status; -1 if it was killed
+    int status = -1; // exit status; minus the signal that ended it
     std::string out;
     std::string err;
 };
 
 // `vu` with these arguments, each passed as it is.
-CommandResult runVu(std::vector<std::string> arguments);
+CommandResult runVu(const std::vector<std::string> &arguments);
 
 } // namespace vu::test

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -10,11 +11,6 @@
 namespace vu::test {
 
 namespace {
-
-uint32_t valueSize(const std::string &element)
-{
-    return element.ends_with("64") ? 8 : element.ends_with("32") ? 4 : element.ends_with("16") ? 2 : 1;
-}
 
 bool isPlainFloat(const TestChannel &channel)
 {
@@ -32,35 +28,37 @@ std::string bigTick(int64_t tick)
     return bytesOf(__builtin_bswap64(static_cast<uint64_t>(tick)));
 }
 
+void apply(const KrdBuilder::Changes &changes, KrdBuilder::Json &json)
+{
+    for (const auto &[place, value] : changes)
+        json[KrdBuilder::Json::json_pointer(place)] = value;
+}
+
 } // namespace
 
 const std::vector<TestChannel> kEveryKind = {
     {.name = "plain"},
-    {.name = "wide", .element = "float64", .rate = 12.5},
-    {.name = "packed", .element = "int16", .scale = 0.5, .offset = 10.0},
-    {.name = "flag", .element = "uint8", .rle = true, .unit = ""},
-    {.name = "can0", .kind = "message_can", .element = "can"},
-    {.name = "gps", .kind = "message_raw", .element = "bytes"},
-    {.name = "raw/1", .kind = "message_raw", .element = "bytes"},
-    {.name = "mode", .kind = "message_text", .element = "bytes"},
-    {.name = "temp", .kind = "message_float", .element = "float32"},
-    {.name = "ntp", .kind = "message_float_ntp", .element = "float32"},
+    {.name = "wide", .element = "float64", .size = 8, .rate = 12.5},
+    {.name = "packed", .element = "int16", .size = 2, .scale = 0.5, .offset = 10.0},
+    {.name = "flag", .element = "uint8", .size = 1, .rle = true, .unit = ""},
+    {.name = "can0", .kind = "message_can", .element = "can", .size = 21},
+    {.name = "gps", .kind = "message_raw", .element = "bytes", .size = 0},
+    {.name = "raw/1", .kind = "message_raw", .element = "bytes", .size = 0},
+    {.name = "mode", .kind = "message_text", .element = "bytes", .size = 0},
+    {.name = "temp", .kind = "message_float", .element = "float32", .size = 12},
+    {.name = "ntp", .kind = "message_float_ntp", .element = "float32", .size = 12},
 };
 
 KrdBuilder::KrdBuilder(std::filesystem::path path, std::vector<TestChannel> channels, uint32_t indexRoom,
-                       const Edit &edit)
+                       const Changes &changes)
     : path_(std::move(path)), channels_(std::move(channels)), stored_(channels_.size(), 0),
       fd_(open(path_.c_str(), O_CREAT | O_TRUNC | O_RDWR | O_APPEND, 0600)),
       records_(std::make_unique<KRDBuffer[]>(channels_.size() + 2))
 {
     if (fd_ < 0)
         throw std::runtime_error("no test file at " + path_.string());
-    Json json = {{"format", "krd"},
-                 {"version", 1},
-                 {"test", "t"},
-                 {"start_time", "2026-03-15T10:15:30.0"},
-                 {"ticks_per_second", 40000000},
-                 {"channels", Json::array()}};
+    Json json = Json::parse(R"({"format":"krd","version":1,"test":"t","start_time":"2026-03-15T10:15:30.0",
+        "ticks_per_second":40000000,"channels":[]})");
     for (size_t i = 0; i < channels_.size(); ++i) {
         const TestChannel &channel = channels_[i];
         const bool periodic = channel.kind == "sequential";
@@ -76,26 +74,13 @@ KrdBuilder::KrdBuilder(std::filesystem::path path, std::vector<TestChannel> chan
             KRDBuffer_set_storage_convert(&record, "sequential_float64",
                                           ("sequential_" + channel.element).c_str(), 0,
                                           channel.rle ? "rle" : nullptr);
-        const bool numbers = channel.kind.find("float") != std::string::npos;
-        const uint32_t size = periodic                        ? valueSize(channel.element)
-                              : numbers                       ? 8 + valueSize(channel.element)
-                              : channel.kind == "message_can" ? 21
-                                                              : 0;
-        json["channels"].push_back({{"group", i + 2},
-                                    {"name", channel.name},
-                                    {"kind", channel.kind},
-                                    {"sample_rate", periodic ? channel.rate : 0.0},
-                                    {"element", channel.element},
-                                    {"element_size", size},
-                                    {"encoding", channel.rle ? "rle" : "plain"},
-                                    {"scale", channel.scale},
-                                    {"offset", channel.offset},
-                                    {"unit", channel.unit},
-                                    {"block_type", record.block_type},
-                                    {"has_position", true}});
+        json["channels"].push_back(Json::parse(fmt::format(
+            R"({{"group":{},"name":"{}","kind":"{}","sample_rate":{},"element":"{}","element_size":{},"encoding":"{}",)"
+            R"("scale":{},"offset":{},"unit":"{}","block_type":{},"has_position":true}})",
+            i + 2, channel.name, channel.kind, periodic ? channel.rate : 0.0, channel.element, channel.size,
+            channel.rle ? "rle" : "plain", channel.scale, channel.offset, channel.unit, record.block_type)));
     }
-    if (edit)
-        edit(json);
+    apply(changes, json);
     prepare(records_[channels_.size()], KRD_GROUP_INDEX, indexRoom);
     prepare(records_[channels_.size() + 1], KRD_GROUP_CATALOGUE, 16);
     loose(KRD_GROUP_CATALOGUE, json.dump());
@@ -162,22 +147,16 @@ void KrdBuilder::loose(uint32_t group, const std::string &payload)
     KRDBuffer_flush(&record, 1);
 }
 
-void KrdBuilder::close(const Edit &edit)
+void KrdBuilder::close(const Changes &changes)
 {
     KRDBuffer_flush(&records_[channels_.size()], 1);
-    Json closing = {{"format", "krd-closing"},
-                    {"version", 1},
-                    {"end", "stopped"},
-                    {"seconds", 1.5},
-                    {"ledger", Json::array()},
-                    {"events", Json::array()},
-                    {"index_blocks", Json::array()}};
+    Json closing =
+        Json::parse(R"({"format":"krd-closing","version":1,"end":"stopped","seconds":1.5,"ledger":[],
+        "events":[],"index_blocks":[]})");
     for (size_t i = 0; i < channels_.size(); ++i)
-        closing["ledger"].push_back({{"group", i + 2},
-                                     {"name", channels_[i].name},
-                                     {"received", stored_[i] + 3},
-                                     {"stored", stored_[i]},
-                                     {"discarded", {{"limit", 1}, {"unfinished", 2}}}});
+        closing["ledger"].push_back(Json::parse(fmt::format(
+            R"({{"group":{},"name":"{}","received":{},"stored":{},"discarded":{{"limit":1,"unfinished":2}}}})",
+            i + 2, channels_[i].name, stored_[i] + 3, stored_[i])));
     const std::vector<uint8_t> file = bytes();
     const auto word = [&file](size_t at) {
         uint32_t value;
@@ -188,8 +167,7 @@ void KrdBuilder::close(const Edit &edit)
         if (word(at + 4) == KRD_GROUP_INDEX)
             closing["index_blocks"].push_back(at);
     }
-    if (edit)
-        edit(closing);
+    apply(changes, closing);
     loose(KRD_GROUP_CATALOGUE, closing.dump());
 }
 

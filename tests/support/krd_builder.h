@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -17,6 +16,7 @@ struct TestChannel {
     std::string name;
     std::string kind = "sequential";
     std::string element = "float32";
+    uint32_t size = 4; // of an element
     double rate = 1000.0;
     bool rle = false;
     double scale = 1.0, offset = 0.0;
@@ -26,11 +26,11 @@ struct TestChannel {
 class KrdBuilder {
 public:
     using Json = nlohmann::ordered_json;
-    using Edit = std::function<void(Json &)>;
+    using Changes = std::vector<std::pair<const char *, Json>>; // values by JSON pointer
 
-    // Writes the catalogue at once; `edit` may spoil it first. `indexRoom`: bytes of an index block.
+    // Writes the catalogue at once, with `changes` that may spoil it. `indexRoom`: bytes of an index block.
     KrdBuilder(std::filesystem::path path, std::vector<TestChannel> channels, uint32_t indexRoom = 4096,
-               const Edit &edit = {});
+               const Changes &changes = {});
     ~KrdBuilder();
     KrdBuilder(const KrdBuilder &) = delete;
     KrdBuilder &operator=(const KrdBuilder &) = delete;
@@ -41,8 +41,8 @@ public:
     void messages(size_t channel, const std::string &elements, uint64_t count, int64_t start);
     // A block of any group that no index knows.
     void loose(uint32_t group, const std::string &payload);
-    // Index and closing block; `edit` may spoil the latter first.
-    void close(const Edit &edit = {});
+    // Index and closing block, the latter with `changes`.
+    void close(const Changes &changes = {});
 
     std::vector<uint8_t> bytes() const;
     const std::filesystem::path &path() const { return path_; }

@@ -63,7 +63,7 @@ TEST_F(Export, EveryKindAsCsv)
 TEST_F(Export, ACandumpLogComesBackAsItWas)
 {
     KrdBuilder file(folder.path("can.krd"),
-                    {{.name = "can0", .kind = "message_can", .element = "can"}, {.name = "a"}});
+                    {{.name = "can0", .kind = "message_can", .element = "can", .size = 21}, {.name = "a"}});
     file.messages(
         0,
         canElement(0, 0x7FF, 0, "") + canElement(39, 0x1, 0x12, "") +
@@ -91,8 +91,9 @@ TEST_F(Export, ValuesReadBackExactly)
         doubles.push_back(std::bit_cast<double>(random()));
         whole.push_back(static_cast<double>(static_cast<int64_t>(random()) >> 1 & ~int64_t{0x7FF}));
     }
-    KrdBuilder file(folder.path("values.krd"),
-                    {{.name = "s"}, {.name = "d", .element = "float64"}, {.name = "w", .element = "int64"}});
+    KrdBuilder file(folder.path("values.krd"), {{.name = "s"},
+                                                {.name = "d", .element = "float64", .size = 8},
+                                                {.name = "w", .element = "int64", .size = 8}});
     file.samples(0, singles, 0);
     file.samples(1, doubles, 0);
     file.samples(2, whole, 0);
@@ -118,7 +119,8 @@ TEST_F(Export, ValuesReadBackExactly)
 
 std::vector<TestChannel> gapChannels()
 {
-    return {{.name = "a"}, {.name = "b", .element = "uint16", .rle = true}, {.name = "c", .rate = 10}};
+    return {
+        {.name = "a"}, {.name = "b", .element = "uint16", .size = 2, .rle = true}, {.name = "c", .rate = 10}};
 }
 
 void buildGaps(KrdBuilder &file)

@@ -11,17 +11,8 @@
 namespace vu::test {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using Json = KrdBuilder::Json;
-
-struct Lie {
-    const char *name;
-    std::function<void(KrdBuilder &)> record; // between catalogue and closing block
-    KrdBuilder::Edit closing;
-    std::vector<std::string> problems; // what is said of it, each with this in it; none: nothing to say
-};
 
 std::vector<std::string> problemsOf(const KrdBuilder &builder)
 {
@@ -36,96 +27,70 @@ std::string bytesOf(const auto &...values)
     return text;
 }
 
+struct Lie {
+    const char *name;
+    std::vector<double> samples; // of channel a, behind its first two,
+    int64_t start = 0;           // from this number on
+    uint32_t group = 0;          // of a block that no index knows, or 0
+    std::string payload;
+    KrdBuilder::Changes closing;
+    std::vector<std::string> problems; // what is said of it, each with this in it
+};
+
 TEST(KrdCheck, EachLieIsFoundAndNamed)
 {
-    const auto nothing = [](KrdBuilder &) {};
-    const auto at = [](int64_t position, const std::string &rest) { return bytesOf(position) + rest; };
-    const std::vector<TestChannel> channels = {{.name = "a"},
-                                               {.name = "r", .element = "int16", .rle = true},
-                                               {.name = "f", .element = "float32", .rle = true},
-                                               {.name = "raw", .kind = "message_raw", .element = "bytes"}};
+    const std::vector<TestChannel> channels = {
+        {.name = "a"},
+        {.name = "r", .element = "int16", .size = 2, .rle = true},
+        {.name = "f", .element = "float32", .rle = true},
+        {.name = "raw", .kind = "message_raw", .element = "bytes", .size = 0}};
+    const int64_t three = 3; // a position
+    const std::string lost = "1 blocks are not in the index", nowhere = bytesOf(uint64_t{0}, uint32_t{0});
     const Lie lies[] = {
-        {"truth", nothing, {}, {}},
-        {"received",
-         nothing,
-         [](Json &json) { json["ledger"][0]["received"] = 4; },
-         {"a: the ledger does not close"}},
-        {"stored less",
-         nothing,
-         [](Json &json) {
-             json["ledger"][0].update({{"stored", 1}, {"received", 4}});
-         },
-         {"a: 2 elements in the file, and the ledger says 1"}},
-        {"stored more",
-         nothing,
-         [](Json &json) {
-             json["ledger"][1].update({{"stored", 9}, {"received", 12}});
-         },
-         {"r: 6 of 9 stored elements are not in the file"}},
-        {"no ledger",
-         nothing,
-         [](Json &json) { json["ledger"].erase(3); },
-         {"raw: the ledger does not know it"}},
-        {"no closing",
-         [](KrdBuilder &file) {
-             file.close();
-             file.loose(9, "");
-         },
-         [](Json &json) { json["end"] = 1; },
-         {"'end': expected a text", "9, which the catalogue", "is a closing block, and more",
-          "no closing block", "not in the index"}},
-        {"overlap",
-         [](KrdBuilder &file) {
-             file.samples(0, {1, 2}, 1);
-         },
+        {"truth", {}, 0, 0, "", {}, {}},
+        {"received", {}, 0, 0, "", {{"/ledger/0/received", 4}}, {"a: the ledger does not close"}},
+        {"less",
          {},
-         {"a: the block at"}},
-        {"gap told",
-         [](KrdBuilder &file) {
-             file.samples(0, {1, 2}, 5);
-         },
+         0,
+         0,
+         "",
+         {{"/ledger/0/stored", 1}, {"/ledger/0/received", 4}},
+         {"a: 2 elements in the file"}},
+        {"more",
          {},
-         {}}, // three discarded ones explain it
-        {"gap", [](KrdBuilder &file) { file.samples(0, {1}, 6); }, {}, {"a: 1 samples are missing"}},
-        {"negative", [](KrdBuilder &file) { file.samples(0, {1}, -6); }, {}, {"begins at sample -6"}},
-        {"unlisted",
-         [&](KrdBuilder &file) { file.loose(2, at(2, "....")); },
-         [](Json &json) {
-             json["ledger"][0].update({{"stored", 3}, {"received", 6}});
-         },
-         {"1 blocks are not in the index"}},
-        {"half a sample",
-         [&](KrdBuilder &file) { file.loose(2, at(2, "...")); },
+         0,
+         0,
+         "",
+         {{"/ledger/1/stored", 9}, {"/ledger/1/received", 12}},
+         {"r: 6 of 9 stored elements"}},
+        {"no ledger", {}, 0, 0, "", {{"/ledger/3/group", 99}}, {"raw: the ledger does not know it"}},
+        {"no closing", {}, 0, 0, "", {{"/end", 1}}, {"'end': expected a text", "there is no closing block"}},
+        {"group", {}, 0, 9, "", {}, {"1 blocks of group 9, which the catalogue does not know", lost}},
+        {"closed twice",
          {},
-         {"a: the block at", "1 blocks are not in the index"}},
-        {"no position",
-         [&](KrdBuilder &file) { file.loose(2, "1234567"); },
+         0,
+         KRD_GROUP_CATALOGUE,
+         "{}",
          {},
-         {"a: the block at", "not in the index"}},
-        {"negative run",
-         [&](KrdBuilder &file) { file.loose(3, at(3, bytesOf(int16_t{-1}, int16_t{5}))); },
+         {"is a closing block, and more blocks follow"}},
+        {"overlap", {1, 2}, 1, 0, "", {}, {"a: the block at"}},
+        {"gap that three discarded ones explain", {1}, 5, 0, "", {}, {}},
+        {"gap", {1}, 6, 0, "", {}, {"a: 1 samples are missing"}},
+        {"negative", {1}, -6, 0, "", {}, {"begins at sample -6"}},
+        {"half a sample", {}, 0, 2, bytesOf(three) + "...", {}, {"a: the block at", lost}},
+        {"no position", {}, 0, 2, "1234567", {}, {"a: the block at", lost}},
+        {"negative run", {}, 0, 3, bytesOf(three, int16_t{-1}, int16_t{5}), {}, {"r: the block at", lost}},
+        {"part of a run", {}, 0, 4, bytesOf(three, 1.5F, 5.0F), {}, {"f: the block at", lost}},
+        {"long message", {}, 0, 5, bytesOf(three, UINT32_MAX, three), {}, {"raw: the block at", lost}},
+        {"odd index",
          {},
-         {"r: the block at", "not in the index"}},
-        {"half a run",
-         [&](KrdBuilder &file) { file.loose(4, at(3, bytesOf(1.5F, 5.0F))); },
+         0,
+         1,
+         nowhere + "odd",
          {},
-         {"f: the block at", "not in the index"}},
-        {"long message",
-         [&](KrdBuilder &file) { file.loose(5, at(3, bytesOf(uint32_t{0xFFFFFFFF}, int64_t{1}))); },
-         {},
-         {"raw: the block at", "not in the index"}},
-        {"index to nothing",
-         [](KrdBuilder &file) { file.loose(1, bytesOf(uint64_t{0}, uint32_t{0}) + "odd"); },
-         {},
-         {"not made of whole entries", "1 index entries point at no whole block"}},
-        {"disk full",
-         [](KrdBuilder &file) { file.loose(1, bytesOf(uint64_t{0}, uint32_t{0})); },
-         [](Json &json) { json["end"] = "disk_full"; },
-         {}},
-        {"index blocks",
-         nothing,
-         [](Json &json) { json["index_blocks"] = {12}; },
-         {"the closing block names 1 index blocks"}},
+         {"not made of whole entries", "1 index entries point at no"}},
+        {"disk full", {}, 0, 1, nowhere, {{"/end", "disk_full"}}, {}},
+        {"index blocks", {}, 0, 0, "", {{"/index_blocks", {12}}}, {"the closing block names 1 index blocks"}},
     };
     TempDir folder;
     for (const Lie &lie : lies) {
@@ -133,7 +98,10 @@ TEST(KrdCheck, EachLieIsFoundAndNamed)
         KrdBuilder file(folder.path("lie.krd"), channels);
         file.samples(0, {1, 2}, 0);
         file.samples(1, {7, 7, 7}, 0);
-        lie.record(file);
+        if (!lie.samples.empty())
+            file.samples(0, lie.samples, lie.start);
+        if (lie.group > 0 || !lie.payload.empty())
+            file.loose(lie.group, lie.payload);
         file.close(lie.closing);
         std::vector<::testing::Matcher<std::string>> expected;
         for (const std::string &problem : lie.problems)
@@ -144,40 +112,33 @@ TEST(KrdCheck, EachLieIsFoundAndNamed)
 
 TEST(KrdCheck, ACatalogueThatCanNotBeReadSaysWhere)
 {
-    struct Case {
-        KrdBuilder::Edit spoil;
-        const char *said;
-    };
-    const Case cases[] = {
-        {[](Json &json) { json["format"] = "other"; }, "'format': expected \"krd\""},
-        {[](Json &json) { json["version"] = 2; }, "'version': expected 1"},
-        {[](Json &json) { json["ticks_per_second"] = 0; }, "'ticks_per_second'"},
-        {[](Json &json) { json.erase("channels"); }, "'channels': expected an array"},
-        {[](Json &json) { json["channels"][0] = 7; }, "channels[0]: expected an object"},
-        {[](Json &json) { json["channels"][1]["group"] = 2; }, "expected group 2 once"},
-        {[](Json &json) { json["channels"][1]["group"] = 1; }, "'group': expected a number from 2"},
-        {[](Json &json) { json["channels"][0]["element_size"] = 8; }, "channels[0]: 'element'"},
-        {[](Json &json) { json["channels"][0]["sample_rate"] = 0; },
-         "'sample_rate': expected a number above 0"},
-        {[](Json &json) { json["channels"][0]["scale"] = "1"; }, "'scale': expected a finite number"},
-        {[](Json &json) { json["channels"][4]["element_size"] = 20; }, "channels[4]: 'element'"},
-        {[](Json &json) { json["channels"][8]["encoding"] = "rle"; }, "channels[8]: 'element'"},
+    const std::tuple<const char *, Json, const char *> cases[] = {
+        {"/format", "other", "'format': expected \"krd\""},
+        {"/version", 2, "'version': expected 1"},
+        {"/ticks_per_second", 0, "'ticks_per_second'"},
+        {"/channels", 7, "'channels': expected an array"},
+        {"/channels/0", 7, "channels[0]: expected an object"},
+        {"/channels/1/group", 2, "expected group 2 once"},
+        {"/channels/1/group", 1, "'group': expected a number from 2"},
+        {"/channels/0/element_size", 8, "channels[0]: 'element'"},
+        {"/channels/0/sample_rate", 0, "'sample_rate': expected a number above 0"},
+        {"/channels/0/scale", "1", "'scale': expected a finite number"},
+        {"/channels/4/element_size", 20, "channels[4]: 'element'"},
+        {"/channels/8/encoding", "rle", "channels[8]: 'element'"},
     };
     TempDir folder;
-    for (const Case &one : cases) {
-        KrdBuilder file(folder.path("bad.krd"), kEveryKind, 4096, one.spoil);
+    for (const auto &[place, value, said] : cases) {
+        KrdBuilder file(folder.path("bad.krd"), kEveryKind, 4096, {{place, value}});
         buildEverything(file);
-        EXPECT_THAT(problemsOf(file), ::testing::Contains(HasSubstr(one.said)));
+        EXPECT_THAT(problemsOf(file), ::testing::Contains(HasSubstr(said)));
         const std::vector<uint8_t> bytes = file.bytes();
         EXPECT_THROW(krd::requireCatalogue(krd::glance(bytes, "file"), "file"), InputError);
     }
     // What a later version adds can be copied and listed; only its samples stay closed.
-    KrdBuilder later(folder.path("later.krd"), kEveryKind, 4096, [](Json &json) {
-        json["channels"][0]["encoding"] = "zip";
-        json["more"] = 1;
-    });
+    KrdBuilder later(folder.path("later.krd"), kEveryKind, 4096,
+                     {{"/channels/0/encoding", "zip"}, {"/more", 1}});
     buildEverything(later);
-    EXPECT_THAT(problemsOf(later), IsEmpty());
+    EXPECT_THAT(problemsOf(later), ::testing::IsEmpty());
 }
 
 TEST(KrdCheck, InfoTellsWhatTheFileSaysWithoutReadingItsBlocks)

@@ -129,12 +129,9 @@ TEST_F(Damage, ALostCatalogueComesFromItsCopyOrFromAnotherFileOrIsInvented)
     writeBytes(folder.path("lost.krd"), file);
 
     KrdBuilder donor(folder.path("donor.krd"), kEveryKind);
-    nlohmann::ordered_json copy;
-    donor.close([&](auto &closing) {
-        copy =
-            nlohmann::ordered_json::parse(krd::toJson(*krd::scan(donor.bytes(), "donor").catalogue).dump());
-        closing["catalogue"] = copy;
-    });
+    const auto copy =
+        nlohmann::ordered_json::parse(krd::toJson(*krd::scan(donor.bytes(), "donor").catalogue).dump());
+    donor.close({{"/catalogue", copy}});
     const auto result = runVu({"recover", folder.path("lost.krd"), "--catalogue-of", folder.path("donor.krd"),
                                "-o", folder.path("mended.krd")});
     EXPECT_EQ(result.status, 3) << result.err;
@@ -204,7 +201,7 @@ TEST_F(Damage, FilesBeyondFourGiBAreReadWhole)
 {
     constexpr uint64_t kPayload = 64 << 20, kBlocks = 65;
     const std::string path = folder.path("big.krd");
-    KrdBuilder builder(path, {{.name = "big", .element = "uint8", .rle = true}});
+    KrdBuilder builder(path, {{.name = "big", .element = "uint8", .size = 1, .rle = true}});
     const std::string head = bigWord(kPayload + 20) + bigWord(2) + "KRD1";
     const std::string hole(1 << 20, '\0');
     auto checksum = static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef *>(head.data()), 12));

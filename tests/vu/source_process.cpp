@@ -2,90 +2,62 @@
 
 #include <arpa/inet.h>
 #include <cmath>
-#include <csignal>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
+#include <iterator>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char **environ;
-
 namespace vu::test {
 
-namespace {
-
-bool connectUnix(int fd, const std::string &path)
+std::vector<std::string> words(const std::string &line)
 {
-    sockaddr_un name{};
-    name.sun_family = AF_UNIX;
-    path.copy(name.sun_path, sizeof name.sun_path - 1);
-    return connect(fd, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0;
+    std::istringstream in(line);
+    return {std::istream_iterator<std::string>(in), {}};
 }
 
-bool connectTcp(int fd, const std::string &printed)
+Source::Source(const std::string &line, Socket kind, std::filesystem::path where, bool connects)
+    : path(where.empty() ? TempDir::path("socket") : where),
+      vu_(words("source " + line + " --listen " +
+                (kind == Socket::Tcp ? "tcp:127.0.0.1:0" : "unix:" + path.string())))
 {
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const size_t colon = printed.rfind(':');
-    if (colon == std::string::npos || !printed.ends_with('\n'))
-        return false;
-    name.sin_port = htons(static_cast<uint16_t>(std::stoi(printed.substr(colon + 1))));
-    return connect(fd, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0;
-}
-
-} // namespace
-
-Source::Source(std::vector<std::string> words, Socket kind, std::filesystem::path path, bool connects)
-    : path_(path.empty() ? folder_.path("socket") : path)
-{
-    words.insert(words.begin(), {VU_COMMAND, "source"});
-    words.insert(words.end(),
-                 {"--listen", kind == Socket::Tcp ? "tcp:127.0.0.1:0" : "unix:" + path_.string()});
-    std::vector<char *> arguments;
-    for (std::string &word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    const std::string out = folder_.path("out"), err = folder_.path("err");
-    posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_CREAT | O_WRONLY, 0600);
-    posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_CREAT | O_WRONLY, 0600);
-    EXPECT_EQ(posix_spawn(&pid_, VU_COMMAND, &files, nullptr, arguments.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&files);
     socket_ = ::socket(kind == Socket::Tcp ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const auto connected = [&] {
-        return kind == Socket::Tcp ? connectTcp(socket_, readText(out)) : connectUnix(socket_, path_);
-    };
     siginfo_t ended{};
-    while (connects && !connected() &&
-           waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           ended.si_pid == 0)
+    const auto runs = [&] {
+        return waitid(P_PID, static_cast<id_t>(vu_.pid()), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               ended.si_pid == 0;
+    };
+    while (connects && !connected(kind) && runs())
         usleep(2000);
 }
 
-Source::~Source()
+bool Source::connected(Socket kind)
 {
-    leave();
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+    if (kind == Socket::Unix) {
+        sockaddr_un name{AF_UNIX, {}};
+        path.string().copy(name.sun_path, sizeof name.sun_path - 1);
+        return connect(socket_, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0;
     }
+    const std::string printed = vu_.out();
+    if (!printed.ends_with('\n'))
+        return false;
+    sockaddr_in name{AF_INET,
+                     htons(static_cast<uint16_t>(std::stoi(printed.substr(printed.rfind(':') + 1)))),
+                     {htonl(INADDR_LOOPBACK)},
+                     {}};
+    return connect(socket_, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0;
 }
 
 Bytes Source::read(size_t most)
 {
     Bytes all;
     uint8_t piece[65536];
-    while (all.size() < most) {
-        const ssize_t count = recv(socket_, piece, std::min(sizeof piece, most - all.size()), 0);
-        if (count <= 0)
-            break;
+    ssize_t count = 1;
+    while (all.size() < most &&
+           (count = recv(socket_, piece, std::min(sizeof piece, most - all.size()), 0)) > 0)
         all.insert(all.end(), piece, piece + count);
-    }
     return all;
 }
 
@@ -100,33 +72,13 @@ void Source::leave()
         close(std::exchange(socket_, -1));
 }
 
-void Source::signal(int number)
-{
-    kill(pid_, number);
-}
-
-int Source::status()
-{
-    int status = 0;
-    waitpid(std::exchange(pid_, -1), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-std::string Source::said() const
-{
-    return readText(folder_.path("err"));
-}
-
 Stream cut(std::span<const uint8_t> received)
 {
     Stream stream;
-    EXPECT_GE(received.size(), 2u);
-    if (received.size() < 2)
-        return stream;
-    const auto marker = numberAt<uint16_t>(received, 0);
-    EXPECT_TRUE(marker == 0xFEED || marker == 0xEDFE) << std::hex << marker;
+    const auto marker = received.size() < 2 ? uint16_t{0} : numberAt<uint16_t>(received, 0);
+    EXPECT_TRUE(marker == 0xFEED || marker == 0xEDFE) << marker;
     stream.bigEndian = marker == 0xFEED;
-    size_t at = 2;
+    size_t at = std::min<size_t>(2, received.size());
     while (received.size() - at >= 4 && received.size() - at - 4 >= numberAt<uint32_t>(received, at)) {
         const auto body = received.subspan(at + 4, numberAt<uint32_t>(received, at));
         stream.records.emplace_back(body.begin(), body.end());
@@ -136,9 +88,16 @@ Stream cut(std::span<const uint8_t> received)
     return stream;
 }
 
-Stream replay(std::vector<std::string> words, int status, std::string *said, Source::Socket kind)
+Stream cut(const WireWriter &wire)
 {
-    Source source(std::move(words), kind);
+    Bytes all = {0xFE, 0xED};
+    all.insert(all.end(), wire.bytes().begin(), wire.bytes().end());
+    return cut(all);
+}
+
+Stream replay(const std::string &line, int status, std::string *said, Source::Socket kind)
+{
+    Source source(line, kind);
     const Bytes received = source.read();
     source.leave();
     EXPECT_EQ(source.status(), status) << source.said();

@@ -6,10 +6,11 @@
 #include <filesystem>
 #include <span>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
+#include "tests/support/running_vu.h"
 #include "tests/support/temp_dir.h"
+#include "vu/source/wire_writer.h"
 
 namespace vu::test {
 
@@ -27,28 +28,30 @@ T numberAt(std::span<const uint8_t> bytes, size_t at, bool big = true)
     return value;
 }
 
-class Source {
+class Source : private TempDir {
 public:
     enum class Socket { Unix, Tcp };
-    // Starts `vu source` with these words and an address of its own, or at `path`, and connects.
-    explicit Source(std::vector<std::string> words, Socket kind = Socket::Unix,
-                    std::filesystem::path path = {}, bool connects = true);
-    ~Source();
+    // Starts `vu source` with the words of `line` and an address of its own, or at `path`, and connects.
+    explicit Source(const std::string &line, Socket kind = Socket::Unix, std::filesystem::path path = {},
+                    bool connects = true);
+    ~Source() { leave(); }
 
+    const std::filesystem::path path;
     Bytes read(size_t most = SIZE_MAX); // until the source has sent it all or so many bytes have come
     void write(const std::string &text);
     void leave(); // without a word
-    void signal(int number);
-    int status(); // waits for the end; negative: the signal that ended it
-    std::string said() const;
-    const std::filesystem::path &path() const { return path_; }
+    void signal(int number) { vu_.signal(number); }
+    int status() { return vu_.wait(); } // negative: the signal that ended it
+    std::string said() const { return vu_.err(); }
 
 private:
-    TempDir folder_;
-    std::filesystem::path path_;
-    pid_t pid_ = -1;
+    bool connected(Socket kind);
+
+    RunningVu vu_;
     int socket_ = -1;
 };
+
+std::vector<std::string> words(const std::string &line);
 
 struct Stream {
     bool bigEndian = false;
@@ -56,9 +59,10 @@ struct Stream {
     Bytes rest; // of a record that was cut
 };
 Stream cut(std::span<const uint8_t> received); // fails the test without a marker
+Stream cut(const WireWriter &wire);
 
 // All that a source sends when nothing ends it early. Fails the test unless it ends with `status`.
-Stream replay(std::vector<std::string> words, int status = 0, std::string *said = nullptr,
+Stream replay(const std::string &line, int status = 0, std::string *said = nullptr,
               Source::Socket kind = Source::Socket::Unix);
 
 // Samples of a sequential channel.

@@ -1,10 +1,7 @@
 // Sequential sources: waveforms, sound files, tables of text. Every sample bit by bit.
 #include <cmath>
-#include <fstream>
 #include <gmock/gmock.h>
-#include <map>
-#include <sstream>
-#include <zlib.h>
+#include <sndfile.hh>
 
 #include "tests/vu/source_process.h"
 
@@ -15,14 +12,11 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Values;
 
-using Words = std::vector<std::string>;
-
 template <class T>
-std::vector<T> replaySamples(Words words, const std::string &endian = "little")
+std::vector<T> replaySamples(const std::string &line, const std::string &endian = "little")
 {
-    words.insert(words.end(), {"--speed", "0", "--endian", endian, "--data-type",
-                               sizeof(T) == 4 ? "sequential_float32" : "sequential_float64"});
-    return samplesOf<T>(replay(words));
+    return samplesOf<T>(replay(line + " --speed 0 --data-type sequential_float" +
+                               (sizeof(T) == 4 ? "32" : "64") + " --endian " + endian));
 }
 
 struct Shape {
@@ -34,9 +28,10 @@ class KnownWaveform : public ::testing::TestWithParam<Shape> {};
 
 TEST_P(KnownWaveform, EverySampleFollowsFromItsNumber)
 {
-    const Words words = {"sim",         "--signal",      GetParam().name, "--frequency", "7.3",
-                         "--amplitude", "2.5",           "--bias",        "-0.25",       "--seed",
-                         "11",          "--sample-rate", "1234.5",        "--duration",  "1"};
+    const std::string words =
+        std::string("sim --frequency 7.3 --amplitude 2.5 --bias -0.25 --seed 11 --duration 1 "
+                    "--sample-rate 1234.5 --signal ") +
+        GetParam().name;
     const auto wide = replaySamples<double>(words, "big");
     const auto narrow = replaySamples<float>(words);
     ASSERT_EQ(wide.size(), 1234u);
@@ -57,38 +52,6 @@ INSTANTIATE_TEST_SUITE_P(
            Shape{"counter", [](double, uint64_t n) { return static_cast<double>(n); }}),
     [](const auto &instance) { return instance.param.name; });
 
-// A sound file of either byte order, made here.
-template <class T>
-void writeWav(const std::filesystem::path &file, const std::vector<T> &samples, bool big, int channels)
-{
-    Bytes bytes;
-    const auto text = [&](const char *letters) { bytes.insert(bytes.end(), letters, letters + 4); };
-    const auto number = [&](auto value) {
-        uint8_t parts[sizeof value];
-        std::memcpy(parts, &value, sizeof value);
-        if (big)
-            std::reverse(parts, parts + sizeof value);
-        bytes.insert(bytes.end(), parts, parts + sizeof value);
-    };
-    const auto size = static_cast<uint32_t>(samples.size() * sizeof(T));
-    text(big ? "RIFX" : "RIFF");
-    number(36 + size);
-    text("WAVE");
-    text("fmt ");
-    number(uint32_t{16});
-    number(uint16_t{std::is_floating_point_v<T> ? 3 : 1});
-    number(static_cast<uint16_t>(channels));
-    number(uint32_t{8000});
-    number(static_cast<uint32_t>(8000 * channels) * uint32_t{sizeof(T)});
-    number(static_cast<uint16_t>(channels * static_cast<int>(sizeof(T))));
-    number(uint16_t{8 * sizeof(T)});
-    text("data");
-    number(size);
-    for (const T sample : samples)
-        number(sample);
-    writeBytes(file, bytes);
-}
-
 template <class T>
 class SoundFile : public ::testing::Test {
 };
@@ -99,29 +62,29 @@ TYPED_TEST(SoundFile, ComesThroughBitForBit)
 {
     using T = TypeParam;
     using Wire = std::conditional_t<std::is_same_v<T, float>, float, double>;
-    std::vector<T> samples = {T(0), T(1), T(-1), std::numeric_limits<T>::max(),
-                              std::numeric_limits<T>::lowest()};
-    if constexpr (std::is_floating_point_v<T>)
-        samples.insert(samples.end(),
-                       {std::numeric_limits<T>::denorm_min(), -T(0), std::numeric_limits<T>::infinity()});
-    else
-        samples.push_back(T(12345));
+    using Limits = std::numeric_limits<T>;
+    std::vector<T> samples = {
+        T(0), T(1), T(-1), Limits::max(), Limits::lowest(), Limits::denorm_min(), Limits::infinity()};
     for (uint64_t n = 0; samples.size() < 3000; ++n)
         samples.push_back(static_cast<T>(30000.0 * (referenceUnit(5, n) - 0.5)));
+    const int format = SF_FORMAT_WAV | (std::is_same_v<T, int16_t>   ? SF_FORMAT_PCM_16
+                                        : std::is_same_v<T, int32_t> ? SF_FORMAT_PCM_32
+                                        : std::is_same_v<T, float>   ? SF_FORMAT_FLOAT
+                                                                     : SF_FORMAT_DOUBLE);
     const TempDir folder;
+    const std::string file = folder.path("a.wav");
     for (const bool big : {false, true})
-        for (const int channel : {0, 1}) {
-            writeWav(folder.path("a.wav"), samples, big, 2);
-            const auto got = replaySamples<Wire>(
-                {"wav", folder.path("a.wav"), "--channel", std::to_string(channel)}, big ? "little" : "big");
-            ASSERT_EQ(got.size(), samples.size() / 2);
-            for (size_t i = 0; i < got.size(); ++i) {
-                const auto expected = static_cast<Wire>(samples[2 * i + static_cast<size_t>(channel)]);
-                ASSERT_EQ(std::memcmp(&got[i], &expected, sizeof expected), 0) << i << ' ' << got[i];
-            }
+        for (const size_t channel : {0, 1}) {
+            SndfileHandle(file, SFM_WRITE, format | (big ? SF_ENDIAN_BIG : SF_ENDIAN_LITTLE), 2, 8000)
+                .writef(samples.data(), 1500);
+            const auto got = replaySamples<Wire>("wav " + file + " --channel " + std::to_string(channel),
+                                                 big ? "little" : "big");
+            ASSERT_EQ(got.size(), 1500u);
+            for (size_t i = 0; i < got.size(); ++i)
+                ASSERT_EQ(got[i], static_cast<Wire>(samples[2 * i + channel])) << i;
         }
     if constexpr (std::is_integral_v<T>) {
-        const auto got = replaySamples<double>({"wav", folder.path("a.wav"), "--normalise"});
+        const auto got = replaySamples<double>("wav " + file + " --normalise");
         EXPECT_EQ(got[1], -std::ldexp(1.0, 1 - 8 * static_cast<int>(sizeof(T))));
         EXPECT_EQ(got[2], -1.0); // the lowest number
     }
@@ -129,11 +92,14 @@ TYPED_TEST(SoundFile, ComesThroughBitForBit)
 
 class Table : public ::testing::Test {
 protected:
-    std::vector<double> column(const std::string &text, Words words = {})
+    std::string file(const std::string &text)
     {
         writeText(folder.path("t.csv"), text);
-        words.insert(words.begin(), {"csv", folder.path("t.csv"), "--sample-rate", "100"});
-        return replaySamples<double>(words);
+        return "csv " + folder.path("t.csv").string() + " --sample-rate 100 ";
+    }
+    std::vector<double> column(const std::string &text, const std::string &more = "")
+    {
+        return replaySamples<double>(file(text) + more);
     }
     TempDir folder;
 };
@@ -141,13 +107,13 @@ protected:
 TEST_F(Table, OfManyFormsIsRead)
 {
     EXPECT_THAT(column("1\n2.5\n\n-3e2\n"), ElementsAre(1, 2.5, -300));
-    EXPECT_THAT(column("a,b\r\n1, 2\r\n3,+4\r\n", {"--column", "b"}), ElementsAre(2, 4));
-    EXPECT_THAT(column("a;b\n1,5;2,5\n3;4,25", {"--column", "1", "--decimal", ","}), ElementsAre(2.5, 4.25));
-    EXPECT_THAT(column("junk\njunk\nx\ty\n1\t2\n", {"--skip", "2", "--column", "y"}), ElementsAre(2));
-    EXPECT_THAT(column("1|2\n3|4\n", {"--delimiter", "|", "--column", "1"}), ElementsAre(2, 4));
-    EXPECT_THAT(column("7\n8\n", {"--header", "yes"}), ElementsAre(8));
+    EXPECT_THAT(column("a,b\r\n1, 2\r\n3,+4\r\n", "--column b"), ElementsAre(2, 4));
+    EXPECT_THAT(column("a;b\n1,5;2,5\n3;4,25", "--column 1 --decimal ,"), ElementsAre(2.5, 4.25));
+    EXPECT_THAT(column("junk\njunk\nx\ty\n1\t2\n", "--skip 2 --column y"), ElementsAre(2));
+    EXPECT_THAT(column("1|2\n3|4\n", "--delimiter | --column 1"), ElementsAre(2, 4));
+    EXPECT_THAT(column("7\n8\n", "--header yes"), ElementsAre(8));
     EXPECT_THAT(
-        column("head\n***End_of_Header***\t\nmore\n***End_of_Header***\nX\tF\n\t5\n\t6\n", {"--column", "F"}),
+        column("head\n***End_of_Header***\t\nmore\n***End_of_Header***\nX\tF\n\t5\n\t6\n", "--column F"),
         ElementsAre(5, 6));
     EXPECT_THAT(column("1e999\n-1e999\n1e-999\ninf\n"), ElementsAre(INFINITY, -INFINITY, 0, INFINITY));
 }
@@ -156,62 +122,15 @@ TEST_F(Table, GivesTheNearestNumberOfEachWidth)
 {
     // Read as double first, this text the first text would round twice and end one bit too high.
     const std::string text = "1.00000017881393432617187499999999999\n1.00000017881393432617187500000000001\n";
-    writeText(folder.path("t.csv"), text);
-    EXPECT_THAT(replaySamples<float>({"csv", folder.path("t.csv"), "--sample-rate", "10"}),
-                ElementsAre(0x1.000002p0f, 0x1.000004p0f));
+    EXPECT_THAT(replaySamples<float>(file(text)), ElementsAre(0x1.000002p0f, 0x1.000004p0f));
 }
 
 TEST_F(Table, IsServedUpToABadLine)
 {
-    writeText(folder.path("t.csv"), "v\n1\n2\nthree\n4\n");
     std::string said;
-    const Stream stream = replay({"csv", folder.path("t.csv"), "--sample-rate", "1000", "--speed", "0",
-                                  "--data-type", "sequential_float64"},
-                                 2, &said);
+    const Stream stream = replay(file("v\n1\n2\nthree\n4\n") + "--data-type sequential_float64", 2, &said);
     EXPECT_THAT(samplesOf<double>(stream), ElementsAre(1, 2));
     EXPECT_THAT(said, HasSubstr("t.csv:4: column 0: expected a number, got 'three'"));
-}
-
-TEST(Recordings, OfSoundAndVibrationComeThroughExactly)
-{
-    SKIP_WITHOUT_RECORDINGS();
-    std::map<std::pair<std::string, std::string>, std::vector<double>> expected;
-    const std::filesystem::path sounds = recordings() / "samples_wav";
-    const gzFile values = gzopen((sounds / "values.csv.gz").c_str(), "rb");
-    char line[512];
-    gzgets(values, line, sizeof line);
-    while (gzgets(values, line, sizeof line)) {
-        std::istringstream cells(line);
-        std::string file, channel, index, value;
-        std::getline(std::getline(std::getline(std::getline(cells, file, ','), channel, ','), index, ','),
-                     value);
-        expected[{file, channel}].push_back(std::stod(value));
-    }
-    gzclose(values);
-    ASSERT_EQ(expected.size(), 8u);
-    for (const auto &[key, samples] : expected)
-        for (const char *endian : {"big", "little"})
-            EXPECT_EQ(replaySamples<double>({"wav", sounds / key.first, "--channel", key.second}, endian),
-                      samples)
-                << key.first;
-
-    std::ifstream stats(recordings() / "samples_vibration/stats.csv");
-    std::string row, name, cell;
-    std::getline(stats, row);
-    while (std::getline(stats, row)) {
-        std::istringstream cells(row);
-        std::getline(std::getline(cells, name, ','), cell, ',');
-        std::vector<double> numbers;
-        while (std::getline(cells, cell, ','))
-            numbers.push_back(std::stod(cell));
-        const auto got =
-            replaySamples<double>({"csv", recordings() / "samples_vibration/long_single_header_multi_ch.lvm",
-                                   "--column", name, "--sample-rate", "1000"});
-        ASSERT_EQ(static_cast<double>(got.size()), numbers[0]) << name;
-        const auto [least, most] = std::minmax_element(got.begin(), got.end());
-        EXPECT_THAT((std::vector{*least, *most, got.front(), got.back()}),
-                    ElementsAre(numbers[1], numbers[2], numbers[3], numbers[4]));
-    }
 }
 
 } // namespace

@@ -10,25 +10,22 @@ namespace vu::test {
 namespace {
 
 using ::testing::ElementsAre;
-using Words = std::vector<std::string>;
 
 double noise(uint64_t n)
 {
     return 2 * referenceUnit(9, n) - 1;
 }
 
-Words noisy(Words more)
+std::string noisy(const std::string &more)
 {
-    Words words = {"sim", "--speed", "0", "--signal", "noise", "--seed", "9"};
-    words.insert(words.end(), more.begin(), more.end());
-    return words;
+    return "sim --speed 0 --signal noise --seed 9 " + more;
 }
 
 template <class T>
 void expectFloats(const std::string &type, const std::string &endian)
 {
-    const Stream stream = replay(noisy(
-        {"--data-type", type, "--endian", endian, "--rate", "250", "--jitter", "0.001", "--duration", "2"}));
+    const Stream stream =
+        replay(noisy("--rate 250 --jitter 0.001 --duration 2 --data-type " + type + " --endian " + endian));
     uint64_t n = 0;
     for (const Bytes &body : stream.records)
         for (size_t at = 0; at < body.size(); at += 8 + sizeof(T), ++n) {
@@ -47,8 +44,7 @@ TEST(SimulatedMessages, FollowFromTheirNumbers)
         expectFloats<float>("message_float32", endian);
         expectFloats<double>("message_float64", endian);
     }
-    const Stream raw = replay({"sim", "--speed", "0", "--data-type", "message_raw", "--size", "3", "--rate",
-                               "200", "--duration", "2"});
+    const Stream raw = replay("sim --speed 0 --data-type message_raw --size 3 --rate 200 --duration 2");
     ASSERT_EQ(raw.records.size(), 400u);
     for (uint64_t n = 0; n < 400; ++n) {
         const auto byte = [&](uint64_t i) { return static_cast<uint8_t>((n + i) % 256); };
@@ -70,8 +66,8 @@ double sinceStart(uint32_t seconds, uint32_t fraction)
 template <class T>
 void expectNtp(const std::string &type)
 {
-    const Stream stream = replay(noisy(
-        {"--data-type", type, "--rate", "30", "--duration", "2", "--start-time", "2026-03-15T10:15:30.5"}));
+    const Stream stream =
+        replay(noisy("--rate 30 --duration 2 --start-time 2026-03-15T10:15:30.5 --data-type " + type));
     EXPECT_FALSE(stream.bigEndian);
     uint64_t n = 0;
     for (const Bytes &body : stream.records)
@@ -94,9 +90,9 @@ TEST(SimulatedXcp, HasAnEntryForEachMeasurement)
 {
     for (const bool big : {false, true}) {
         const Stream stream =
-            replay(noisy({"--data-type", "message_xcp_ip", "--amplitude", "1000", "--rate", "50",
-                          "--duration", "1", "--xcp-byte-order", big ? "big" : "little", "--xcp-types",
-                          "SWORD,UBYTE,FLOAT64_IEEE,A_INT64,FLOAT32_IEEE"}));
+            replay(noisy("--data-type message_xcp_ip --amplitude 1000 --rate 50 --duration 1 "
+                         "--xcp-types SWORD,UBYTE,FLOAT64_IEEE,A_INT64,FLOAT32_IEEE --xcp-byte-order ") +
+                   (big ? "big" : "little"));
         uint64_t n = 0;
         int64_t told = 0;
         for (const Bytes &body : stream.records) {
@@ -166,21 +162,23 @@ struct ModuleStream {
 TEST(SimulatedStream, BehavesAsAModuleDoes)
 {
     for (const bool big : {true, false}) {
-        Source source(noisy({"--connector", big ? "ch_pd806h" : "ch_pd806k", "--names", "oil,water",
-                             "--numbers", "2047,5000", "--rate", "3000", "--duration", "3", "--fill",
-                             "50,80,98", "--no-value-every", "10", "--start-time", "2026-03-15T10:15:30.5"}));
+        Source source(noisy("--names oil,water --numbers 2047,5000 --rate 3000 --duration 3 --fill 50,80,98 "
+                            "--no-value-every 10 --start-time 2026-03-15T10:15:30.5 --connector ") +
+                      (big ? "ch_pd806h" : "ch_pd806k"));
         const Bytes bytes = source.read();
         source.leave();
         EXPECT_EQ(source.status(), 0);
         const ModuleStream stream(bytes);
         EXPECT_EQ(stream.dataRecordsBeforeLayout, 0u);
-        EXPECT_EQ(stream.count("2047 {\"method\":\"subscribe\",\"params\":[\"oil\"]}"), 1);
-        EXPECT_EQ(stream.count("5000 {\"method\":\"subscribe\",\"params\":[\"water\"]}"), 1);
-        EXPECT_EQ(stream.count(big ? "\"endian\":\"big\"" : "\"endian\":\"little\""), 2);
-        EXPECT_EQ(stream.count("{\"samples\":3000"), 2);
-        EXPECT_EQ(stream.count("\"alive\""), 3);
-        EXPECT_EQ(stream.count("\"fill\",\"params\":[80.0]"), 1);
-        EXPECT_EQ(stream.count("firmwareNotice"), 1);
+        const std::pair<const char *, int> told[] = {{R"(2047 {"method":"subscribe","params":["oil"]})", 1},
+                                                     {R"(5000 {"method":"subscribe","params":["water"]})", 1},
+                                                     {big ? R"("endian":"big")" : R"("endian":"little")", 2},
+                                                     {R"({"samples":3000)", 2},
+                                                     {R"("alive")", 3},
+                                                     {R"("fill","params":[80.0])", 1},
+                                                     {"firmwareNotice", 1}};
+        for (const auto &[text, times] : told)
+            EXPECT_EQ(stream.count(text), times) << text;
         for (const auto &[number, extra] : {std::pair(2047u, 0.0), {5000u, 1.0}}) {
             const auto &samples = stream.samples.at(number);
             ASSERT_EQ(samples.size(), 9000u);
