@@ -4,6 +4,7 @@
 
 #include "libvu/datafile/krd_format.h"
 #include "vu/command.h"
+#include "vu/krdfile/progress.h"
 
 namespace vu::krd {
 
@@ -58,8 +59,10 @@ Recording scan(Bytes file, const std::string &name)
 {
     Recording recording;
     recording.file = file;
+    ReadProgress progress(name, file.size());
     BlockWalk walk(file);
     while (const auto piece = walk.next()) {
+        progress.reached(piece->offset);
         if (piece->kind == Piece::kUnfinished) {
             recording.unfinishedBytes = piece->bytes;
         } else if (piece->kind == Piece::kDamage) {

@@ -24,7 +24,7 @@ namespace {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (const int signal : {SIGPIPE, SIGXFSZ, SIGINT, SIGTERM, SIGHUP})
+    for (const int signal : {SIGPIPE, SIGXFSZ, SIGTTIN, SIGINT, SIGTERM, SIGHUP})
         std::signal(signal, SIG_DFL);
     const int nothing = open("/dev/null", O_RDWR);
     dup2(nothing, STDIN_FILENO); // lines on standard input are the recorder's
@@ -39,12 +39,21 @@ Children::Children() : command_(std::filesystem::read_symlink("/proc/self/exe"))
 
 Children::~Children()
 {
-    terminate(true);
+    constexpr int kTries = 50;
+    constexpr useconds_t kPause = 10000; // a source that is asked takes its socket's name away
+    terminate(false);
     for (Child &child : children_) {
         ev_child_stop(ev_default_loop(0), &child.watcher);
+        for (int tries = 0; child.running && tries < kTries; tries++) {
+            child.running = waitpid(child.pid, nullptr, WNOHANG) == 0;
+            if (child.running)
+                usleep(kPause);
+        }
+    }
+    terminate(true);
+    for (const Child &child : children_)
         if (child.running)
             waitpid(child.pid, nullptr, 0);
-    }
 }
 
 void Children::start(const Channel &channel)

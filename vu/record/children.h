@@ -26,10 +26,8 @@ public:
         bool running = true;
         int status = 0;          // as waitpid() gives it
         bool ended_here = false; // by a signal of ours
-        bool told = false;       // free for whoever tells its end
         ev_child watcher{};
     };
-    std::list<Child> &all() { return children_; }
     Child *find(const std::string &channel);
     bool anyRunning() const;
     // Asks what still runs to end; with `hard` it has no choice.

@@ -8,6 +8,7 @@
 #include "vu/record/live_channel.h"
 #include "vu/record/progress.h"
 #include "vu/record/run.h"
+#include "vu/record/say.h"
 
 namespace vu {
 
@@ -38,7 +39,7 @@ Description load(const Options &options)
 {
     Description test = readDescription(options.description);
     for (const std::string &warning : test.warnings)
-        fmt::print(stderr, "{} (warning)\n", warning);
+        say("{} (warning)\n", warning);
     if (!options.output.empty())
         test.file = options.output;
     if (options.seconds > 0.0)

@@ -1,4 +1,5 @@
 #include "vu/record/events.h"
+#include "vu/record/say.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -23,8 +24,8 @@ void Events::add(const char *kind, const std::string &channel, const std::string
     Event event{time.value_or(seconds()), kind, channel, value, text};
     if (list_.size() == kMost)
         event = {seconds(), "error", "", {}, "too many events: no more are kept"};
-    fmt::print(stderr, "{:9.3f} s  {}{}{}  {}\n", event.time, event.kind, event.channel.empty() ? "" : " ",
-               event.channel, event.text);
+    say("{:9.3f} s  {}{}{}  {}\n", event.time, event.kind, event.channel.empty() ? "" : " ", event.channel,
+        event.text);
     list_.push_back(std::move(event));
 }
 

@@ -1,4 +1,5 @@
 #include "vu/record/progress.h"
+#include "vu/record/say.h"
 
 #include <cmath>
 #include <fmt/format.h>
@@ -55,7 +56,7 @@ void Progress::show()
                                    byteText(static_cast<double>(bytes - last_bytes_) / passed));
     if (test_.duration > 0.0)
         line += fmt::format("  {} left", durationText(std::max(0.0, test_.duration - seconds)));
-    fmt::print(stderr, "{}{}{}", terminal_ ? "\r" : "", line, terminal_ ? "\x1b[K" : "\n");
+    say("{}{}{}", terminal_ ? "\r" : "", line, terminal_ ? "\x1b[K" : "\n");
     last_ = now;
     last_bytes_ = bytes;
     shown_ = true;
@@ -64,7 +65,7 @@ void Progress::show()
 void Progress::end()
 {
     if (terminal_ && shown_)
-        fmt::print(stderr, "\n");
+        say("\n");
 }
 
 } // namespace vu

@@ -30,9 +30,9 @@ void checkAlive(const Channel &channel, Children &children, const EndSignals &si
 int recordTest(const Description &test, const RecordOptions &options)
 {
     setHostCallbacks({});
-    for (const int broken :
-         {SIGPIPE, SIGXFSZ}) // a source or a disk that is gone is told by the call's result
-        std::signal(broken, SIG_IGN);
+    // A source or a disk that is gone, a terminal that is somebody else's: told by the call's result.
+    for (const int ignored : {SIGPIPE, SIGXFSZ, SIGTTIN})
+        std::signal(ignored, SIG_IGN);
     EndSignals signals;
     Events events;
     DataFile file(test.file, options.force);

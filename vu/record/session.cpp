@@ -44,7 +44,7 @@ Session::Session(Recording recording)
 {
     ev_timer_init(&tick_, onTick, recording_.test.flush_interval, recording_.test.flush_interval);
     ev_timer_init(&deadline_, onDeadline, 0.0, 0.0);
-    ev_check_init(&iteration_, onIteration);
+    ev_prepare_init(&iteration_, onIteration);
     tick_.data = deadline_.data = iteration_.data = this;
 }
 
@@ -52,7 +52,7 @@ Session::~Session()
 {
     ev_timer_stop(loop_, &tick_);
     ev_timer_stop(loop_, &deadline_);
-    ev_check_stop(loop_, &iteration_);
+    ev_prepare_stop(loop_, &iteration_);
     setHostCallbacks({});
 }
 
@@ -76,13 +76,13 @@ void Session::onTick(struct ev_loop *, ev_timer *timer, int)
     self->progress_.show();
 }
 
-// Runs after every round of the loop, behind the readers.
-void Session::onIteration(struct ev_loop *loop, ev_check *watcher, int)
+// Runs in every round of the loop, when the readers are through.
+void Session::onIteration(struct ev_loop *loop, ev_prepare *watcher, int)
 {
     auto *self = static_cast<Session *>(watcher->data);
     if (self->recording_.file.waitingBytes() > kWaitingBytes)
         self->takeIn();
-    self->sources_.look(self->stopping_);
+    self->sources_.look(self->stopping_ ? SourceWatch::kStopping : SourceWatch::kRunning);
     if (self->sources_.allEnded() && !(self->stopping_ && self->recording_.children.anyRunning()))
         ev_break(loop, EVBREAK_ALL);
 }
@@ -136,14 +136,14 @@ const char *Session::run()
     setCallbacks();
     recording_.events.begin();
     ev_timer_start(loop_, &tick_);
-    ev_check_start(loop_, &iteration_);
+    ev_prepare_start(loop_, &iteration_);
     ev_now_update(loop_);
     ev_timer_again(loop_, &tick_);
     if (!recording_.signals.arrived())
         runUntil(recording_.test.duration);
     const char *end = recording_.signals.arrived() ? "stopped" : deadline_over_ ? "duration" : "sources";
     stopSources();
-    sources_.look(true);
+    sources_.look(SourceWatch::kOver);
     progress_.end();
     for (const auto &channel : recording_.channels)
         channel->deliverUnfinished();

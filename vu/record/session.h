@@ -53,7 +53,7 @@ public:
 
 private:
     static void onTick(struct ev_loop *loop, ev_timer *timer, int events);
-    static void onIteration(struct ev_loop *loop, ev_check *watcher, int events);
+    static void onIteration(struct ev_loop *loop, ev_prepare *watcher, int events);
     static void onDeadline(struct ev_loop *loop, ev_timer *timer, int events);
 
     void setCallbacks();
@@ -67,7 +67,7 @@ private:
     struct ev_loop *loop_;
     ev_timer tick_;
     ev_timer deadline_;
-    ev_check iteration_;
+    ev_prepare iteration_;
     bool deadline_over_ = false;
     bool stopping_ = false;
 };

@@ -31,30 +31,30 @@ bool SourceWatch::allEnded() const
     return std::all_of(all_.begin(), all_.end(), [](const Seen &seen) { return seen.channel->ended(); });
 }
 
-void SourceWatch::look(bool stopping)
+void SourceWatch::look(Phase phase)
 {
     for (Seen &seen : all_) {
         noticeCuts(seen);
         if (seen.channel->ended() && !seen.told)
-            noticeEnd(seen, stopping);
-        else if (!seen.channel->ended() && !stopping)
+            noticeEnd(seen, phase);
+        else if (!seen.channel->ended() && phase == kRunning)
             noticeSilence(seen);
     }
 }
 
-void SourceWatch::noticeEnd(Seen &seen, bool stopping)
+void SourceWatch::noticeEnd(Seen &seen, Phase phase)
 {
     ProxyNode &node = seen.channel->node();
     if (!seen.ended) {
         seen.ended = true;
-        seen.ended_alone = !stopping;
+        seen.ended_alone = phase == kRunning;
         if (node.state == PROXY_NODE_DISCARDS)
             proxyNode_Stop(&node);
         if (node.fd >= 0)
             shutdown(node.fd, SHUT_RDWR); // a source that has sent everything waits for this
     }
     // How its process ends says whether everything has come.
-    if (seen.child && seen.child->running && !stopping)
+    if (seen.child && seen.child->running && phase != kOver)
         return;
     seen.told = true;
     tellEnd(seen);

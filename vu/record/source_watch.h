@@ -14,8 +14,10 @@ class SourceWatch {
 public:
     SourceWatch(std::vector<std::unique_ptr<LiveChannel>> &channels, Children &children, Events &events);
 
-    // Looks at all channels once. `stopping`: they have been told to stop, so their end is no news.
-    void look(bool stopping);
+    // What a source that ends now ends for: by itself, as it was told, or no more to be waited for.
+    enum Phase { kRunning, kStopping, kOver };
+    // Looks at all channels once.
+    void look(Phase phase);
     bool allEnded() const;
 
 private:
@@ -31,7 +33,7 @@ private:
         double since = 0.0;  // seconds
     };
 
-    void noticeEnd(Seen &seen, bool stopping);
+    void noticeEnd(Seen &seen, Phase phase);
     void tellEnd(Seen &seen);
     void noticeSilence(Seen &seen);
     void noticeCuts(Seen &seen);

@@ -1,4 +1,5 @@
 #include "vu/record/zero.h"
+#include "vu/record/say.h"
 
 #include <algorithm>
 #include <fmt/core.h>
@@ -78,7 +79,7 @@ void ZeroLines::take(const std::string &line) const
         answer = requestZero(tracks_, first == std::string::npos ? "" : line.substr(first, last - first + 1));
     }
     if (!answer.empty())
-        fmt::print(stderr, "{}\n", answer);
+        say("{}\n", answer);
 }
 
 } // namespace vu

@@ -197,6 +197,8 @@ size_t CsvReader::fill(std::span<T> out)
             ++count;
         }
     } catch (const InputError &) {
+        if (count == 0)
+            throw;
         failure_ = std::current_exception(); // the samples before it are handed out first
     }
     return count;

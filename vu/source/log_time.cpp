@@ -8,7 +8,9 @@ namespace vu {
 
 namespace {
 
-// Digits and nothing else; at most 11, so that the seconds of a log fit its ticks.
+constexpr int64_t kMostSeconds = 99'999'999'999; // what ticks hold, in whole digits
+
+// Digits and nothing else, as many as kMostSeconds has at most.
 std::optional<int64_t> number(std::string_view text)
 {
     constexpr size_t kDigits = 11;
@@ -66,7 +68,7 @@ std::optional<int64_t> fraction(std::string_view digits)
 std::optional<int64_t> together(std::optional<int64_t> seconds, std::string_view digits)
 {
     const auto part = fraction(digits);
-    if (!seconds || !part)
+    if (!seconds || *seconds > kMostSeconds || !part)
         return std::nullopt;
     return *seconds * kTicksPerSecond + *part;
 }
