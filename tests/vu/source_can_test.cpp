@@ -1,5 +1,5 @@
 // CAN traffic: logs of both forms, the live interface, the simulation.
-#include <array>
+#include <bit>
 #include <cmath>
 #include <deque>
 #include <fmt/format.h>
@@ -16,14 +16,12 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-constexpr uint8_t kTimeOnly = 0x20;
+constexpr const char *kTimeOnly = "0 20 0000000000000000";
 constexpr int64_t kTenMilliseconds = 400'000;
 
 struct Raw {
     int64_t ticks;
-    uint32_t id;
-    std::array<uint8_t, 8> data;
-    uint8_t flags;
+    std::string frame; // identifier, flags and payload
     bool operator==(const Raw &) const = default;
 };
 
@@ -31,15 +29,11 @@ std::vector<Raw> rawOf(const std::vector<Bytes> &records)
 {
     std::vector<Raw> all;
     for (const Bytes &body : records) {
-        EXPECT_EQ(body.size() % 21, 0u);
-        EXPECT_FALSE(body.empty());
-        for (size_t at = 0; at < body.size(); at += 21) {
-            Raw &raw = all.emplace_back();
-            raw.ticks = numberAt<int64_t>(body, at);
-            raw.id = numberAt<uint32_t>(body, at + 8);
-            std::copy_n(body.begin() + static_cast<std::ptrdiff_t>(at + 12), 8, raw.data.begin());
-            raw.flags = body[at + 20];
-        }
+        EXPECT_TRUE(body.size() % 21 == 0 && !body.empty());
+        for (size_t at = 0; at < body.size(); at += 21)
+            all.push_back({numberAt<int64_t>(body, at),
+                           fmt::format("{:X} {:02X} {:016X}", numberAt<uint32_t>(body, at + 8), body[at + 20],
+                                       numberAt<uint64_t>(body, at + 12))});
     }
     return all;
 }
@@ -52,12 +46,12 @@ std::vector<Raw> messagesOf(const std::vector<Raw> &all)
     for (const Raw &raw : all) {
         EXPECT_LE(raw.ticks - told, kTenMilliseconds);
         told = std::max(told, raw.ticks);
-        if ((raw.flags & kTimeOnly) == 0)
+        if (raw.frame != kTimeOnly)
             messages.push_back(raw);
         else
             EXPECT_EQ(raw.ticks, told);
     }
-    EXPECT_TRUE(!all.empty() && all.back().flags == kTimeOnly);
+    EXPECT_TRUE(!all.empty() && all.back().frame == kTimeOnly);
     return messages;
 }
 
@@ -69,8 +63,7 @@ std::string shown(const CandumpLine &line)
     writeCan(wire, line.ticks.value_or(-1), line.frame);
     wire.endRecord();
     const Raw raw = rawOf(cut(wire).records).front();
-    return fmt::format("{} {:X} {:02X} {:016X}", raw.ticks, raw.id, raw.flags,
-                       numberAt<uint64_t>(raw.data, 0));
+    return fmt::format("{} {}", raw.ticks, raw.frame);
 }
 
 TEST(CandumpLine, OfEveryFormIsTakenOrToldApart)
@@ -123,16 +116,14 @@ struct RandomLog {
         for (int i = 0; i < frames; ++i) {
             const bool extended = random(2) != 0;
             const auto id = static_cast<uint32_t>(random(extended ? 0x20000000 : 0x800));
-            Raw raw{
-                static_cast<int64_t>(time - first) * 40, id, {}, static_cast<uint8_t>(extended ? 0x80 : 0)};
-            text += fmt::format("({}.{:06}) can0 {:0{}X}#", time / 1'000'000, time % 1'000'000, id,
-                                extended ? 8 : 3);
-            raw.flags = static_cast<uint8_t>(raw.flags | random(9));
-            for (int k = 0; k < (raw.flags & 15); ++k)
-                text += fmt::format("{:02X}",
-                                    raw.data[static_cast<size_t>(k)] = static_cast<uint8_t>(random(256)));
-            text += i % 50 == 7 ? "\r\nrubbish\n" : "\n";
-            expected.push_back(raw);
+            std::string payload;
+            for (uint64_t bytes = random(9); bytes > 0; --bytes)
+                payload += fmt::format("{:02X}", random(256));
+            text += fmt::format("({}.{:06}) can0 {:0{}X}#{}{}\n", time / 1'000'000, time % 1'000'000, id,
+                                extended ? 8 : 3, payload, i % 50 == 7 ? "\r\nrubbish" : "");
+            expected.push_back({static_cast<int64_t>(time - first) * 40,
+                                fmt::format("{:X} {:02X} {:0<16}", id,
+                                            payload.size() / 2 + (extended ? 0x80 : 0), payload)});
             time += random(10) == 0 ? random(70'000) : random(700);
             if (random(100) == 0)
                 time -= 300;
@@ -225,7 +216,7 @@ TEST(LiveCan, BringsFramesWithKernelTimesAndTellsTimeBetween)
                                           : CanArrival::Kind::Frame;
         script.arrivals.push_back({kind, frame, at, static_cast<uint64_t>(k / 1000)});
         if (kind == CanArrival::Kind::Frame)
-            expected.push_back({at - start, frame.id, frame.data, 0x83});
+            expected.push_back({at - start, "18FEF100 83 0102030000000000"});
     }
     LiveCan can(std::move(port));
     can.start();
@@ -245,20 +236,18 @@ TEST(SimulatedCan, HasItsSignalsInEveryForm)
     const Stream stream =
         replay("sim --data-type message_can --can-ids 0x100,18FEF100 --rate 30 --signal noise "
                "--amplitude 400 --seed 3 --duration 2 --speed 0");
-    const std::vector<Raw> messages = messagesOf(rawOf(stream.records));
-    ASSERT_EQ(messages.size(), 120u);
-    for (size_t i = 0; i < messages.size(); ++i) {
-        const size_t n = i / 2;
-        const Raw &raw = messages[i];
-        const double value = 400 * (2 * referenceUnit(3, n) - 1) + static_cast<double>(i % 2);
-        const auto hundredths = static_cast<int16_t>(std::clamp(std::round(value * 100), -32768.0, 32767.0));
-        EXPECT_EQ(raw.ticks, std::llround(static_cast<double>(n) * 4e7 / 30));
-        EXPECT_EQ(raw.id, i % 2 ? 0x18FEF100u : 0x100u);
-        EXPECT_EQ(raw.flags, i % 2 ? 0x88 : 8);
-        EXPECT_EQ(numberAt<int16_t>(raw.data, 0, false), hundredths);
-        EXPECT_EQ(numberAt<int16_t>(raw.data, 2, true), hundredths);
-        EXPECT_EQ(numberAt<float>(raw.data, 4, false), static_cast<float>(value));
+    std::vector<Raw> expected;
+    for (size_t i = 0; i < 120; ++i) {
+        const double value = 400 * (2 * referenceUnit(3, i / 2) - 1) + static_cast<double>(i % 2);
+        const auto hundredths =
+            static_cast<uint16_t>(std::lround(std::clamp(value * 100, -32768.0, 32767.0)));
+        expected.push_back(
+            {std::lround(static_cast<double>(i / 2) * 4e7 / 30),
+             fmt::format("{} {:04X}{:04X}{:08X}", i % 2 ? "18FEF100 88" : "100 08",
+                         __builtin_bswap16(hundredths), hundredths,
+                         __builtin_bswap32(std::bit_cast<uint32_t>(static_cast<float>(value))))});
     }
+    EXPECT_EQ(messagesOf(rawOf(stream.records)), expected);
 }
 
 } // namespace

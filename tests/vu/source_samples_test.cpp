@@ -67,15 +67,16 @@ TYPED_TEST(SoundFile, ComesThroughBitForBit)
         T(0), T(1), T(-1), Limits::max(), Limits::lowest(), Limits::denorm_min(), Limits::infinity()};
     for (uint64_t n = 0; samples.size() < 3000; ++n)
         samples.push_back(static_cast<T>(30000.0 * (referenceUnit(5, n) - 0.5)));
-    const int format = SF_FORMAT_WAV | (std::is_same_v<T, int16_t>   ? SF_FORMAT_PCM_16
-                                        : std::is_same_v<T, int32_t> ? SF_FORMAT_PCM_32
-                                        : std::is_same_v<T, float>   ? SF_FORMAT_FLOAT
-                                                                     : SF_FORMAT_DOUBLE);
+    constexpr int kFormat = std::is_same_v<T, float>    ? SF_FORMAT_FLOAT
+                            : std::is_same_v<T, double> ? SF_FORMAT_DOUBLE
+                            : sizeof(T) == 2            ? SF_FORMAT_PCM_16
+                                                        : SF_FORMAT_PCM_32;
     const TempDir folder;
     const std::string file = folder.path("a.wav");
     for (const bool big : {false, true})
         for (const size_t channel : {0, 1}) {
-            SndfileHandle(file, SFM_WRITE, format | (big ? SF_ENDIAN_BIG : SF_ENDIAN_LITTLE), 2, 8000)
+            SndfileHandle(file, SFM_WRITE, SF_FORMAT_WAV | kFormat | (big ? SF_ENDIAN_BIG : SF_ENDIAN_LITTLE),
+                          2, 8000)
                 .writef(samples.data(), 1500);
             const auto got = replaySamples<Wire>("wav " + file + " --channel " + std::to_string(channel),
                                                  big ? "little" : "big");
