@@ -1,4 +1,4 @@
-// Reading a data file back: the walk over its blocks beside zlib's crc32 over the same bytes ("of_crc32"),
+// Reading a data file back: the walk over its blocks beside zlib's crc32 over the same pieces ("of_crc32"),
 // the search for the next block through damage beside memmem ("of_memmem"), and samples to CSV lines beside
 // the formatting of their numbers alone ("of_formatting").
 #include <benchmark/benchmark.h>
@@ -55,10 +55,15 @@ Bytes asBytes(const std::string &text)
 
 void Walk(benchmark::State &state)
 {
-    const std::string file = dataFile(static_cast<size_t>(state.range(0)));
+    const auto samples = static_cast<size_t>(state.range(0));
+    const std::string file = dataFile(samples);
     vu::bench::Turns turns;
     for (auto _ : state) {
-        turns.limit([&] { benchmark::DoNotOptimize(crc32_z(0, asBytes(file).data(), file.size())); });
+        turns.limit([&] {
+            const size_t block = KRD_FRAMING_SIZE + KRD_POSITION_SIZE + samples * sizeof(float);
+            for (Bytes rest = asBytes(file); !rest.empty(); rest = rest.subspan(block))
+                benchmark::DoNotOptimize(crc32_z(0, rest.data(), block - KRD_TRAILER_SIZE));
+        });
         turns.work([&] {
             BlockWalk walk(asBytes(file));
             while (const auto piece = walk.next())
@@ -81,9 +86,12 @@ void Damage(benchmark::State &state)
     for (auto _ : state) {
         turns.limit([&] {
             const char *from = file.data(), *end = from + file.size();
-            while (
-                (from = static_cast<const char *>(memmem(from, static_cast<size_t>(end - from), KRD_TAG, 4))))
-                ++from;
+            size_t tags = 0;
+            while (const void *tag = memmem(from, static_cast<size_t>(end - from), KRD_TAG, 4)) {
+                from = static_cast<const char *>(tag) + 1;
+                ++tags;
+            }
+            benchmark::DoNotOptimize(tags);
         });
         turns.work([&] { benchmark::DoNotOptimize(BlockWalk(asBytes(file)).next()->bytes); });
         state.SetIterationTime(turns.lastWork());

@@ -130,5 +130,6 @@ uint32_t frameAvailable(const Frame *frame)
 
 void *frameTail(const Frame *frame)
 {
-    return static_cast<uint8_t *>(frame->data) + size_t{frame->element_size} * frame->length;
+    auto *const payload = static_cast<uint8_t *>(frame->data);
+    return payload + size_t{frame->element_size} * frame->length;
 }

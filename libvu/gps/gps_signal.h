@@ -61,8 +61,12 @@ VU_API GpsSignal *gpsSignalInit(ProxyNode *channel, const char *stanza);
  *
  * A heartbeat of 5 characters ("#hb" and two more) moves every stream on to `timestamp`. Any other text gets
  * its adjusted time, and each signal that listens to the sentence takes its value out of it: a number goes,
- * scaled, into the signal's stream, text into a frame of its own. Errors: 32 fields or more, and a signal
- * without an extractor, which ends the walk. */
+ * scaled, into the signal's stream, text into a frame of its own. That frame holds one element in host order:
+ * a length word, as many bytes: 8 of adjusted time in ticks and the characters, without a NUL.
+ *
+ * A zero is taken as value x scale - offset, so that the value that serves it comes out as twice the offset;
+ * it waits while there is no libvuRezeroCallback. A null list, or a channel without `channel_aux`, drops the
+ * record. Errors: 32 fields or more, and a signal without an extractor, which ends the walk. */
 VU_API void gpsProcessSignals(GpsSignal *signals, void *record, int64_t timestamp);
 
 #endif

@@ -25,7 +25,7 @@ constexpr double kWholeSecond = 1e-8;         // s
 constexpr int32_t kLastSlot = GPS_PULSES_KEPT - 1;
 constexpr size_t kLongestText = 4084; // characters that are looked at in the host's sentences
 
-// Field 1 of these is no time of day, or a time that need not be that of the fix.
+// Without `hasTime`, field 1 is no time of day, or one that need not be that of the fix.
 struct KnownSentence {
     char id[8];
     bool hasTime;

@@ -1,5 +1,5 @@
-/* A host in C that sets a callback and has to be called. Built position-independent and at a fixed address: the
- * second kind reaches the library's variable through a copy in the host itself. */
+/* A host in C that sets a callback and has to be called. Built position-independent and at a fixed address:
+ * the second kind reaches the library's variable through a copy in the host itself. */
 #include <stdio.h>
 #include <string.h>
 

@@ -175,7 +175,7 @@ TEST_F(FaultsRoad, AbsurdTimesFillNothing)
     addChannel("good", stream, {{"kind", "sim"}, {"duration", 0.5}, {"names", {"sig0 again"}}},
                {{"signals", {signal}}});
     run(3);
-    EXPECT_EQ(events("error"), 2u) << summary["events"];
+    EXPECT_GE(events("error"), 2u) << summary["events"];
     EXPECT_EQ(ledger("ntp")["received"], 0);
     EXPECT_EQ(ledger("sig0")["received"], 0);
     EXPECT_GT(ledger("sig0 again")["received"], 450);

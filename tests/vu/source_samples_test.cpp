@@ -10,7 +10,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::Values;
 
 template <class T>
 std::vector<T> replaySamples(const std::string &line, const std::string &endian = "little")
@@ -19,48 +18,31 @@ std::vector<T> replaySamples(const std::string &line, const std::string &endian 
                                (sizeof(T) == 4 ? "32" : "64") + " --endian " + endian));
 }
 
-struct Shape {
-    const char *name;
-    double (*at)(double turns, uint64_t n);
-};
-
-class KnownWaveform : public ::testing::TestWithParam<Shape> {};
-
-TEST_P(KnownWaveform, EverySampleFollowsFromItsNumber)
+TEST(KnownWaveform, EverySampleFollowsFromItsNumber)
 {
-    const std::string words =
-        std::string("sim --frequency 7.3 --amplitude 2.5 --bias -0.25 --seed 11 --duration 1 "
-                    "--sample-rate 1234.5 --signal ") +
-        GetParam().name;
-    const auto wide = replaySamples<double>(words, "big");
-    const auto narrow = replaySamples<float>(words);
-    ASSERT_EQ(wide.size(), 1234u);
-    ASSERT_EQ(narrow.size(), 1234u);
-    for (uint64_t n = 0; n < wide.size(); ++n) {
-        const double expected = GetParam().at(7.3 * static_cast<double>(n) / 1234.5, n);
-        ASSERT_EQ(wide[n], expected) << n;
-        ASSERT_EQ(narrow[n], static_cast<float>(expected)) << n;
+    const std::pair<const char *, double (*)(double phase, uint64_t n)> shapes[] = {
+        {"sine", [](double phase, uint64_t) { return 2.5 * std::sin(2 * M_PI * phase) - 0.25; }},
+        {"ramp", [](double phase, uint64_t) { return 2.5 * phase - 0.25; }},
+        {"square", [](double phase, uint64_t) { return phase < 0.5 ? 2.25 : -2.75; }},
+        {"noise", [](double, uint64_t n) { return 2.5 * (2 * referenceUnit(11, n) - 1) - 0.25; }},
+        {"counter", [](double, uint64_t n) { return static_cast<double>(n); }}};
+    for (const auto &[name, at] : shapes) {
+        const std::string line = "sim --frequency 7.3 --amplitude 2.5 --bias -0.25 --seed 11 --duration 1 "
+                                 "--sample-rate 1234.5 --signal ";
+        const auto wide = replaySamples<double>(line + name, "big");
+        const auto narrow = replaySamples<float>(line + name);
+        ASSERT_TRUE(wide.size() == 1234 && narrow.size() == 1234) << name;
+        for (uint64_t n = 0; n < wide.size(); ++n) {
+            const double expected = at(std::fmod(7.3 * static_cast<double>(n) / 1234.5, 1), n);
+            ASSERT_EQ(wide[n], expected) << name << n;
+            ASSERT_EQ(narrow[n], static_cast<float>(expected)) << name << n;
+        }
     }
 }
-INSTANTIATE_TEST_SUITE_P(
-    Source, KnownWaveform,
-    Values(Shape{"sine", [](double turns,
-                            uint64_t) { return 2.5 * std::sin(2 * M_PI * std::fmod(turns, 1)) - 0.25; }},
-           Shape{"ramp", [](double turns, uint64_t) { return 2.5 * std::fmod(turns, 1) - 0.25; }},
-           Shape{"square", [](double turns, uint64_t) { return std::fmod(turns, 1) < 0.5 ? 2.25 : -2.75; }},
-           Shape{"noise", [](double, uint64_t n) { return 2.5 * (2 * referenceUnit(11, n) - 1) - 0.25; }},
-           Shape{"counter", [](double, uint64_t n) { return static_cast<double>(n); }}),
-    [](const auto &instance) { return instance.param.name; });
 
 template <class T>
-class SoundFile : public ::testing::Test {
-};
-using SampleTypes = ::testing::Types<int16_t, int32_t, float, double>;
-TYPED_TEST_SUITE(SoundFile, SampleTypes);
-
-TYPED_TEST(SoundFile, ComesThroughBitForBit)
+void expectBitForBit()
 {
-    using T = TypeParam;
     using Wire = std::conditional_t<std::is_same_v<T, float>, float, double>;
     using Limits = std::numeric_limits<T>;
     std::vector<T> samples = {
@@ -89,6 +71,14 @@ TYPED_TEST(SoundFile, ComesThroughBitForBit)
         EXPECT_EQ(got[1], -std::ldexp(1.0, 1 - 8 * static_cast<int>(sizeof(T))));
         EXPECT_EQ(got[2], -1.0); // the lowest number
     }
+}
+
+TEST(SoundFile, OfEveryWidthComesThroughBitForBit)
+{
+    expectBitForBit<int16_t>();
+    expectBitForBit<int32_t>();
+    expectBitForBit<float>();
+    expectBitForBit<double>();
 }
 
 class Table : public ::testing::Test {

@@ -27,8 +27,10 @@ bool LiveReceiver::take(WireWriter &wire, int64_t &wakeTicks)
     const int64_t now = port_->nowTicks() - start_;
     if (const auto pulse = port_->pulseTicks(); pulse && *pulse >= start_)
         ReceiverEvents::writePulse(wire, *pulse - start_);
+    // A sentence that is still coming will carry the time of its beginning; noise without an end will not.
+    const bool coming = !line_.empty() && now - lineTicks_ < kTicksPerSecond;
     while (events_.next() <= now)
-        events_.write(wire);
+        events_.write(wire, coming ? lineTicks_ : INT64_MAX);
     char piece[512];
     const auto count = port_->read(piece);
     if (count)

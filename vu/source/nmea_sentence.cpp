@@ -28,7 +28,7 @@ int64_t ReceiverEvents::next() const
     return pulses_ ? std::min(heartbeat, pulse_ * kTicksPerSecond) : heartbeat;
 }
 
-void ReceiverEvents::write(WireWriter &wire)
+void ReceiverEvents::write(WireWriter &wire, int64_t limit)
 {
     const int64_t ticks = next();
     if (pulses_ && ticks == pulse_ * kTicksPerSecond) {
@@ -37,7 +37,7 @@ void ReceiverEvents::write(WireWriter &wire)
             writePulse(wire, ticks);
         return;
     }
-    writeHeartbeat(wire, ticks);
+    writeHeartbeat(wire, std::min(ticks, limit));
     ++heartbeat_;
 }
 

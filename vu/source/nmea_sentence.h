@@ -19,7 +19,9 @@ public:
     explicit ReceiverEvents(bool pulses) : pulses_(pulses) {}
 
     int64_t next() const; // when the next event goes out, in ticks from the start
-    void write(WireWriter &wire);
+    // A heartbeat is held back as if it went out at `limit`, the arrival of what is not yet sent, if that is
+    // earlier.
+    void write(WireWriter &wire, int64_t limit = INT64_MAX);
     // Pulses of seconds from `from` on and before `to` are lost.
     void losePulses(double from, double to);
     static void writePulse(WireWriter &wire, int64_t ticks);
