@@ -20,7 +20,10 @@ int main(int argc, char **argv)
         app.parse(argc, argv);
         return chosen();
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? vu::kDone : vu::kUsage;
+        if (error.get_exit_code() == 0)
+            return app.exit(error); // help or version, asked for
+        fmt::print(stderr, "vu: {}\n", error.what());
+        return vu::kUsage;
     } catch (const vu::InputError &error) {
         fmt::print(stderr, "{}\n", error.what());
         return vu::kUsage;

@@ -86,7 +86,9 @@ VU_API int64_t KRDBuffer_flush(KRDBuffer *record, int32_t force);
 VU_API int32_t KRDBuffer_at_limit(const KRDBuffer *record);
 /* Writes all queued frames as one block and releases them, also where the disk refused. Without `force`
  * fewer than `min_samples` elements stay queued. Returns the elements stored, 0.0 if no block went out.
- * `position` is not advanced: that is left to KRDWriter_flush_these(). */
+ * `position` is not advanced, and KRD_BLOCK_START leaves the block's own in it: counting on is left to
+ * KRDWriter_flush_these(). Frames of fewer bytes than `uniform_frames` promises, or of 4 GiB and more, are
+ * reported through libvuError() and dropped. */
 VU_API double KRDBuffer_flush_frames(KRDBuffer *record, int32_t force);
 
 /* KRDBuffer_flush_frames() over `count` records from `records[first]` on, advancing each `position` by what

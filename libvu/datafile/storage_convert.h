@@ -22,8 +22,7 @@ struct StorageConvertor {
 
 /* Chooses how the frames of `record` are stored from the names of two types: "sequential_" or "message_float"
  * and the width as digits in `source`; in `destination` "sequential_" or "message_", the width, and "_uint"
- * or
- * "_float" (without either: signed). `sequential` not 0: frames hold bare values whatever `source` says.
+ * or "_float" (without either: signed). `sequential` not 0: frames hold bare values whatever `source` says.
  * `encoding` "rle" asks for runs, anything else or null for plain elements; a message channel is stored
  * plain, with a logged warning.
  *
