@@ -107,17 +107,23 @@ VU_API void proxyNode_ProxyReaderSequentialScaling(ProxyNode *node);
 /* Takes the first sample of the first full frame as the channel's zero, then becomes the reader above. Sound
  * only on a node whose `apply` is set. */
 VU_API void proxyNode_ProxyReaderSequentialZeroing(ProxyNode *node);
-/* Timestamped records of bytes, of NMEA sentences, of CAN records, of XCP messages. */
+/* Timestamped records of bytes, of NMEA sentences, of CAN records, of XCP messages. A frame holds one record:
+ * of bytes or NMEA, one element, a u32 that counts the bytes behind it, the timestamp, the content, numbers
+ * in host order; of CAN, the messages as CanRecord, with `start` 0. XCP makes no frames of its own. */
 VU_API void proxyNode_ProxyReaderMessageRaw(ProxyNode *node);
 VU_API void proxyNode_ProxyReaderMessageNMEA(ProxyNode *node);
 VU_API void proxyNode_ProxyReaderMessageCAN(ProxyNode *node);
 VU_API void proxyNode_ProxyReaderMessageXCPIP(ProxyNode *node);
-/* Timestamped float32 and float64 values; the NTP forms carry absolute times. */
+/* Timestamped float32 and float64 values; the NTP forms carry absolute times. An element is 8 bytes of time,
+ * then the value in host order. The time is big-endian as it came; of the NTP forms it is in ticks since
+ * 1970-01-01 in host order, with `start` 0. NaNs are dropped. */
 VU_API void proxyNode_ProxyReaderMessageFloat(ProxyNode *node);
 VU_API void proxyNode_ProxyReaderMessageDouble(ProxyNode *node);
 VU_API void proxyNode_ProxyReaderMessageNTPFloat(ProxyNode *node);
 VU_API void proxyNode_ProxyReaderMessageNTPDouble(ProxyNode *node);
-/* The same values as a periodic stream: held, repeated at `sample_rate`, marked when stale. */
+/* The same values as a periodic stream: held, repeated at `sample_rate`, marked when stale. A float32 NTP
+ * channel takes no value while libvuRezeroCallback is null; a float64 NTP channel reports zeros and subtracts
+ * none. */
 VU_API void proxyNode_ProxyReaderSequentializedMessage(ProxyNode *node);
 VU_API void proxyNode_ProxyReaderSequentializedNTPMessage(ProxyNode *node);
 /* Data and metainfo of a module. */

@@ -3,6 +3,7 @@
 
 #include "libvu/bus/can_set.h"
 #include "libvu/bus/xcp_set.h"
+#include "libvu/gps/gps_signal.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/error_trap.h"
 #include "tests/support/interpose.h"
@@ -150,6 +151,30 @@ TEST(MessageRecords, ReachTheSignalsWholeAndFirst)
     freeSequentializer(measurement->sequentializer);
     free(signal->name);
     free(measurement->name);
+}
+
+TEST(MessageRecords, ReachConsumersAsTheyCameThoughGpsSignalsCutThem)
+{
+    ErrorTrap errors;
+    TestChannel channel(R"({"name":"m","connector":"gps","data_type":"message_raw"})");
+    GpsSignal *signal = gpsSignalInit(channel.node, R"({"data_type":"message_float64","name":"s","scale":1,
+        "offset":0,"connector":"ground_speed_knots","pipe_rate":100,"sample_rate":100,
+        "invalid_data_output_value":-1,"stale_data_expiration_time":10})");
+    ASSERT_TRUE(signal);
+    channel->gps_set = signal;
+    Pipe *pipe = channel.listen();
+    const char *const text = "$GPRMC,101512.5,A,5230.5,N,01322.75,E,10.0,90.0,150324,2.0,E,A*6A\r\n";
+    channel.sendMarker();
+    channel.send(record(Bytes().be(int64_t{4}).add(text)));
+    EXPECT_EQ(signal->sequentializer->value, 10.0);
+    const auto frames = takeFrames(pipe);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].data, Bytes().le(8 + static_cast<uint32_t>(strlen(text))).le(int64_t{4}).add(text));
+    freeSequentializer(signal->sequentializer);
+    for (char *owned : {signal->json, signal->name, signal->source_database})
+        free(owned);
+    free(signal->extractor);
+    free(signal);
 }
 
 } // namespace

@@ -213,6 +213,21 @@ TEST(SequentializedMessages, TakeAnyTimeAndStartAnNtpChannelThatHasNoStart)
         EXPECT_EQ(ntp->sample_count, 0);
         EXPECT_EQ(ntp->held_value, 3.0);
     }
+
+    // Years ahead, where instants are rounded to doubles, a stream keeps the steps of its clock.
+    for (const int64_t ahead : {int64_t{1} << 52, int64_t{1} << 53}) {
+        Stream stream(kVariants[0], 44100, 1.0); // an odd number of ticks
+        stream->clock.current_tick = ahead - 4000;
+        stream->clock.next_tick = ahead - 3093;
+        SampleClock clock = stream->clock;
+        for (const int64_t target : {ahead - 2000, ahead - 1, ahead, ahead + 9000}) {
+            stream.sendEntries({{target + stream->half_period, 1.0}});
+            while (clock.current_tick < target)
+                sampleClockTick(&clock);
+            EXPECT_EQ(std::tie(stream->clock.current_tick, stream->clock.next_tick),
+                      std::tie(clock.current_tick, clock.next_tick));
+        }
+    }
 }
 
 } // namespace
