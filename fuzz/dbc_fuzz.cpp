@@ -8,37 +8,29 @@
 #include "vu/command.h"
 #include "vu/dbc/dbc.h"
 
-namespace {
-
-constexpr size_t kStanzas = 20; // of one file, so that large ones do not slow the search
-
-void offerToLibrary(const vu::dbc::Stanzas &stanzas)
-{
-    CanSet *set = can_set_create();
-    for (size_t i = 0; i < std::min(stanzas.signals.size(), kStanzas); ++i) {
-        CanSetSignal *signal = can_set_add_signal(set, stanzas.signals[i].json.c_str());
-        if (!signal)
-            std::abort();
-        vu::test::releaseStream(signal->sequentializer);
-        free(signal->name);
-    }
-    can_set_destroy(set);
-    free(set);
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     libvuErrorCallback = [](const char *) { return 1; };
+    CanSet *set = can_set_create();
     try {
-        const auto database = vu::dbc::parse({reinterpret_cast<const char *>(data), size}, "fuzz");
         vu::dbc::StanzaOptions options;
-        offerToLibrary(toStanzas(database, options));
-        options.match = vu::dbc::Match::kPgn;
-        options.select = {"*a*"};
-        offerToLibrary(toStanzas(database, options));
+        if (size % 2) {
+            options.match = vu::dbc::Match::kPgn;
+            options.select = {"*a*"};
+        }
+        auto signals =
+            toStanzas(vu::dbc::parse({reinterpret_cast<const char *>(data), size}, "fuzz"), options).signals;
+        signals.resize(std::min<size_t>(signals.size(), 20)); // large files would slow the search
+        for (const auto &stanza : signals) {
+            CanSetSignal *signal = can_set_add_signal(set, stanza.json.c_str());
+            if (!signal)
+                std::abort();
+            vu::test::releaseStream(signal->sequentializer);
+            free(signal->name);
+        }
     } catch (const vu::InputError &) {
     }
+    can_set_destroy(set);
+    free(set);
     return 0;
 }

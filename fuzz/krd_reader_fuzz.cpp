@@ -6,6 +6,7 @@
 #include <vector>
 #include <zlib.h>
 
+#include "libvu/core/wire_private.h"
 #include "libvu/datafile/krd_format.h"
 #include "vu/command.h"
 #include "vu/krdfile/check.h"
@@ -19,12 +20,6 @@ extern "C" size_t LLVMFuzzerMutate(uint8_t *data, size_t size, size_t maxSize);
 
 namespace {
 
-void storeBig(uint8_t *to, size_t value)
-{
-    const uint32_t word = __builtin_bswap32(static_cast<uint32_t>(value));
-    std::memcpy(to, &word, sizeof word);
-}
-
 void require(bool condition)
 {
     if (!condition)
@@ -33,8 +28,6 @@ void require(bool condition)
 
 void readChannel(const Channel &channel, const std::vector<Block> &blocks, int64_t ticksPerSecond)
 {
-    for (const Block &block : blocks)
-        countElements(channel, block);
     if (channel.periodic()) {
         const Extent extent = extentOf(channel, blocks, {});
         int64_t last = 0;
@@ -45,14 +38,10 @@ void readChannel(const Channel &channel, const std::vector<Block> &blocks, int64
         }
         require(samples == extent.samples && last >= 0);
     }
-    if (channel.kind == Kind::kUnknown)
-        return;
-    size_t bytes = 0;
-    if (!channel.periodic())
+    if (!channel.periodic() && channel.kind != Kind::kUnknown)
         forEachMessage(channel, blocks, [&](const Message &message) {
-            bytes += message.body.size();
             if (channel.kind == Kind::kCan)
-                bytes += canFrame(message.body).data.size();
+                require(canFrame(message.body).data.size() <= 8);
         });
     if (channel.periodic() || channel.kind == Kind::kFloat || channel.kind == Kind::kFloatNtp)
         envelopeOf(channel, blocks, ticksPerSecond, {}, 16);
@@ -66,14 +55,13 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max
     if (seed % 8 == 0) // some stay damaged
         return size;
     for (size_t at = 0; size - at >= KRD_FRAMING_SIZE;) {
-        size_t block = vu::krd::loadBig32(data + at);
-        if (block < KRD_FRAMING_SIZE || block > size - at)
-            block = size - at;
+        const uint32_t wanted = loadBig32(data + at), left = static_cast<uint32_t>(size - at);
+        const uint32_t block = wanted < KRD_FRAMING_SIZE || wanted > left ? left : wanted;
         uint8_t *trailer = data + at + block - KRD_TRAILER_SIZE;
-        storeBig(data + at, block);
+        vu::storeBig(data + at, block);
         std::memcpy(data + at + 8, KRD_TAG, 4);
-        storeBig(trailer, crc32(0, data + at, static_cast<uInt>(block - KRD_TRAILER_SIZE)));
-        storeBig(trailer + 4, block);
+        vu::storeBig(trailer, static_cast<uint32_t>(crc32(0, data + at, block - KRD_TRAILER_SIZE)));
+        vu::storeBig(trailer + 4, block);
         at += block;
     }
     return size;
@@ -93,11 +81,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             bytes += block.whole.size();
         require(bytes == size);
         check(recording);
-        if (recording.catalogue) {
+        if (recording.catalogue)
             for (const Channel &channel : recording.catalogue->channels)
                 readChannel(channel, recording.blocksOf(channel.group), recording.catalogue->ticksPerSecond);
-        }
-
         std::vector<uint8_t> whole;
         rewrite(recording, [&whole](Bytes more) { whole.insert(whole.end(), more.begin(), more.end()); });
         require(compareRewritten(recording, scan(whole, "again")).empty());

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "libvu/core/wire_private.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/error_trap.h"
+#include "tests/support/split.h"
 #include "tests/support/streams.h"
 
 namespace vu::test {
@@ -35,9 +35,24 @@ struct Batch {
     std::vector<CanRecord> records;
 };
 
-// A complete stanza for all three kinds of signal, with changes.
+inline json field(const json &format, const json &start, const json &length)
+{
+    return {{"db_data_format", format}, {"db_bit_start", start}, {"db_bit_length", length}};
+}
+
+inline json mode(const json &format, const json &start, const json &length, const json &value)
+{
+    return {{"db_mode_format", format},
+            {"db_mode_start", start},
+            {"db_mode_length", length},
+            {"db_mode_value", value}};
+}
+
+// A complete stanza for all three kinds of signal, with changes. A text stands for itself.
 inline std::string stanza(const json &changes = {})
 {
+    if (changes.is_string())
+        return changes;
     json base = json::parse(R"({"name": "s", "scale": 1, "offset": 0, "db_bit_start": 0, "db_bit_length": 8,
         "db_msg_id": "100", "db_data_format": "ULSB", "data_type": "float64", "sample_rate": 10, "pipe_rate": 1,
         "stale_data_expiration_time": 10, "invalid_data_output_value": -1, "xcp_byte_order": "MSB_FIRST",
@@ -72,7 +87,13 @@ struct Held {
             held.push_back(signal->sequentializer->value);
         return held;
     }
-    int64_t samples(size_t i) const { return signals[i]->sequentializer->sample_count; }
+    std::vector<int64_t> samples() const
+    {
+        std::vector<int64_t> counts;
+        for (const Signal *signal : signals)
+            counts.push_back(signal->sequentializer->sample_count);
+        return counts;
+    }
     std::vector<Signal *> signals;
 };
 
@@ -88,8 +109,10 @@ struct Set : Held<CanSetSignal> {
     {
         return keep(can_set_add_signal(set, stanza(changes).c_str()));
     }
+    // Finalized anew each time: no signal may come twice by that.
     std::vector<double> after(Batch batch)
     {
+        can_set_finalize(set);
         can_set_process(set, batch.records.data(), static_cast<uint32_t>(batch.records.size()));
         return values();
     }
@@ -108,9 +131,10 @@ struct List : Held<CanSignalNode> {
     }
     CanSignalNode *add(const json &changes = {})
     {
+        CanSignalNode *const last = signals.empty() ? nullptr : signals.back();
         CanSignalNode *node = keep(canSignalInit(stanza(changes).c_str()));
-        if (signals.size() > 1)
-            signals[signals.size() - 2]->next = node;
+        if (last)
+            last->next = node;
         return node;
     }
     std::vector<double> after(Batch batch)
@@ -122,6 +146,14 @@ struct List : Held<CanSignalNode> {
 
 class Bus : public testing::Test {
 protected:
+    template <typename Holder>
+    void refuses(Holder &holder, const json &changes,
+                 const testing::Matcher<const std::vector<std::string> &> &said)
+    {
+        EXPECT_EQ(holder.add(changes), nullptr) << changes;
+        EXPECT_THAT(errors.texts(), said) << changes;
+    }
+
     ErrorTrap errors;
     AllocationFaults memory;
 };

@@ -1,11 +1,9 @@
 // From stanzas and sentences to what every signal hears.
-#include <charconv>
 #include <random>
 
 #include "libvu/core/callbacks.h"
-#include "tests/gps/receiver.h"
+#include "tests/gps/gps_fixture.h"
 #include "tests/support/node_fixture.h"
-#include "tests/support/temp_dir.h"
 
 namespace vu::test {
 namespace {
@@ -21,20 +19,12 @@ void primeUtcStatus()
 
 TEST_F(Gps, EveryChannelOfBothTables)
 {
-    const std::string common = kUtcChannels + std::string(kCommonChannels);
-    const std::pair<const char *, std::string> tables[] = {
-        {"trkr-300", common + kTrkrChannels},
-        {"TRKR-300-Plus", common + kTrkrChannels + kPlusChannels},
-        {"Garmin GPS", common + kGarminChannels}};
     primeUtcStatus();
-    for (const auto &[type, channels] : tables) {
+    for (const char *type : {"trkr-300", "TRKR-300-Plus", "Garmin GPS"}) {
         Receiver full;
-        std::map<std::string, double> expected, heard;
-        for (const std::string &channel : split(channels, ' ')) {
-            const std::string name = channel.substr(0, channel.find('='));
-            expected[name] = std::strtod(channel.c_str() + name.size() + 1, nullptr);
+        std::map<std::string, double> expected = channelsOf(type), heard;
+        for (const auto &[name, value] : expected)
             ASSERT_TRUE(full.listen({{"source_database", type}, {"connector", name + "_and_a_tail"}}));
-        }
         for (const char *id : {"$GPRMC", "$GPGGA", "$GPGSA", "$PRTLH", "$PRTLS", "$PRTLR", "$PRTLV", "$PRTLA",
                                "$PRTLG", "$PRTLT", "$GPGLL", "$GPVTG", "$GPZDA"}) {
             const std::vector<double> values = full.say(sentence(id));
@@ -50,39 +40,33 @@ class Talk : public Gps {
 protected:
     ~Talk() override { libvuRezeroCallback = callback; }
 
+    static std::string joined(const Strings &words) { return fmt::format("{}", fmt::join(words, " ")); }
+    static std::string numberText(double value) { return value == kSilent ? "-" : fmt::format("{}", value); }
+
     std::string signalOf(const json &changes)
     {
-        const std::string stanza = " or is not expected type.\n" + signalStanza(changes) + "\n";
-        GpsSignal *signal = receiver->listen(changes);
-        if (signal && signal->width < 0)
-            pipeAttachPipe(&signal->pipes);
-        return signal ? std::to_string(signal->width) + " " +
-                            (signal->extractor ? signal->extractor->name : "none")
-                      : reports(stanza);
+        const GpsSignal *signal = receiver->listen(changes);
+        if (!signal)
+            return reports(" or is not expected type.\n" + signalStanza(changes) + "\n");
+        return fmt::format("{} {}", signal->width, signal->extractor ? signal->extractor->name : "none");
     }
     // One after the other, with `ending` cut down to a "?".
     std::string reports(const std::string &ending)
     {
-        std::string all;
-        for (const std::string &text : errors.texts())
-            all += (all.empty() ? "" : " ") +
-                   (text.ends_with(ending) ? text.substr(0, text.size() - ending.size()) + "?" : text);
-        return all;
+        Strings all = errors.texts();
+        for (std::string &text : all)
+            if (text.ends_with(ending))
+                text.replace(text.size() - ending.size(), ending.size(), "?");
+        return joined(all);
     }
     std::string heard(const std::string &text)
     {
-        std::string all;
-        const std::vector<double> values = receiver->say(text, time += kSecond / 10);
-        for (size_t i = 0; i < values.size(); i++)
-            all += (i ? " " : "") + (receiver->signals[i]->pipes.first
-                                         ? textOf(receiver->signals[i]->pipes.first)
-                                         : numberText(values[i]));
-        return all;
-    }
-    static std::string numberText(double value)
-    {
-        char text[32] = "-";
-        return value == kSilent ? text : std::string(text, std::to_chars(text, std::end(text), value).ptr);
+        Strings all;
+        for (const double value : receiver->say(text, time += kSecond / 10)) {
+            Pipe *pipe = receiver->signals[all.size()]->pipes.first;
+            all.push_back(pipe ? textOf(pipe) : numberText(value));
+        }
+        return joined(all);
     }
     std::string textOf(Pipe *pipe)
     {
@@ -97,27 +81,27 @@ protected:
     }
     std::string zeros()
     {
-        std::string all;
+        Strings all;
         for (const auto &[name, zero] : errors.rezeros())
-            all += (all.empty() ? "" : " ") + name + "=" + numberText(zero);
-        return all;
+            all.push_back(name + "=" + numberText(zero));
+        return joined(all);
     }
-    std::string outcome(const std::string &said)
+    std::string outcome(const std::string &word, const std::string &rest)
     {
-        const std::string word = said.substr(0, said.find(' ')),
-                          rest = said.substr(std::min(word.size() + 1, said.size()));
-        if (word == "receiver")
-            primeUtcStatus(), receiver.emplace();
-        else if (word == "ask")
-            std::for_each(receiver->signals.begin(), receiver->signals.end(),
-                          [](auto *signal) { signal->rezero_pending = 1; });
-        else if (word == "deaf" || word == "hearing")
+        if (word == "receiver") {
+            primeUtcStatus();
+            receiver.emplace();
+        } else if (word == "ask") {
+            for (GpsSignal *signal : receiver->signals)
+                signal->rezero_pending = 1;
+        } else if (word == "deaf" || word == "hearing") {
             libvuRezeroCallback = word == "deaf" ? nullptr : callback;
-        else
+        } else {
             return word == "signal"    ? signalOf(json::parse(rest))
                    : word == "reports" ? reports("\n")
                    : word == "zeros"   ? zeros()
                                        : heard(word == "raw" ? rest : sentence(word, rest));
+        }
         return "";
     }
 
@@ -129,10 +113,11 @@ protected:
 TEST_F(Talk, EveryLineOfTheFile)
 {
     for (const std::string &line : split(readText(VU_SOURCE_DIR "/tests/gps/talks.txt"), '\n')) {
-        const size_t said = std::min(line.find(" > "), line.size());
+        const size_t said = std::min(line.find(" > "), line.size()), word = line.find(' ');
+        const std::string rest = word < said ? line.substr(word + 1, said - word - 1) : "";
         if (line.empty() || line[0] == '/')
             continue;
-        EXPECT_EQ(outcome(line.substr(0, said)), line.substr(std::min(said + 3, line.size()))) << line;
+        EXPECT_EQ(outcome(line.substr(0, word), rest), line.substr(std::min(said + 3, line.size()))) << line;
     }
 }
 
@@ -167,28 +152,26 @@ TEST_F(Gps, ShortMemoryIsReportedAndLeavesNothing)
 
 TEST_F(Gps, HeartbeatsMoveEveryStream)
 {
-    const GpsSignal *signal = receiver.listen({{"connector", "fix_type"}});
-    const auto timeOf = [&] {
-        return signal->sequentializer->last_target + signal->sequentializer->half_period_ticks;
-    };
-    receiver.feed("#hb\r\n", kSecond);
-    EXPECT_EQ(timeOf(), kSecond);
+    const Sequentializer *stream = receiver.listen({{"connector", "fix_type"}})->sequentializer;
     const auto *adjust = static_cast<GpsTsAdjust *>(receiver.channel.channel_aux);
-    EXPECT_EQ(adjust->last_output, -1000.0);
-    receiver.feed("#hb", 2 * kSecond); // not of five characters: the times of the channel go on instead
-    EXPECT_EQ(timeOf(), kSecond);
-    EXPECT_EQ(adjust->last_output, 2.0 - 0.33333);
+    // One that is not of five characters moves the times of the channel instead.
+    for (const auto &[text, time, output] : {std::tuple("#hb\r\n", 1, -1000.0), {"#hb", 2, 2.0 - 0.33333}}) {
+        receiver.feed(text, time * kSecond);
+        EXPECT_EQ(stream->last_target + stream->half_period_ticks, kSecond);
+        EXPECT_EQ(adjust->last_output, output);
+    }
 }
 
 TEST_F(Gps, RecordsAreRewrittenInPlace)
 {
     receiver.listen({{"connector", "fix_type"}});
     // "!" stands for a NUL that was a comma or a carriage return; an unknown sentence is not cut.
-    for (const std::string &row : split("$GPGSA,A,2,3>$GPGSA!A!2!3|$GPGSA,A,2,3\r\n>$GPGSA!A!2!3!\n|"
-                                        "$GPGSA,A,2,3\r,7>$GPGSA!A!2!3!,7|$GPZZZ,A,2\r\n>$GPZZZ,A,2!\n|>",
-                                        '|')) {
-        const std::string text = row.substr(0, row.find('>'));
-        std::string left = row.substr(text.size() + 1);
+    const std::pair<std::string, std::string> rows[] = {{"$GPGSA,A,2,3", "$GPGSA!A!2!3"},
+                                                        {"$GPGSA,A,2,3\r\n", "$GPGSA!A!2!3!\n"},
+                                                        {"$GPGSA,A,2,3\r,7", "$GPGSA!A!2!3!,7"},
+                                                        {"$GPZZZ,A,2\r\n", "$GPZZZ,A,2!\n"},
+                                                        {"", ""}};
+    for (auto [text, left] : rows) {
         std::replace(left.begin(), left.end(), '!', '\0');
         const Bytes expected = Bytes{}.le(static_cast<uint32_t>(text.size() + 8)).le(kSecond).add(left);
         EXPECT_EQ(receiver.feed(text, kSecond), std::string(expected.begin(), expected.end())) << text;
@@ -205,17 +188,15 @@ TEST_F(Gps, RecordsAreRewrittenInPlace)
 
 TEST_F(Gps, NumbersNeedNoMemory)
 {
-    for (const std::string &channel :
-         split(kUtcChannels + std::string(kCommonChannels) + kGarminChannels, ' '))
-        receiver.listen({{"connector", channel.substr(0, channel.find('='))}});
+    for (const auto &[name, value] : channelsOf("Garmin GPS"))
+        receiver.listen({{"connector", name}});
     memory.reset();
     for (int64_t fix = 0; fix < 300; fix++)
         for (const char *text : {"$GPRMC", "$GPGGA", "$GPGSA", "#pps\r\n", "#hb\r\n"})
             receiver.feed(text[0] == '#' ? text : sentence(text), fix * kSecond / 10);
     EXPECT_EQ(memory.count(), 0);
 
-    GpsSignal *text = receiver.listen({{"connector", "utc_date_time"}, {"data_type", "message_raw"}});
-    pipeAttachPipe(&text->pipes);
+    receiver.listen({{"connector", "utc_date_time"}, {"data_type", "message_raw"}});
     receiver.listen({{"connector", "utc_day"}});
     memory.failAt(1); // the frame; its text has been made
     EXPECT_EQ(receiver.say(sentence("$GPRMC"), 40 * kSecond).back(), 15.0);

@@ -1,8 +1,7 @@
-// The vocabulary of the GPS tests: a channel with its signals, fed sentence by sentence as its reader would.
+// A channel with GPS signals, fed sentence by sentence as its reader would.
 #pragma once
 
-#include <cmath>
-#include <gmock/gmock.h>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -10,10 +9,8 @@
 
 #include "libvu/core/wire_private.h"
 #include "libvu/gps/gps_signal.h"
-#include "tests/gps/channels.h"
-#include "tests/support/allocation_faults.h"
-#include "tests/support/error_trap.h"
-#include "tests/support/streams.h"
+#include "tests/support/release_stream.h"
+#include "tests/support/split.h"
 
 namespace vu::test {
 
@@ -21,29 +18,29 @@ using nlohmann::json;
 constexpr int64_t kSecond = 40'000'000;
 constexpr double kSilent = -98765.4375; // what a signal hears that is given nothing; no value of any test
 
-// A sentence with every field that a row reads. `changes` is "9=,12=*6A" and the like; "#12" leaves 12
-// fields.
-inline std::string sentence(const std::string &id, const std::string &changes = "")
+// Every channel of a receiver, and what it makes of whole sentences.
+inline std::map<std::string, double> channelsOf(const std::string &type)
 {
-    const std::string own = std::to_string(+id.back()); // so that no $PRTL sentence can pass for another
-    const std::string first = own + ".25," + (id.back() == 'T' ? "3" : own + ".5") + ",-" + own + ".75,7*55";
-    Strings fields =
-        split(id == "$GPRMC"   ? "$GPRMC,101512.5,A,5230.5000,N,01322.7500,E,10.0,90.0,150324,2.0,E,A*6A"
-              : id == "$GPGGA" ? "$GPGGA,101512.5,5230.5000,S,01322.7500,W,2,08,0.9,545.4,M,46.9,M,,*47"
-              : id == "$GPGSA" ? "$GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1*39"
-                               : id + ",101512.5," + first,
-              ',');
-    for (const std::string &change : split(changes, ',')) {
-        const size_t number = std::stoul(change.substr(change[0] == '#'));
-        if (change[0] == '#')
-            fields.resize(number);
-        else
-            fields.at(number) = change.substr(change.find('=') + 1);
-    }
-    std::string text = fields[0];
-    for (size_t i = 1; i < fields.size(); i++)
-        text += "," + fields[i];
-    return text;
+    std::string text =
+        R"(utc_nanoseconds 500000000 utc_seconds_floor 12 utc_seconds 12.5 utc_minute 15 utc_hour 10
+        altitude 545.4 geoidal_height 46.9 number_of_satellites_in_use 8 fix_quality 2 utc_day 15 utc_month 3
+        utc_year 2024 pps_sync_active 0 magnetic_variation -2 )";
+    text += type == "Garmin GPS" ? R"(latitude 52.50833333333333 longitude 13.379166666666666 fix_type 3
+        horizontal_dilution_of_precision 1.3 position_dilution_of_precision 2.5 vertical_dilution_of_precision 2.1
+        ground_speed_knots 10 ground_heading 90 ground_speed_km/h 18.52 ground_speed_m/s 5.144444444444445
+        ground_speed_mph 11.507794480235429)"
+                                 : R"(latitude -52.50833333333333 longitude -13.379166666666666 faa_mode 65
+        heading 72.25 gradient 72.5 speed_3d 86.25 speed_raw2d 83.25 speed_raw3d 83.5 accel_x 65.25 accel_y 65.5
+        accel_z -65.75 trigger 1 )";
+    if (type == "TRKR-300-Plus")
+        text += R"(yaw_rate 71.25 pitch_rate 71.5 roll_rate -71.75 rtk_yaw 82.25 rtk_pitch 82.5
+            rtk_baseline -82.75 rtk_accuracy 7)";
+    std::map<std::string, double> channels;
+    std::istringstream words(text);
+    std::string name;
+    for (double value; words >> name >> value;)
+        channels[name] = value;
+    return channels;
 }
 
 inline std::string signalStanza(const json &changes)
@@ -80,11 +77,14 @@ struct Receiver {
             release(signal);
         free(channel.channel_aux);
     }
+    // Texts are taken in a pipe.
     GpsSignal *listen(const json &changes)
     {
         GpsSignal *signal = gpsSignalInit(&channel, signalStanza(changes).c_str());
         if (!signal)
             return nullptr;
+        if (signal->width < 0)
+            pipeAttachPipe(&signal->pipes);
         (signals.empty() ? channel.gps_set : signals.back()->next) = signal;
         signals.push_back(signal);
         return signal;
@@ -92,14 +92,11 @@ struct Receiver {
     // A record at an odd address that ends exactly where its memory does. Returns it as it is left behind.
     std::string feed(std::string_view text, int64_t time = 0)
     {
-        const size_t size = 12 + text.size();
-        auto *memory = static_cast<char *>(malloc(size + 1));
-        storeBig(memory + 1, static_cast<uint32_t>(text.size() + 8));
-        text.copy(memory + 13, text.size());
-        gpsProcessSignals(channel.gps_set, memory + 1, time);
-        const std::string left(memory + 1, size);
-        free(memory);
-        return left;
+        std::vector<char> memory(13 + text.size());
+        storeBig(&memory[1], static_cast<uint32_t>(text.size() + 8));
+        text.copy(memory.data() + 13, text.size());
+        gpsProcessSignals(channel.gps_set, &memory[1], time);
+        return {memory.begin() + 1, memory.end()};
     }
     // The same, and tells what each signal with a stream was given.
     std::vector<double> say(std::string_view text, int64_t time = 0)
@@ -113,13 +110,6 @@ struct Receiver {
             heard.push_back(signal->sequentializer ? signal->sequentializer->value : kSilent);
         return heard;
     }
-};
-
-class Gps : public testing::Test {
-protected:
-    ErrorTrap errors;
-    AllocationFaults memory;
-    Receiver receiver;
 };
 
 } // namespace vu::test

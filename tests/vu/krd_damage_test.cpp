@@ -8,7 +8,6 @@
 
 #include "tests/support/command.h"
 #include "tests/support/krd_builder.h"
-#include "tests/support/temp_dir.h"
 #include "vu/krdfile/check.h"
 #include "vu/krdfile/rewrite.h"
 
@@ -48,7 +47,7 @@ class Damage : public ::testing::Test {
 protected:
     Damage()
     {
-        KrdBuilder builder(folder.path("whole.krd"), kEveryKind, 120);
+        KrdBuilder builder(folder.path("whole.krd"), everyKind(), {}, 120);
         int64_t sample = 0;
         while (builder.bytes().size() < 60'000) {
             builder.samples(0, std::vector<double>(static_cast<size_t>(sample % 300 + 1), 0.5), sample);
@@ -128,9 +127,8 @@ TEST_F(Damage, ALostCatalogueComesFromItsCopyOrFromAnotherFileOrIsInvented)
     EXPECT_EQ(invented.catalogue->byGroup(2)->kind, krd::Kind::kUnknown);
     writeBytes(folder.path("lost.krd"), file);
 
-    KrdBuilder donor(folder.path("donor.krd"), kEveryKind);
-    const auto copy =
-        nlohmann::ordered_json::parse(krd::toJson(*krd::scan(donor.bytes(), "donor").catalogue).dump());
+    KrdBuilder donor(folder.path("donor.krd"), everyKind());
+    const KrdBuilder::Json copy = krd::toJson(*krd::scan(donor.bytes(), "donor").catalogue);
     donor.close({{"/catalogue", copy}});
     const auto result = runVu({"recover", folder.path("lost.krd"), "--catalogue-of", folder.path("donor.krd"),
                                "-o", folder.path("mended.krd")});
@@ -148,37 +146,30 @@ TEST_F(Damage, ALostCatalogueComesFromItsCopyOrFromAnotherFileOrIsInvented)
 // The command on a few of the same, with what it says and how it ends.
 TEST_F(Damage, TheCommandTellsDamageFromARaggedEnd)
 {
+    const uint64_t middle = whole[whole.size() / 2].offset, size = whole[whole.size() / 2].bytes;
+    const std::string text(file.begin(), file.end());
     struct Case {
-        const char *name;
-        std::function<void(std::vector<uint8_t> &)> spoil;
+        std::string name;
+        uint64_t at, gone; // bytes that are taken out,
+        std::string put;   // and what is there instead
         int status;
         const char *said;
     };
-    const uint64_t middle = whole[whole.size() / 2].offset, size = whole[whole.size() / 2].bytes;
-    const Case cases[] = {
-        {"whole", [](auto &) {}, 0, "whole: every checksum"},
-        {"payload", [&](auto &bytes) { bytes[middle + 14] ^= 4; }, 3, "damage: "},
-        {"removed",
-         [&](auto &bytes) { bytes.erase(bytes.begin() + long(middle), bytes.begin() + long(middle + size)); },
-         3, "are not in the file"},
-        {"inserted", [&](auto &bytes) { bytes.insert(bytes.begin() + long(middle), 7, 0); }, 3,
-         "damage: 7 bytes at"},
-        {"ragged", [](auto &bytes) { bytes.erase(bytes.end() - 9, bytes.end()); }, 3, "ends inside a block"},
-    };
-    for (const Case &one : cases) {
-        SCOPED_TRACE(one.name);
-        std::vector<uint8_t> bytes = file;
-        one.spoil(bytes);
-        const std::string path = folder.path(one.name),
-                          mended = folder.path("mended " + std::string(one.name));
-        writeBytes(path, bytes);
+    const Case cases[] = {{"whole", 0, 0, "", 0, "whole: every checksum"},
+                          {"payload", middle + 14, 1, {char(text[middle + 14] ^ 4)}, 3, "damage: "},
+                          {"removed", middle, size, "", 3, "are not in the file"},
+                          {"inserted", middle, 0, std::string(7, '\0'), 3, "damage: 7 bytes at"},
+                          {"ragged", text.size() - 9, 9, "", 3, "ends inside a block"}};
+    for (const auto &[name, at, gone, put, status, said] : cases) {
+        SCOPED_TRACE(name);
+        const std::string path = folder.path(name), mended = path + " mended";
+        writeText(path, std::string(text).replace(at, gone, put));
         const auto verified = runVu({"verify", path});
-        EXPECT_EQ(verified.status, one.status);
-        EXPECT_THAT(verified.out, HasSubstr(one.said));
-        EXPECT_EQ(runVu({"recover", path, "-o", mended}).status, one.status);
+        EXPECT_EQ(verified.status, status);
+        EXPECT_THAT(verified.out, HasSubstr(said));
+        EXPECT_EQ(runVu({"recover", path, "-o", mended}).status, status);
         EXPECT_EQ(runVu({"verify", mended}).status, 0);
-        const auto again = runVu({"recover", path, "-o", mended});
-        EXPECT_EQ(again.status, 2) << "nothing is overwritten unasked";
+        EXPECT_EQ(runVu({"recover", path, "-o", mended}).status, 2) << "nothing is overwritten unasked";
     }
     const auto info = runVu({"info", folder.path("ragged")});
     EXPECT_EQ(info.status, 3);
@@ -190,30 +181,21 @@ TEST_F(Damage, TheCommandTellsDamageFromARaggedEnd)
     }
 }
 
-std::string bigWord(uint32_t value)
-{
-    value = __builtin_bswap32(value);
-    return {reinterpret_cast<const char *>(&value), sizeof value};
-}
-
 // Blocks of 64 MiB that are holes: a file beyond 4 GiB that takes no room.
 TEST_F(Damage, FilesBeyondFourGiBAreReadWhole)
 {
-    constexpr uint64_t kPayload = 64 << 20, kBlocks = 65;
+    constexpr uint32_t kPayload = 64 << 20, kBlocks = 65, kSize = __builtin_bswap32(kPayload + 20);
     const std::string path = folder.path("big.krd");
-    KrdBuilder builder(path, {{.name = "big", .element = "uint8", .size = 1, .rle = true}});
-    const std::string head = bigWord(kPayload + 20) + bigWord(2) + "KRD1";
-    const std::string hole(1 << 20, '\0');
-    auto checksum = static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef *>(head.data()), 12));
-    for (uint64_t done = 0; done < kPayload; done += hole.size())
-        checksum =
-            static_cast<uint32_t>(crc32(checksum, reinterpret_cast<const Bytef *>(hole.data()), 1 << 20));
-    const std::string trailer = bigWord(checksum) + bigWord(kPayload + 20);
-    uint64_t end = builder.bytes().size();
+    KrdBuilder builder(path, R"([{"name":"big","element":"uint8","element_size":1,"encoding":"rle"}])");
+    const std::string head = bytesOf(kSize, __builtin_bswap32(2)) + "KRD1";
+    const std::vector<Bytef> hole(kPayload);
+    const uLong checksum =
+        crc32(crc32(0, reinterpret_cast<const Bytef *>(head.data()), 12), hole.data(), kPayload);
+    const std::string trailer = bytesOf(__builtin_bswap32(static_cast<uint32_t>(checksum)), kSize);
     const int fd = open(path.c_str(), O_WRONLY);
-    for (uint64_t i = 0; i < kBlocks; ++i, end += kPayload + 20) {
-        ASSERT_EQ(pwrite(fd, head.data(), head.size(), static_cast<off_t>(end)), 12);
-        ASSERT_EQ(pwrite(fd, trailer.data(), trailer.size(), static_cast<off_t>(end + kPayload + 12)), 8);
+    for (off_t i = 0, end = lseek(fd, 0, SEEK_END); i < kBlocks; ++i, end += kPayload + 20) {
+        ASSERT_EQ(pwrite(fd, head.data(), head.size(), end), 12);
+        ASSERT_EQ(pwrite(fd, trailer.data(), trailer.size(), end + kPayload + 12), 8);
     }
     close(fd);
     builder.samples(0, {5, 5, 5}, 0);

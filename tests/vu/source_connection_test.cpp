@@ -2,9 +2,11 @@
 #include <bit>
 #include <csignal>
 #include <gmock/gmock.h>
+#include <numeric>
 #include <unistd.h>
 
 #include "tests/support/command.h"
+#include "tests/support/split.h"
 #include "tests/vu/source_process.h"
 
 namespace vu::test {
@@ -24,14 +26,13 @@ constexpr const char *kEndless = "0";
 std::vector<float> count(size_t samples)
 {
     std::vector<float> numbers(samples);
-    for (size_t i = 0; i < samples; ++i)
-        numbers[i] = static_cast<float>(i % (1u << 24));
+    std::iota(numbers.begin(), numbers.end(), 0.0f);
     return numbers;
 }
 
 TEST(SourceConnection, OfEveryKindBringsTheMarkerAndEverySample)
 {
-    for (const auto socket : {Source::Socket::Unix, Source::Socket::Tcp})
+    for (const auto socket : {Socket::Unix, Socket::Tcp})
         for (const std::string endian : {"big", "little"}) {
             const Stream stream = replay(counting("--endian " + endian), 0, nullptr, socket);
             EXPECT_EQ(stream.bigEndian, endian == "big");
@@ -49,7 +50,7 @@ TEST(SourceConnection, ASlowReaderLosesNothing)
     for (Bytes piece = source.read(7777); !piece.empty(); piece = source.read(7777))
         all.insert(all.end(), piece.begin(), piece.end());
     source.leave();
-    EXPECT_EQ(source.status(), 0);
+    EXPECT_EQ(source.wait(), 0);
     EXPECT_EQ(samplesOf<float>(cut(all)), count(2'000'000));
 }
 
@@ -57,17 +58,16 @@ TEST(SourceConnection, StopEndsItEvenWhenItComesInPieces)
 {
     Source source(counting("", kEndless, "1"));
     EXPECT_FALSE(source.read(100).empty());
-    source.write("xSt");
+    source.say("xSt");
     usleep(20000);
-    source.write("op");
+    source.say("op");
     source.read();
-    EXPECT_EQ(source.status(), 0) << source.said();
-    EXPECT_FALSE(exists(source.path));
+    EXPECT_EQ(source.wait(), 0) << source.err();
 
     Source blocked(counting("", kEndless)); // nobody reads: "Stop" comes against a full socket
     usleep(100000);
-    blocked.write("Stop");
-    EXPECT_EQ(blocked.status(), 0);
+    blocked.say("Stop");
+    EXPECT_EQ(blocked.wait(), 0);
 }
 
 TEST(SourceConnection, TerminationLeavesWholeRecords)
@@ -79,50 +79,52 @@ TEST(SourceConnection, TerminationLeavesWholeRecords)
         const Bytes more = source.read();
         all.insert(all.end(), more.begin(), more.end());
         source.leave();
-        EXPECT_EQ(source.status(), 0);
+        EXPECT_EQ(source.wait(), 0);
         const Stream stream = cut(all);
         EXPECT_TRUE(stream.rest.empty());
         EXPECT_EQ(samplesOf<float>(stream), count(stream.records.size() * 10));
     }
-    Source alone(counting(), Source::Socket::Unix, {}, false);
-    while (!exists(alone.path))
-        usleep(1000);
-    alone.signal(SIGTERM);
-    EXPECT_EQ(alone.status(), 0);
 }
 
 TEST(SourceConnection, AReaderThatLeavesEarlyIsAFailure)
 {
-    Source gone(counting("", kEndless));
-    gone.read(1000);
-    gone.leave();
-    EXPECT_EQ(gone.status(), 1);
-    EXPECT_THAT(gone.said(), HasSubstr("the reader left before the data ended"));
-
-    Source unread(counting("", "0.5")); // all of it was sent, but not read
-    unread.read(100);
-    usleep(100000);
-    unread.leave();
-    EXPECT_EQ(unread.status(), 1);
+    for (const char *seconds : {kEndless, "0.5"}) { // the shorter is sent whole, but not read
+        Source gone(counting("", seconds));
+        gone.read(100);
+        usleep(100000);
+        gone.leave();
+        EXPECT_EQ(gone.wait(), 1);
+        EXPECT_THAT(gone.err(), HasSubstr("the reader left before the data ended")) << seconds;
+    }
 }
 
 TEST(SourceConnection, TheNameOfADeadSocketIsTakenOver)
 {
     const TempDir folder;
     const std::filesystem::path where = folder.path("socket");
+    const auto arguments = words("source " + counting("--listen unix:" + where.string()));
     writeText(where, "precious");
-    const CommandResult refused = runVu(words("source " + counting("--listen unix:" + where.string())));
+    const CommandResult refused = runVu(arguments);
     EXPECT_EQ(refused.status, 1);
     EXPECT_THAT(refused.err, HasSubstr("Address already in use"));
     EXPECT_EQ(readText(where), "precious");
     std::filesystem::remove(where);
 
-    Source killed(counting("", kEndless), Source::Socket::Unix, where);
+    Source killed(counting("", kEndless), Socket::Unix, where);
     killed.signal(SIGKILL);
-    EXPECT_EQ(killed.status(), -SIGKILL);
+    EXPECT_EQ(killed.wait(), -SIGKILL);
     ASSERT_TRUE(exists(where));
-    Source next(counting(), Source::Socket::Unix, where);
+    Source next(counting(), Socket::Unix, where);
     EXPECT_EQ(samplesOf<float>(cut(next.read())), count(2000));
+    next.leave();
+    EXPECT_EQ(next.wait(), 0);
+    EXPECT_FALSE(exists(where));
+
+    RunningVu alone(arguments); // ended before anybody comes
+    while (!exists(where))
+        usleep(1000);
+    alone.signal(SIGTERM);
+    EXPECT_EQ(alone.wait(), 0);
 }
 
 TEST(SourceFaults, AreWhatTheyAreToldToBe)
@@ -145,8 +147,7 @@ TEST(SourceFaults, AreWhatTheyAreToldToBe)
             bits += std::popcount(static_cast<unsigned>(clean.records[i][k] ^ garbled.records[i].at(k)));
         ASSERT_EQ(bits, i % 4 == 3 ? 1 : 0) << i;
     }
-    const Stream again = replay(counting("--faults garble=4"));
-    EXPECT_EQ(again.records, garbled.records);
+    EXPECT_EQ(replay(counting("--faults garble=4")).records, garbled.records);
 
     const Stream closed = replay(counting("--faults close=5"), 1, &said);
     EXPECT_THAT(said, HasSubstr("closed by --faults after 5 records"));
@@ -156,34 +157,16 @@ TEST(SourceFaults, AreWhatTheyAreToldToBe)
 
 TEST(SourceUsage, MistakesAreToldInOneLineBeforeAnybodyListens)
 {
-    // Words, and what standard error must name.
-    const std::pair<const char *, const char *> table[] = {
-        {"sim --data-type message_jpeg", "'message_jpeg' can not be simulated"},
-        {"sim --data-type sequential_float32 --signal sinus", "expected sine, ramp, square"},
-        {"sim --data-type sequential_float32 --sample-rate -1", "--sample-rate"},
-        {"sim --data-type sequential_float32 --speed -1", "--speed"},
-        {"sim --data-type sequential_float32 --faults drop=0", "'drop=0'"},
-        {"sim --data-type sequential_float32 --faults split=1,melt=2", "'melt=2'"},
-        {"sim --data-type message_can --can-ids 800", "got '800'"},
-        {"sim --data-type message_xcp_ip --xcp-types UWORD,LONG", "'LONG' is no xcp_data_type"},
-        {"sim --data-type message_nmea --lost-pulses 7", "expected FROM:TO"},
-        {"sim --connector pd806h --names a,b --numbers 16", "one for each of the 2 names"},
-        {"sim --data-type message_float32_ntp --start-time noon", "--start-time"},
-        {"wav /dev/null", "/dev/null: "},
-        {"candump /dev/null", "there is no CAN frame in it"},
-        {"candump /dev/null --tail 61", "expected 0 to 60 seconds"},
-        {"nmea nowhere.log", "nowhere.log: No such file"},
-        {"can nosuchcan0", "nosuchcan0: "},
-    };
-    for (const auto &[line, expected] : table) {
-        const CommandResult result =
-            runVu(words("source " + std::string(line) + " --listen unix:/proc/none"));
-        EXPECT_EQ(result.status, 2) << line;
-        EXPECT_THAT(result.err, HasSubstr(expected));
+    const Strings table = split(readText(VU_SOURCE_DIR "/tests/vu/source_mistakes.txt"), '\n');
+    EXPECT_GT(table.size(), 20u);
+    for (const std::string &row : table) {
+        const Strings told = split(row, '|');
+        const std::string address = row.find("--listen") < row.size() ? "" : "--listen unix:/proc/none";
+        const CommandResult result = runVu(words("source " + told[0] + address));
+        EXPECT_EQ(result.status, 2) << row;
+        EXPECT_THAT(result.err, HasSubstr(told.at(1).substr(1)));
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }
-    for (const char *address : {"unix:", "tcp:127.0.0.1", "tcp:127.0.0.1:65536", "tcp::5", "pipe:x"})
-        EXPECT_EQ(runVu(words("source " + counting("--listen ") + address)).status, 2) << address;
 }
 
 } // namespace

@@ -7,7 +7,6 @@
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace vu::test {
@@ -18,36 +17,25 @@ std::vector<std::string> words(const std::string &line)
     return {std::istream_iterator<std::string>(in), {}};
 }
 
-Source::Source(const std::string &line, Socket kind, std::filesystem::path where, bool connects)
-    : path(where.empty() ? TempDir::path("socket") : where),
-      vu_(words("source " + line + " --listen " +
-                (kind == Socket::Tcp ? "tcp:127.0.0.1:0" : "unix:" + path.string())))
+Source::Source(const std::string &line, Socket kind, std::filesystem::path where)
+    : RunningVu(words("source " + line + " --listen " +
+                      (kind == Socket::Tcp ? "tcp:127.0.0.1:0"
+                       : where.empty()     ? "unix:" + (where = path("socket")).string()
+                                           : "unix:" + where.string()))),
+      socket_(socket(kind == Socket::Tcp ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    socket_ = ::socket(kind == Socket::Tcp ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    siginfo_t ended{};
-    const auto runs = [&] {
-        return waitid(P_PID, static_cast<id_t>(vu_.pid()), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-               ended.si_pid == 0;
+    sockaddr_un name{AF_UNIX, {}};
+    where.string().copy(name.sun_path, sizeof name.sun_path - 1);
+    sockaddr_in host{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    const auto connected = [&] {
+        if (kind == Socket::Unix)
+            return connect(socket_, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0;
+        const std::string printed = out(); // the address, and with it the port that was free
+        host.sin_port = htons(static_cast<uint16_t>(std::atoi(printed.c_str() + printed.rfind(':') + 1)));
+        return connect(socket_, reinterpret_cast<sockaddr *>(&host), sizeof host) == 0;
     };
-    while (connects && !connected(kind) && runs())
+    for (int tries = 0; tries < 10000 && !connected(); ++tries)
         usleep(2000);
-}
-
-bool Source::connected(Socket kind)
-{
-    if (kind == Socket::Unix) {
-        sockaddr_un name{AF_UNIX, {}};
-        path.string().copy(name.sun_path, sizeof name.sun_path - 1);
-        return connect(socket_, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0;
-    }
-    const std::string printed = vu_.out();
-    if (!printed.ends_with('\n'))
-        return false;
-    sockaddr_in name{AF_INET,
-                     htons(static_cast<uint16_t>(std::stoi(printed.substr(printed.rfind(':') + 1)))),
-                     {htonl(INADDR_LOOPBACK)},
-                     {}};
-    return connect(socket_, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0;
 }
 
 Bytes Source::read(size_t most)
@@ -61,7 +49,7 @@ Bytes Source::read(size_t most)
     return all;
 }
 
-void Source::write(const std::string &text)
+void Source::say(const std::string &text)
 {
     EXPECT_EQ(send(socket_, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
 }
@@ -78,13 +66,13 @@ Stream cut(std::span<const uint8_t> received)
     const auto marker = received.size() < 2 ? uint16_t{0} : numberAt<uint16_t>(received, 0);
     EXPECT_TRUE(marker == 0xFEED || marker == 0xEDFE) << marker;
     stream.bigEndian = marker == 0xFEED;
-    size_t at = std::min<size_t>(2, received.size());
-    while (received.size() - at >= 4 && received.size() - at - 4 >= numberAt<uint32_t>(received, at)) {
-        const auto body = received.subspan(at + 4, numberAt<uint32_t>(received, at));
+    auto left = received.subspan(std::min<size_t>(2, received.size()));
+    while (left.size() >= 4 && left.size() - 4 >= numberAt<uint32_t>(left, 0)) {
+        const auto body = left.subspan(4, numberAt<uint32_t>(left, 0));
         stream.records.emplace_back(body.begin(), body.end());
-        at += 4 + body.size();
+        left = left.subspan(4 + body.size());
     }
-    stream.rest.assign(received.begin() + static_cast<std::ptrdiff_t>(at), received.end());
+    stream.rest.assign(left.begin(), left.end());
     return stream;
 }
 
@@ -95,14 +83,14 @@ Stream cut(const WireWriter &wire)
     return cut(all);
 }
 
-Stream replay(const std::string &line, int status, std::string *said, Source::Socket kind)
+Stream replay(const std::string &line, int status, std::string *said, Socket kind)
 {
     Source source(line, kind);
     const Bytes received = source.read();
     source.leave();
-    EXPECT_EQ(source.status(), status) << source.said();
+    EXPECT_EQ(source.wait(), status) << source.err();
     if (said)
-        *said = source.said();
+        *said = source.err();
     return cut(received);
 }
 

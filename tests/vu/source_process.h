@@ -1,53 +1,46 @@
 // A source in a process of its own, and its one reader, which is this test.
 #pragma once
 
-#include <cstdint>
-#include <cstring>
+#include <algorithm>
+#include <array>
+#include <bit>
 #include <filesystem>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "tests/support/running_vu.h"
-#include "tests/support/temp_dir.h"
 #include "vu/source/wire_writer.h"
 
 namespace vu::test {
 
 using Bytes = std::vector<uint8_t>;
+using Timed = std::pair<int64_t, std::string>; // ticks, and what was told then
 
 // The number at `at`, most significant byte first, or least.
 template <class T>
 T numberAt(std::span<const uint8_t> bytes, size_t at, bool big = true)
 {
-    uint8_t parts[sizeof(T)];
-    for (size_t i = 0; i < sizeof(T); ++i)
-        parts[big ? sizeof(T) - 1 - i : i] = bytes[at + i];
-    T value;
-    std::memcpy(&value, parts, sizeof value);
-    return value;
+    std::array<uint8_t, sizeof(T)> parts;
+    std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), sizeof(T), parts.begin());
+    if (big)
+        std::reverse(parts.begin(), parts.end());
+    return std::bit_cast<T>(parts);
 }
 
-class Source : private TempDir {
+enum class Socket { Unix, Tcp };
+
+class Source : private TempDir, public RunningVu {
 public:
-    enum class Socket { Unix, Tcp };
-    // Starts `vu source` with the words of `line` and an address of its own, or at `path`, and connects.
-    explicit Source(const std::string &line, Socket kind = Socket::Unix, std::filesystem::path path = {},
-                    bool connects = true);
+    // Starts `vu source` with the words of `line` and an address of its own, or at `where`, and connects.
+    explicit Source(const std::string &line, Socket kind = Socket::Unix, std::filesystem::path where = {});
     ~Source() { leave(); }
 
-    const std::filesystem::path path;
     Bytes read(size_t most = SIZE_MAX); // until the source has sent it all or so many bytes have come
-    void write(const std::string &text);
+    void say(const std::string &text);
     void leave(); // without a word
-    void signal(int number) { vu_.signal(number); }
-    int status() { return vu_.wait(); } // negative: the signal that ended it
-    std::string said() const { return vu_.err(); }
 
 private:
-    bool connected(Socket kind);
-
-    RunningVu vu_;
     int socket_ = -1;
 };
 
@@ -63,7 +56,7 @@ Stream cut(const WireWriter &wire);
 
 // All that a source sends when nothing ends it early. Fails the test unless it ends with `status`.
 Stream replay(const std::string &line, int status = 0, std::string *said = nullptr,
-              Source::Socket kind = Source::Socket::Unix);
+              Socket kind = Socket::Unix);
 
 // Samples of a sequential channel.
 template <class T>

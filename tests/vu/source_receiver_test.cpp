@@ -195,7 +195,7 @@ TEST(LiveReceiver, StampsSentencesByTheirBeginningAndPulsesByTheirOwn)
             fmt::format("{:.2f} {}", std::floor(static_cast<double>(ticks) / kSecond * 20) / 20, text));
         EXPECT_TRUE(text != "#pps" || ticks % kSecond == kSecond / 2); // to the tick
     }
-    EXPECT_THAT(got, ElementsAre("0.05 #hb", "0.50 #pps", "0.40 #hb", "0.60 $GPGSA,A", "0.70 $GPGSV,1",
+    EXPECT_THAT(got, ElementsAre("0.05 #hb", "0.50 #pps", "0.35 #hb", "0.60 $GPGSA,A", "0.70 $GPGSV,1",
                                  "0.75 #hb", "1.05 #hb", "1.50 #pps", "1.35 #hb", "1.60 $GPGSA,B"));
     EXPECT_THAT(receiver.notes(), ElementsAre(HasSubstr("left out: 1"), HasSubstr("/dev/receiver: 'noise'")));
 }
