@@ -40,12 +40,10 @@ inline json field(const json &format, const json &start, const json &length)
     return {{"db_data_format", format}, {"db_bit_start", start}, {"db_bit_length", length}};
 }
 
-inline json mode(const json &format, const json &start, const json &length, const json &value)
+inline json mode(const json &format, const json &at, const json &bits, const json &is)
 {
-    return {{"db_mode_format", format},
-            {"db_mode_start", start},
-            {"db_mode_length", length},
-            {"db_mode_value", value}};
+    return {
+        {"db_mode_format", format}, {"db_mode_start", at}, {"db_mode_length", bits}, {"db_mode_value", is}};
 }
 
 // A complete stanza for all three kinds of signal, with changes. A text stands for itself.
@@ -79,20 +77,26 @@ struct Held {
             signals.push_back(signal);
         return signal;
     }
-    // What every signal holds now, in the order of their making.
-    std::vector<double> values() const
+    // One thing of every stream, in the order of the signals' making.
+    template <typename T>
+    std::vector<T> each(T Sequentializer::*what) const
     {
-        std::vector<double> held;
+        std::vector<T> all;
         for (const Signal *signal : signals)
-            held.push_back(signal->sequentializer->value);
-        return held;
+            all.push_back(signal->sequentializer->*what);
+        return all;
     }
-    std::vector<int64_t> samples() const
+    auto values() const { return each(&Sequentializer::value); }
+    auto samples() const { return each(&Sequentializer::sample_count); }
+    // What they hold behind a batch whose end is guarded: every timestamp is turned, whatever matches.
+    template <typename Process>
+    auto behind(const Batch &batch, Process process) const
     {
-        std::vector<int64_t> counts;
-        for (const Signal *signal : signals)
-            counts.push_back(signal->sequentializer->sample_count);
-        return counts;
+        std::vector<CanRecord> records = batch.records;
+        process(records.data(), static_cast<uint32_t>(records.size()));
+        for (size_t i = 0; i < records.size(); i++)
+            EXPECT_EQ(loadHost<int64_t>(records[i].timestamp), loadBig<int64_t>(batch.records[i].timestamp));
+        return values();
     }
     std::vector<Signal *> signals;
 };
@@ -110,11 +114,10 @@ struct Set : Held<CanSetSignal> {
         return keep(can_set_add_signal(set, stanza(changes).c_str()));
     }
     // Finalized anew each time: no signal may come twice by that.
-    std::vector<double> after(Batch batch)
+    std::vector<double> after(const Batch &batch)
     {
         can_set_finalize(set);
-        can_set_process(set, batch.records.data(), static_cast<uint32_t>(batch.records.size()));
-        return values();
+        return behind(batch, [&](CanRecord *records, uint32_t n) { can_set_process(set, records, n); });
     }
     CanSet *set = can_set_create();
 };
@@ -137,10 +140,10 @@ struct List : Held<CanSignalNode> {
             last->next = node;
         return node;
     }
-    std::vector<double> after(Batch batch)
+    std::vector<double> after(const Batch &batch)
     {
-        canProcessSignals(signals[0], batch.records.data(), static_cast<int32_t>(batch.records.size()));
-        return values();
+        CanSignalNode *const first = signals.empty() ? nullptr : signals[0];
+        return behind(batch, [&](CanRecord *records, int32_t n) { canProcessSignals(first, records, n); });
     }
 };
 

@@ -3,6 +3,7 @@
 #include "tests/bus/bus_fixture.h"
 
 using namespace vu::test;
+using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::Pair;
@@ -84,9 +85,8 @@ TEST_F(Bus, EveryGroupThatMatchesIsTriedInItsOrder)
     add("18FEF117", 9); // of another type: all bits count
     add("18FEF117", nullptr);
     EXPECT_EQ(set.set->group_count, 4u);
-    Batch early = Batch().at(0, 0x18FEF117, 5ull << 56);
-    can_set_process(set.set, early.records.data(), 1); // not finalized: only time passes
-    EXPECT_THAT(set.values(), Each(-1));
+    const auto unready = [&](CanRecord *records, uint32_t n) { can_set_process(set.set, records, n); };
+    EXPECT_THAT(set.behind(Batch().at(0, 0x18FEF117, 5ull << 56), unready), Each(-1)); // not finalized
     EXPECT_THAT(set.after(Batch().at(0, 0x18FEF117, 5ull << 56)), ElementsAre(5, -1, 5, 5, 5));
     EXPECT_THAT(set.after(Batch().at(0, 0x04FEF1FE, 6ull << 56)), ElementsAre(6, -1, 6, 5, 5));
     EXPECT_THAT(set.after(Batch().at(0, 0x100, 7ull << 56)), ElementsAre(7, -1, 6, 5, 5));
@@ -100,8 +100,8 @@ TEST_F(Bus, ModesDecideWhatIsDecoded)
 {
     Set set;
     for (json changes : {mode("UMSB", 7, 4, 2), mode("UMSB", 7, 4, nullptr), // no value: mode 0
-                         mode("SMSB", 7, 4, -1),                             // never a signed field: 4294967295
-                         mode("ULSB", nullptr, nullptr, 0)}) {               // no field: reads 0
+                         mode("SMSB", 7, 4, -1),               // never a signed field: 4294967295
+                         mode("ULSB", nullptr, nullptr, 0)}) { // no field: reads 0
         changes["db_bit_start"] = 8;
         set.add(changes);
     }
@@ -114,20 +114,6 @@ TEST_F(Bus, ModesDecideWhatIsDecoded)
     EXPECT_THAT(errors.rezeros(), ElementsAre(Pair("s", 5)));
     set.after(Batch().timeOnly(16000000));
     EXPECT_THAT(set.samples(), Each(4));
-}
-
-TEST_F(Bus, SetsTurnEveryTimestampAndReadNoFurther)
-{
-    Set set; // no signal at all
-    for (uint32_t count : {0u, 1u, 8u, 9u, 40u}) {
-        Batch batch;
-        for (uint32_t i = 0; i < count; i++)
-            batch.at(0x0102030405060708 - i, i, 0, static_cast<uint8_t>(i));
-        batch.records.shrink_to_fit();
-        can_set_process(set.set, batch.records.data(), count);
-        for (uint32_t i = 0; i < count; i++)
-            EXPECT_EQ(vu::loadHost<int64_t>(batch.records[i].timestamp), 0x0102030405060708 - i);
-    }
 }
 
 } // namespace

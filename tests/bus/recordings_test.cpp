@@ -26,7 +26,9 @@ std::vector<Strings> rowsOf(const char *name)
 json stanzaOf(const Strings &row)
 {
     const auto format = [&](size_t order, bool isFloat) {
-        return (isFloat ? "F" : row[order + 1] == "1" ? "S" : "U") +
+        return (isFloat                 ? "F"
+                : row[order + 1] == "1" ? "S"
+                                        : "U") +
                std::string(row[order] == "intel" ? "LSB" : "MSB");
     };
     json changes = field(format(7, row[9] == "1"), std::stoi(row[5]), std::stoi(row[6]));

@@ -5,7 +5,6 @@
 #include "tests/bus/bus_fixture.h"
 
 using namespace vu::test;
-using testing::Each;
 using testing::ElementsAre;
 
 namespace {
@@ -48,24 +47,28 @@ TEST_F(Bus, MeasurementsReadEveryTypeInBothOrders)
     };
     const char *little[] = {"MSB_LAST", "LSB_FIRST", "INTEL", "msb_last", "lsb_first", "intel", "little"};
     const char *big[] = {"MSB_FIRST", "Intel", "LITTLE", "little_endian", ""};
-    const auto check = [](const auto &type, const char *order, double raw) {
-        Measurements set;
-        const auto *one = set.add({{"xcp_data_type", type.type},
-                                   {"xcp_byte_order", order},
-                                   {"scale", 0.1},
-                                   {"offset", 7},
-                                   {"rezero_offset", 9}});
-        std::vector<uint8_t> message(2 + one->value_size);
-        for (uint32_t i = 0; i < one->value_size; i++)
-            message[2 + i] = static_cast<uint8_t>(type.bytes >> (56 - 8 * i));
-        const volatile double product = raw * 0.1; // rounded before the sum, and no zero subtracted
-        EXPECT_THAT(set.after(message), ElementsAre(product + 7)) << type.type << " " << order;
-    };
     for (const auto &type : types) {
-        for (const char *order : little)
-            check(type, order, type.little);
-        for (const char *order : big)
-            check(type, order, type.big);
+        Measurements set;
+        std::vector<double> expected;
+        std::vector<uint8_t> message;
+        const auto add = [&](const char *order, double raw) {
+            const auto *one = set.add({{"xcp_data_type", type.type},
+                                       {"xcp_byte_order", order},
+                                       {"scale", 0.1},
+                                       {"offset", 7},
+                                       {"rezero_offset", 9}});
+            message.insert(message.end(), {0, static_cast<uint8_t>(expected.size())});
+            for (uint32_t i = 0; i < one->value_size; i++)
+                message.push_back(static_cast<uint8_t>(type.bytes >> (56 - 8 * i)));
+            const volatile double product = raw * 0.1; // rounded before the sum, and no zero subtracted
+            expected.push_back(product + 7);
+        };
+        for (const char *order :
+             {"MSB_LAST", "LSB_FIRST", "INTEL", "msb_last", "lsb_first", "intel", "little"})
+            add(order, type.little);
+        for (const char *order : {"MSB_FIRST", "Intel", "LITTLE", "little_endian", ""})
+            add(order, type.big);
+        EXPECT_EQ(set.after(message), expected) << type.type;
     }
 }
 
@@ -74,28 +77,28 @@ TEST_F(Bus, MessagesCountUpToTheirFirstFault)
     Measurements set;
     for (int i = 0; i < 257; i++) // beyond three growths
         ASSERT_NE(set.add({{"xcp_data_type", i % 2 ? "UWORD" : "UBYTE"}}), nullptr);
-    const auto held = [&](const std::vector<uint8_t> &message) {
-        std::vector<double> values = set.after({0, 0, 0, 0, 1, 0, 0, 0, 32, 0, 1, 0, 0});
-        values = set.after(message);
-        return std::vector<double>{values[0], values[1], values[32], values[256]};
-    };
-    EXPECT_THAT(held({0, 32, 7, 1, 0, 9}), ElementsAre(0, 0, 7, 9)); // the index is big-endian
-    EXPECT_THAT(held({0, 0, 5, 0, 0, 6, 0, 1, 1, 2, 0xFF}), ElementsAre(6, 0x102, 0, 0));
-    EXPECT_THAT(held({0, 0, 5, 0, 1, 1}), ElementsAre(5, 0, 0, 0)); // cut short
-    EXPECT_THAT(held({1, 1, 5, 0, 0, 5}), Each(0));                 // no such index ends the message
-    EXPECT_THAT(held({0xFF, 0xFF}), Each(0));
-    EXPECT_THAT(held({0xFE}), Each(0));
-    EXPECT_THAT(held({}), Each(0));
-
-    set.after({0, 1, 0, 0}, 8000000);
-    EXPECT_EQ(set.samples(0), 0);
-    EXPECT_EQ(set.samples(1), 2);
-    set.after({0xFE}, 16000000);
-    EXPECT_EQ(set.samples(1), 2);
-    set.after({0xFF}, 16000000);
-    EXPECT_EQ(set.samples(0) + set.samples(256), 8);
-    set.after({0, 0, 3}, INT64_MIN);
-    EXPECT_EQ(set.signals[0]->sequentializer->value, 3);
+    const std::pair<std::vector<uint8_t>, std::vector<double>> messages[] = {
+        {{0, 32, 7, 1, 0, 9}, {0, 0, 7, 9}}, // the index is big-endian
+        {{0, 0, 5, 0, 0, 6, 0, 1, 1, 2, 0xFF}, {6, 0x102, 0, 0}},
+        {{0, 0, 5, 0, 1, 1}, {5, 0, 0, 0}}, // cut short
+        {{1, 1, 5, 0, 0, 5}, {0, 0, 0, 0}}, // no such index ends the message
+        {{0xFF, 0xFF}, {0, 0, 0, 0}},
+        {{0xFE}, {0, 0, 0, 0}},
+        {{}, {0, 0, 0, 0}}};
+    for (const auto &[message, taken] : messages) {
+        set.after({0, 0, 0, 0, 1, 0, 0, 0, 32, 0, 1, 0, 0});
+        const auto values = set.after(message);
+        EXPECT_THAT(taken, ElementsAre(values[0], values[1], values[32], values[256]));
+    }
+    const std::tuple<std::vector<uint8_t>, int64_t, int64_t, int64_t> times[] = {
+        {{0, 1, 0, 0}, 8000000, 0, 2}, // a value moves its own stream, 0xFF moves them all
+        {{0xFF}, 16000000, 4, 4},
+        {{0, 0, 3}, INT64_MIN, 4, 4}};
+    for (const auto &[message, time, first, second] : times) {
+        set.after(message, time);
+        EXPECT_EQ(std::pair(set.samples()[0], set.samples()[1]), std::pair(first, second));
+    }
+    EXPECT_EQ(set.values()[0], 3);
     memory.reset();
     for (int i = 0; i < 100; i++)
         set.after({0, 0, 3, 0, 1, 2, 2}, 17000000 + i * 4000000);
@@ -104,42 +107,30 @@ TEST_F(Bus, MessagesCountUpToTheirFirstFault)
 
 TEST_F(Bus, ARefusedMeasurementTakesNoIndex)
 {
-    const char *keys[] = {"name",
-                          "scale",
-                          "offset",
-                          "invalid_data_output_value",
-                          "stale_data_expiration_time",
-                          "sample_rate",
-                          "pipe_rate",
-                          "data_type",
-                          "xcp_byte_order",
-                          "xcp_data_type"};
+    const auto keys =
+        split("name scale offset invalid_data_output_value stale_data_expiration_time sample_rate "
+              "pipe_rate data_type xcp_byte_order xcp_data_type",
+              ' ');
     const std::string invalid = "Invalid XCP-over-IP configuration: ";
     Measurements set;
     json rest;
-    for (size_t i = std::size(keys); i-- > 0;) { // from the last key on they go one by one
+    for (size_t i = keys.size(); i-- > 0;) { // from the last key on they go one by one
         rest[keys[i]] = false;
-        EXPECT_EQ(set.add(rest), nullptr);
-        EXPECT_THAT(errors.texts(), ElementsAre(invalid + "missing '" + keys[i] + "'"));
+        refuses(set, rest, ElementsAre(invalid + "missing '" + keys[i] + "'"));
     }
-    EXPECT_EQ(set.add({{"data_type", "u8"}, {"xcp_byte_order", 1}}), nullptr); // judged as it is read
-    EXPECT_EQ(set.add({{"xcp_data_type", "UBYTE "}}), nullptr);
-    EXPECT_EQ(set.add({{"pipe_rate", -1}}), nullptr);
-    EXPECT_THAT(errors.texts(),
-                ElementsAre(invalid + "invalid 'data_type'", invalid + "invalid 'xcp_data_type'",
-                            "Invalid pipe rate: -1", invalid + "failed to create sequentializer"));
-    EXPECT_EQ(xcp_ip_set_add_measurement(set.set, "{"), nullptr);
-    EXPECT_THAT(errors.texts(),
-                ElementsAre(testing::StartsWith("Invalid XCP-over-IP measurement JSON: parse error")));
+    refuses(set, {{"data_type", "u8"}, {"xcp_byte_order", 1}}, // judged as it is read
+            ElementsAre(invalid + "invalid 'data_type'"));
+    refuses(set, {{"xcp_data_type", "UBYTE "}}, ElementsAre(invalid + "invalid 'xcp_data_type'"));
+    refuses(set, {{"pipe_rate", -1}},
+            ElementsAre("Invalid pipe rate: -1", invalid + "failed to create sequentializer"));
+    refuses(set, "{", ElementsAre(testing::StartsWith("Invalid XCP-over-IP measurement JSON: parse error")));
     EXPECT_EQ(set.set->count, 0u);
     const auto *first = set.add({{"data_type", "float32"}, {"xcp_data_type", "FLOAT64_IEEE"}});
-    EXPECT_EQ(first->element_size, 4u);
-    EXPECT_EQ(first->state, 2);
+    EXPECT_EQ(std::pair(first->element_size, first->state), std::pair(4u, 2));
     for (int n = 0; n < 2; n++) {
         set.set->capacity = 1; // full, so that an addition grows the array
         memory.failAt(n);
-        EXPECT_EQ(set.add(), nullptr);
-        EXPECT_THAT(errors.texts(), ElementsAre("Unable to allocate memory for XCP-over-IP measurement"));
+        refuses(set, {}, ElementsAre("Unable to allocate memory for XCP-over-IP measurement"));
     }
     memory.failAt(0);
     EXPECT_EQ(xcp_ip_set_create(), nullptr);

@@ -1,8 +1,6 @@
 #include "libvu/core/frame.h"
 
-#include <bit>
 #include <cmath>
-#include <cstring>
 #include <gmock/gmock.h>
 #include <limits>
 
@@ -64,23 +62,16 @@ TEST_F(FrameSharing, CloneOfACloneIsACloneOfTheRoot)
     EXPECT_EQ(third->data, root->data);
     EXPECT_EQ(third->aux, root->aux_inline);
     EXPECT_EQ(first->refcount, 1);
+    first->refcount = 0; // as it stands after the deletion that released it
+    frameDelete(first);
+    EXPECT_THAT(errors.texts(), ElementsAre("Cloned frame deleted too many times"));
     EXPECT_EQ(root->refcount, 4);
+    first->refcount = 1;
     for (Frame *frame : {third, first, second, root})
         frameDelete(frame);
 }
 
-TEST_F(FrameSharing, CloneDeletedTwiceLeavesTheRootAlone)
-{
-    first->refcount = 0; // as it stands after the deletion that released it
-    frameDelete(first);
-    EXPECT_THAT(errors.texts(), ElementsAre("Cloned frame deleted too many times"));
-    EXPECT_EQ(root->refcount, 3);
-    first->refcount = 1;
-    for (Frame *frame : {first, second, root})
-        frameDelete(frame);
-}
-
-TEST(Frame, PayloadIsInsideOrExternal)
+TEST(Frame, PayloadIsInsideOrExternalAndAuxMayBeItsOwn)
 {
     ErrorTrap errors;
     double external[2] = {};
@@ -93,24 +84,15 @@ TEST(Frame, PayloadIsInsideOrExternal)
     EXPECT_EQ(frameTail(inside), static_cast<double *>(inside->data) + 1);
     EXPECT_EQ(frameAvailable(inside), 1U);
     EXPECT_EQ(frameLength(inside), 1U);
-    for (Frame *frame : {inside, outside, static_cast<Frame *>(nullptr)})
-        frameDelete(frame);
-}
-
-TEST(Frame, MessageFrameReleasesItsOwnAuxAndNothingElse)
-{
-    ErrorTrap errors;
-    char text[] = "text";
-    Frame *own = frameCreateMessage(text, 4);
+    Frame *own = frameCreateMessage(external, 4);
+    Frame *none = frameCreateMessage(external, 4);
+    Frame *untouched = frameCreateMessage(external, 4);
+    EXPECT_EQ(untouched->is_message, 1);
+    EXPECT_EQ(untouched->element_size, 1U);
     own->aux = static_cast<uint32_t *>(calloc(2, sizeof(uint32_t)));
-    Frame *none = frameCreateMessage(text, 4);
     none->aux = nullptr;
-    Frame *untouched = frameCreateMessage(text, 4);
-    for (Frame *frame : {own, none, untouched}) {
-        EXPECT_EQ(frame->is_message, 1);
-        EXPECT_EQ(frame->element_size, 1U);
+    for (Frame *frame : {inside, outside, own, none, untouched, static_cast<Frame *>(nullptr)})
         frameDelete(frame); // the sanitizer tells a leak or a wrong free
-    }
 }
 
 TEST(Frame, FailuresAreReported)
@@ -134,27 +116,23 @@ TEST(Frame, FailuresAreReported)
 
 TEST(Frame, BufsizeStaysAUsableCount)
 {
-    constexpr double kInfinity = std::numeric_limits<double>::infinity();
     constexpr int32_t kMost = std::numeric_limits<int32_t>::max();
-    const struct {
-        double sampleRate, pipeRate;
-        int32_t elements;
-    } cases[] = {{1000, 10, 100},
-                 {999, 10, 99},
-                 {5, 10, 1},
-                 {0, 0, 1},
-                 {1, 0, 1},
-                 {-10, 1, 1},
-                 {NAN, 1, 1},
-                 {1, NAN, 1},
-                 {kInfinity, 1, 1},
-                 {1e10, 1, kMost},
-                 {2147483647.0, 1, kMost},
-                 {2147483646.5, 1, kMost - 1},
-                 {1, -1, 1},
-                 {1e300, 1e-300, 1}};
-    for (const auto &c : cases)
-        EXPECT_EQ(frameBufsize(c.sampleRate, c.pipeRate), c.elements) << c.sampleRate << " / " << c.pipeRate;
+    const std::tuple<double, double, int32_t> cases[] = {{1000, 10, 100},
+                                                         {999, 10, 99},
+                                                         {5, 10, 1},
+                                                         {0, 0, 1},
+                                                         {1, 0, 1},
+                                                         {-10, 1, 1},
+                                                         {1, -1, 1},
+                                                         {NAN, 1, 1},
+                                                         {1, NAN, 1},
+                                                         {HUGE_VAL, 1, 1},
+                                                         {1e300, 1e-300, 1},
+                                                         {1e10, 1, kMost},
+                                                         {2147483647.0, 1, kMost},
+                                                         {2147483646.5, 1, kMost - 1}};
+    for (const auto &[sampleRate, pipeRate, elements] : cases)
+        EXPECT_EQ(frameBufsize(sampleRate, pipeRate), elements) << sampleRate << " / " << pipeRate;
 }
 
 } // namespace

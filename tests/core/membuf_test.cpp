@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "tests/support/allocation_faults.h"
@@ -48,9 +49,16 @@ TEST_F(ABuffer, ClearsEverythingBehindItsContentWhenItGrowsAndOnlyThen)
     EXPECT_EQ(std::string(m.buf, m.buf + 16), std::string("gh") + std::string(14, '\0'));
 }
 
-TEST_F(ABuffer, CutsExactlyWhatItIsToldTo)
+TEST_F(ABuffer, CutsExactlyWhatItIsToldToAndNothingBeyondItsContent)
 {
     hold("0123456789");
+    for (const auto &[pos, len] : {std::pair{1U, 10U}, {1U, UINT32_MAX}, {UINT32_MAX, 1U}, {11U, 0U}}) {
+        membufRemove(&m, pos, len);
+        EXPECT_EQ(membufExtract(&m, pos, len), nullptr);
+        const std::string text =
+            fmt::format("Bad arguments to membuf:remove() pos={} + len={} > size=10", pos, len);
+        EXPECT_THAT(errors.texts(), ElementsAre(text, text));
+    }
     membufRemove(&m, 3, 4);
     EXPECT_EQ(held(), "012789");
     auto *copy = static_cast<char *>(membufExtract(&m, 1, 2));
@@ -63,19 +71,6 @@ TEST_F(ABuffer, CutsExactlyWhatItIsToldTo)
     EXPECT_EQ(held(), "789");
     membufRemove(&m, 0, 3);
     EXPECT_EQ(m.size, 0U);
-}
-
-TEST_F(ABuffer, RefusesWhatLiesBeyondItsContent)
-{
-    hold("0123456789");
-    for (const auto &[pos, len] : {std::pair{1U, 10U}, {1U, UINT32_MAX}, {UINT32_MAX, 1U}, {11U, 0U}}) {
-        membufRemove(&m, pos, len);
-        EXPECT_EQ(membufExtract(&m, pos, len), nullptr);
-        const std::string text = "Bad arguments to membuf:remove() pos=" + std::to_string(pos) +
-                                 " + len=" + std::to_string(len) + " > size=10";
-        EXPECT_THAT(errors.texts(), ElementsAre(text, text));
-    }
-    EXPECT_EQ(held(), "0123456789");
 }
 
 TEST_F(ABuffer, StaysAsItIsWhenItCanNotGrow)

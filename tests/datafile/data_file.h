@@ -1,12 +1,10 @@
 // A data file, the records that write it, and a reader that shares no code with the writer.
 #pragma once
 
-#include <cstdint>
 #include <cstring>
+#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <string>
-#include <vector>
+#include <unistd.h>
 
 #include "libvu/libvu.h"
 #include "tests/support/error_trap.h"
@@ -19,11 +17,39 @@ struct Block {
     uint64_t offset;
     uint32_t group;
     std::string payload;
+    uint64_t end() const { return offset + payload.size() + 20; }
     bool operator==(const Block &) const = default;
 };
 
-// The whole blocks at the head of a file; `end` is where they end.
-std::vector<Block> wholeBlocks(const std::string &file, size_t &end);
+inline uint32_t slowCrc(const std::string &bytes)
+{
+    uint32_t crc = 0xFFFFFFFF;
+    for (const char byte : bytes) {
+        crc ^= static_cast<uint8_t>(byte);
+        for (int bit = 0; bit < 8; bit++)
+            crc = crc >> 1 ^ (crc & 1 ? 0xEDB88320 : 0);
+    }
+    return ~crc;
+}
+
+// The whole blocks at the head of a file.
+inline std::vector<Block> wholeBlocks(const std::string &file)
+{
+    const auto word = [&](size_t at) {
+        uint32_t value;
+        std::memcpy(&value, &file[at], sizeof value);
+        return __builtin_bswap32(value);
+    };
+    std::vector<Block> found;
+    for (size_t at = 0; file.size() - at >= 20; at = found.back().end()) {
+        const size_t size = word(at);
+        if (size < 20 || size > file.size() - at || word(at + size - 4) != size ||
+            word(at + size - 8) != slowCrc(file.substr(at, size - 8)) || file.substr(at + 8, 4) != "KRD1")
+            break;
+        found.push_back({at, word(at + 4), file.substr(at + 12, size - 20)});
+    }
+    return found;
+}
 
 template <typename T>
 std::string bytesOf(const std::vector<T> &values)
@@ -52,10 +78,45 @@ protected:
     // The first four records are channels, groups 2 to 5, the last one is the index of all of them.
     void flushChannels(bool force = true) { KRDWriter_flush_these(0, 4, records, force); }
     std::string file() const { return readText(path); }
-    std::vector<Block> blocks() const; // of a file that has nothing else in it
+    // Of a file that has nothing else in it.
+    std::vector<Block> blocks() const
+    {
+        auto found = wholeBlocks(file());
+        EXPECT_EQ(found.empty() ? 0 : found.back().end(), std::filesystem::file_size(path))
+            << "a piece of one";
+        return found;
+    }
     // An empty file, and records as a host begins with them: no position field, no limit, frames alike.
-    void startOver(uint32_t index_room = 4096);
-    void closeAll();
+    void startOver(uint32_t index_room = 4096)
+    {
+        closeAll();
+        fd = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_APPEND | O_CLOEXEC, 0600);
+        for (int32_t i = 0; i < 5; i++) {
+            KRDBuffer &record = records[i] = {};
+            record.idx = i;
+            record.fd = fd;
+            record.group = i < 4 ? i + 2 : 1;
+            record.name = "vib";
+            record.group_word = __builtin_bswap32(static_cast<uint32_t>(record.group));
+            std::memcpy(&record.tag_word, KRD_TAG, 4);
+            record.iov[0] = {&record.block_size_word, KRD_HEADER_SIZE};
+            record.sample_limit = -1;
+            record.uniform_frames = record.no_position = 1;
+            record.scale = 1.0;
+            record.pipe = i < 4 ? pipeAttachPipe(&pipes) : nullptr;
+            record.index = i < 4 ? &index : nullptr;
+        }
+        membufExpand(&index.buffer, index_room);
+    }
+    void closeAll()
+    {
+        KRDWriter_restore_writer();
+        while (pipes.first)
+            pipeDetachPipe(&pipes, pipes.first);
+        for (KRDBuffer &record : records)
+            free(record.buffer.buf);
+        close(fd);
+    }
 
     TempDir folder;
     const std::string path = folder.path("data.krd");

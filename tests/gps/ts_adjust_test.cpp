@@ -15,11 +15,7 @@ int64_t ticks(const std::string &seconds)
 // One event of a script.
 int64_t adjusted(const std::string &what, int64_t arrival)
 {
-    const std::string text = what == "gsa"           ? "$GPGSA,A,3,1.0,1.0,1.0*00\r\n"
-                             : what == "pulse"       ? "#pps"
-                             : what == "hb"          ? "#hb"
-                             : std::isdigit(what[0]) ? "$GPRMC," + what + ",A,,,,,,,,,*00\r\n"
-                                                     : what;
+    const std::string text = std::isdigit(what[0]) ? "$GPRMC," + what + ",A,,,,,,,,,*00\r\n" : what;
     return gpsAdjustNmeaTimestamp(arrival, text.c_str());
 }
 
@@ -46,7 +42,7 @@ TEST_F(TimestampAdjustment, Scripts)
 
 TEST_F(TimestampAdjustment, CountsOnForAHundredSeconds)
 {
-    adjusted("pulse", 11 * kSecond);
+    adjusted("#pps", 11 * kSecond);
     for (int second = 0; second <= 101; second++) {
         const int64_t arrival = (11 + second) * kSecond + kSecond / 8;
         const std::string time = std::to_string(120000 + second / 60 * 100 + second % 60);
@@ -60,29 +56,27 @@ TEST_F(TimestampAdjustment, RoundsAsItAlwaysHas)
     std::mt19937_64 random(1);
     for (int i = 0; i < 20000; i++) {
         const auto pulse = static_cast<int64_t>(random() % (100'000 * kSecond));
-        const double second = static_cast<double>(pulse) / kSecond,
-                     utc = 36000.0 + static_cast<double>(i % 60);
-        const std::string time = "$GPRMC," + std::to_string(100000 + i % 60);
+        const double second = static_cast<double>(pulse) / kSecond, utc = 36000.0 + i % 60;
+        const std::string time = std::to_string(100000 + i % 60);
         gpsReinitNmeaTSAdjust();
-        gpsAdjustNmeaTimestamp(pulse, "#pps");
-        EXPECT_EQ(gpsAdjustNmeaTimestamp(pulse + kSecond / 10, (time + ",").c_str()),
+        adjusted("#pps", pulse);
+        EXPECT_EQ(adjusted(time, pulse + kSecond / 10),
                   static_cast<int64_t>(((utc + second) - utc) * 40000000.0));
-        EXPECT_EQ(gpsAdjustNmeaTimestamp(pulse + kSecond * 3 / 10, (time + ".25,").c_str()),
+        EXPECT_EQ(adjusted(time + ".25", pulse + kSecond * 3 / 10),
                   static_cast<int64_t>(((second + (utc + 0.25)) - utc) * 40000000.0));
     }
 }
 
 TEST_F(TimestampAdjustment, HostsOwnState)
 {
-    const auto sized = [](size_t more) { return "$GPRMC," + std::string(more, 'x') + ","; };
     EXPECT_EQ(gpsAdjustNmeaTimestamp(5, nullptr), -1);
-    EXPECT_EQ(gpsAdjustNmeaTimestamp(-1, "#pps"), -1);
-    EXPECT_EQ(gpsAdjustNmeaTimestamp(5, sized(4076).c_str()), 5);
-    EXPECT_EQ(gpsAdjustNmeaTimestamp(5, sized(4077).c_str()), -1); // out of sight
-    EXPECT_EQ(gpsAdjustNmeaTimestamp(INT64_MAX, "$GPGLL,,"), INT64_MAX);
-    EXPECT_EQ(gpsAdjustNmeaTimestamp(5, "$GPGLL,,"), -1); // would run backwards
+    EXPECT_EQ(adjusted("#pps", -1), -1);
+    EXPECT_EQ(adjusted("$GPRMC," + std::string(4076, 'x') + ",", 5), 5);
+    EXPECT_EQ(adjusted("$GPRMC," + std::string(4077, 'x') + ",", 5), -1); // out of sight
+    EXPECT_EQ(adjusted("$GPGLL,,", INT64_MAX), INT64_MAX);
+    EXPECT_EQ(adjusted("$GPGLL,,", 5), -1); // would run backwards
     gpsReinitNmeaTSAdjust();
-    EXPECT_EQ(gpsAdjustNmeaTimestamp(5, "$GPGLL,,"), 5);
+    EXPECT_EQ(adjusted("$GPGLL,,", 5), 5);
     memory.failAt(0);
     EXPECT_EQ(gpsInitializeTsAdjust(), nullptr);
 }

@@ -1,95 +1,77 @@
 // A stanza becomes a node: kinds, sizes, refusals, and memory that runs out.
 #include <clocale>
 #include <cstdlib>
+#include <dlfcn.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <map>
 
-#include "libvu/proxy/calibration.h"
 #include "libvu/stream/stream_signal.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/error_trap.h"
 #include "tests/support/node_fixture.h"
+#include "tests/support/split.h"
+#include "tests/support/temp_dir.h"
 
 using namespace vu::test;
-using ::testing::ElementsAre;
+using ::testing::PrintToString;
 
 namespace {
 
-const std::string kHold =
-    R"("sample_rate":100,"stale_data_expiration_time":1,"invalid_data_output_value":-1)";
-const std::string kPrerun = R"("do_prerun_zero":true)";
-constexpr uint32_t kVaries = UINT32_MAX;
-
-TEST(ProxyNodeCreate, EveryKindGetsItsFields)
+// What an exported function is called, without what the names of its room begin with.
+template <typename Function>
+std::string nameOf(Function *function)
 {
-    ErrorTrap errors;
-    const auto expect = [](const char *type, const char *connector, const std::string &more,
-                           void (*reader)(ProxyNode *), uint32_t record, uint32_t element,
-                           void (*swap)(ProxyNode *, void *), int message,
-                           void (*apply)(ProxyNode *, Frame *) = nullptr) {
-        SCOPED_TRACE(std::string(type) + " " + connector + " " + more);
-        const TestChannel channel(stanza(type, more, connector));
-        ASSERT_TRUE(channel.node);
-        EXPECT_EQ(channel->main_reader, reader);
-        EXPECT_EQ(channel->reader, proxyNode_ProxyReaderMarker);
-        EXPECT_EQ(channel->byte_swap, swap);
-        EXPECT_EQ(channel->apply, apply);
-        EXPECT_THAT((std::array{channel->record_size, channel->element_size}), ElementsAre(record, element));
-        EXPECT_EQ(channel->message_channel, message);
-        const bool hasAux = connector == std::string("my_gps") || reader == proxyNode_ProxyReaderZNTStream;
-        EXPECT_EQ(channel->channel_aux != nullptr, hasAux);
-    };
-    const auto plain = proxyNode_ProxyReaderSequentialNoScaling,
-               scaling = proxyNode_ProxyReaderSequentialScaling, nmea = proxyNode_ProxyReaderMessageNMEA,
-               held = proxyNode_ProxyReaderSequentializedMessage,
-               heldNtp = proxyNode_ProxyReaderSequentializedNTPMessage,
-               stream = proxyNode_ProxyReaderZNTStream;
-    const auto swap4 = proxyNode_swapFloatSamples, swap8 = proxyNode_swapDoubleSamples,
-               none = proxyNode_swapNone, value4 = proxyNode_swapFloatValue,
-               value8 = proxyNode_swapDoubleValue;
-    const auto apply4 = proxyNode_applyFloatScaleOffset, apply8 = proxyNode_applyDoubleScaleOffset,
-               prerun4 = proxyNode_applyPrerunZeroFloatScaleOffset,
-               prerun8 = proxyNode_applyPrerunZeroDoubleScaleOffset;
-    expect("sequential_float32", "a", "", plain, 4, 4, swap4, 0);
-    expect("my_sequential_float64", "a", R"("scale":2)", scaling, 8, 8, swap8, 0, apply8);
-    expect("sequential_float32", "a", R"("purpose":"")", scaling, 4, 4, swap4, 0, apply4);
-    expect("sequential_float32", "a", R"("rezero_offset":3)", scaling, 4, 4, swap4, 0, apply4);
-    expect("sequential_float32", "hls_1", R"("rezero_offset":3)", plain, 4, 4, swap4, 0);
-    expect("sequential_float64", "a", kPrerun, scaling, 8, 8, swap8, 0, prerun8);
-    expect("sequential_float64", "a", kPrerun + R"(,"purpose":"x")", scaling, 8, 8, swap8, 0, apply8);
-    expect("sequential_float32", "a", R"("do_prerun_zero":false)", plain, 4, 4, swap4, 0);
-    expect("sequential_float32", "brg_1", kPrerun, plain, 4, 4, swap4, 0);
-    expect("sequential_float32", "brg_1", kPrerun + R"(,"scale":2)", scaling, 4, 4, swap4, 0, prerun4);
-    expect("message_raw", "a", "", proxyNode_ProxyReaderMessageRaw, 1, kVaries, none, 1);
-    expect("message_raw", "my_gps", "", nmea, 1, kVaries, none, 1);
-    expect("message_nmea", "gps", "", nmea, 1, kVaries, none, 1);
-    expect("message_can", "a", "", proxyNode_ProxyReaderMessageCAN, 21, 21, none, 1);
-    expect("message_xcp_ip", "a", "", proxyNode_ProxyReaderMessageXCPIP, 1, kVaries, none, 1);
-    expect("message_float32", "a", "", proxyNode_ProxyReaderMessageFloat, 12, 12, value4, 1);
-    expect("message_float32", "a", kHold, held, 12, 4, value4, 1);
-    expect("message_float64", "a", "", proxyNode_ProxyReaderMessageDouble, 16, 16, value8, 1);
-    expect("message_float64", "a", kHold, held, 16, 8, value8, 1);
-    expect("message_float32_ntp", "a", "", proxyNode_ProxyReaderMessageNTPFloat, 12, 12, none, 1);
-    expect("message_float32_ntp", "a", kHold, heldNtp, 12, 4, none, 1);
-    expect("message_float64_ntp", "a", "", proxyNode_ProxyReaderMessageNTPDouble, 16, 16, none, 1);
-    expect("message_float64_ntp", "a", kHold, heldNtp, 16, 8, none, 1);
-    expect("whatever", "x_pd806h", "", stream, 4, 4, nullptr, 0);
-    expect("message_float64", "pd806k", kHold, stream, 4, 8, nullptr, 0);
+    Dl_info info{};
+    if (!function || !dladdr(reinterpret_cast<void *>(function), &info) || !info.dli_sname)
+        return function ? "?" : "-";
+    std::string name = info.dli_sname;
+    for (const std::string room : {"proxyNode_", "ProxyReader", "streamProcessCANSignal"})
+        if (name.starts_with(room))
+            name.erase(0, room.size());
+    return name;
 }
 
-TEST(ProxyNodeCreate, StreamHandlersFollowCalibrationAndByteOrder)
+std::string describe(const ProxyNode &node)
 {
-    ErrorTrap errors;
-    const auto handlerOf = [](const char *connector, const char *more) {
-        const TestChannel channel(stanza("x", more, connector));
-        const auto *slots = static_cast<const StreamSlot *>(channel->channel_aux);
+    std::string aux = node.message_channel ? "message" : "-";
+    if (node.main_reader == proxyNode_ProxyReaderZNTStream) {
+        const auto *slots = static_cast<const StreamSlot *>(node.channel_aux);
         EXPECT_EQ(slots[15].handler, nullptr);
         EXPECT_EQ(slots[16].handler, slots[2047].handler);
-        return slots[16].handler;
-    };
-    EXPECT_EQ(handlerOf("pd806h", ""), streamProcessCANSignalNoScaling);
-    EXPECT_EQ(handlerOf("pd806k", ""), streamProcessCANSignalNoScalingLE);
-    EXPECT_EQ(handlerOf("pd806h", R"("offset":1)"), streamProcessCANSignalScaleOffset);
-    EXPECT_EQ(handlerOf("pd806k pd806h", R"("purpose":"x")"), streamProcessCANSignalScaleOffsetLE);
+        aux = nameOf(slots[16].handler);
+    } else if (node.channel_aux) {
+        aux += " receiver";
+    }
+    if (node.is_logical)
+        aux += " logical";
+    EXPECT_EQ(node.reader, proxyNode_ProxyReaderMarker);
+    return fmt::format("{} {}/{} {} {} {}", nameOf(node.main_reader), node.record_size,
+                       node.element_size == UINT32_MAX ? "?" : std::to_string(node.element_size),
+                       nameOf(node.byte_swap), nameOf(node.apply), aux);
+}
+
+TEST(ProxyNodeCreate, EveryKindGetsItsFieldsOrIsRefused)
+{
+    ErrorTrap errors;
+    std::map<std::string, std::string> shorthand = {
+        {"-", ""},
+        {"hold", R"("sample_rate":100,"stale_data_expiration_time":1,"invalid_data_output_value":-1)"}};
+    const auto lines = split(readText(VU_SOURCE_DIR "/tests/proxy/kinds.txt"), '\n');
+    ASSERT_FALSE(lines.empty());
+    for (const std::string &line : lines) {
+        std::istringstream words(line);
+        std::string json, connector, keys, wanted;
+        if (words >> json; json == "//")
+            continue;
+        if (json[0] != '{') {
+            words >> connector >> keys;
+            json = stanza(json, shorthand.contains(keys) ? shorthand[keys] : keys, connector);
+        }
+        std::getline(words >> std::ws, wanted);
+        const TestChannel channel(json);
+        EXPECT_EQ(channel.node ? describe(*channel.node) : PrintToString(errors.texts()), wanted) << line;
+    }
 }
 
 TEST(ProxyNodeCreate, SizesStandAnyRate)
@@ -114,29 +96,6 @@ TEST(ProxyNodeCreate, SizesStandAnyRate)
     EXPECT_EQ(TestChannel(stanza("message_float64", rest + "0.5"))->stale_ticks, 19'999'999);
     EXPECT_EQ(TestChannel(stanza("message_float64", rest + "1e300"))->stale_ticks, INT64_MAX - 1);
     EXPECT_EQ(TestChannel(stanza("message_float64", rest + "-1e400"))->held_value, 7.0);
-    EXPECT_EQ(TestChannel(stanza("message_can", R"("is_logical":"TRUE")"))->is_logical, 1);
-    EXPECT_EQ(TestChannel(stanza("message_can", R"("is_logical":true)"))->is_logical, 1);
-    EXPECT_EQ(TestChannel(stanza("message_can", R"("is_logical":"true")"))->is_logical, 0);
-}
-
-TEST(ProxyNodeCreate, SaysWhatItMisses)
-{
-    ErrorTrap errors;
-    const auto refuses = [&](const std::string &json, const char *message) {
-        EXPECT_FALSE(TestChannel(json).node);
-        EXPECT_THAT(errors.texts(), ElementsAre(::testing::StartsWith(message)));
-    };
-    const std::string live = R"("sample_rate":100,"stale_data_expiration_time":1)";
-    refuses("{", "Unable to parse JSON for proxy node:  ");
-    refuses(R"({"name":3,"data_type":"message_can"})", "Can not find 'name' in proxy node stanza");
-    refuses(R"({"name":"n","connector":"a"})", "Can not find 'data_type' in proxy node stanza");
-    refuses(R"({"name":"n","data_type":"message_can"})", "Can not find 'connector' in proxy node stanza");
-    refuses(stanza("message_canx"), "Unknown data_type: message_canx\n");
-    refuses(stanza("message_float32", R"("sample_rate":100)"), "Unable to get 'stale_data_expiration_time'");
-    refuses(stanza("message_float32", live), "Unable to get 'invalid_data_output_value'");
-    refuses(stanza("message_floaty", kHold, "pd806h"),
-            "Expected 'message_floatXX' data type, got 'message_floaty'");
-    refuses(stanza("message_float32", R"("sample_rate":1e400)"), "Invalid sample rate: inf");
 }
 
 TEST(ProxyNodeCreate, EveryFailedAllocationIsReportedAndLeavesNothing)

@@ -147,8 +147,8 @@ TEST(MessageRecords, ReachTheSignalsWholeAndFirst)
     xcp.send(record(Bytes().zeros(10).add("P")).add(record(Bytes().be(int64_t{4'000'000}).add("\xFF"))));
     for (Pipe *stream : streams)
         EXPECT_EQ(takeSamples<double>(stream), std::vector<double>(10, 'P'));
-    freeSequentializer(signal->sequentializer);
-    freeSequentializer(measurement->sequentializer);
+    releaseStream(signal->sequentializer);
+    releaseStream(measurement->sequentializer);
     free(signal->name);
     free(measurement->name);
 }
@@ -170,7 +170,7 @@ TEST(MessageRecords, ReachConsumersAsTheyCameThoughGpsSignalsCutThem)
     const auto frames = takeFrames(pipe);
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_EQ(frames[0].data, Bytes().le(8 + static_cast<uint32_t>(strlen(text))).le(int64_t{4}).add(text));
-    freeSequentializer(signal->sequentializer);
+    releaseStream(signal->sequentializer);
     for (char *owned : {signal->json, signal->name, signal->source_database})
         free(owned);
     free(signal->extractor);

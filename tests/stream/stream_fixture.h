@@ -61,7 +61,7 @@ struct StreamChannel : TestChannel {
     ~StreamChannel()
     {
         for (CanSignalNode *signal : {rawSpeed, speed, torque}) {
-            freeSequentializer(signal->sequentializer);
+            releaseStream(signal->sequentializer);
             free(signal->config);
             free(signal->name);
             free(signal);

@@ -128,7 +128,7 @@ TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
         EXPECT_EQ(channel.errors.rezeros().empty(), !form.scaled);
         EXPECT_EQ(memory.count(), 0);
         EXPECT_GT(next, 1000);
-        freeSequentializer(slow);
+        releaseStream(slow);
     }
 }
 

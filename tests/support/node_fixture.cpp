@@ -1,6 +1,5 @@
 #include "tests/support/node_fixture.h"
 
-#include <array>
 #include <cstdlib>
 #include <ev.h>
 #include <gtest/gtest.h>
@@ -13,19 +12,6 @@ namespace vu::test {
 namespace {
 
 constexpr int kSpinning = 200'000; // events at a stretch that no test needs
-
-std::array<int, 2> socketPair()
-{
-    std::array<int, 2> ends{-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends.data()), 0);
-    return ends;
-}
-
-bool readable(int fd)
-{
-    pollfd asked{fd, POLLIN, 0};
-    return poll(&asked, 1, 0) == 1;
-}
 
 } // namespace
 
@@ -50,29 +36,15 @@ std::vector<FrameCopy> takeFrames(Pipe *pipe)
         const auto *data = static_cast<const uint8_t *>(frame->data);
         copy.data.assign(data, data + size_t{frame->length} * frame->element_size);
         frameDelete(frame);
-        copies.push_back(std::move(copy));
+        copies.push_back(copy);
     }
     return copies;
 }
 
-void freeSequentializer(Sequentializer *seq)
-{
-    if (!seq)
-        return;
-    while (seq->pipes && seq->pipes->first)
-        pipeDetachPipe(seq->pipes, seq->pipes->first);
-    std::free(seq->current_frame);
-    while (Frame *frame = seq->free_frames) {
-        seq->free_frames = frame->next;
-        std::free(frame);
-    }
-    std::free(seq->clock);
-    destroySequentializer(seq);
-}
-
 TestChannel::TestChannel(const std::string &stanza, double pipeRate)
     : node([&] {
-          const auto ends = socketPair();
+          int ends[2] = {-1, -1};
+          EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
           near = ends[0];
           far = ends[1];
           return proxyNode_Create(stanza.c_str(), near, pipeRate);
@@ -131,13 +103,12 @@ std::string TestChannel::heard()
 int TestChannel::run()
 {
     int events = 0;
-    while (ev_is_active(node->watcher) && node->fd >= 0 && readable(node->fd)) {
+    for (pollfd asked{near, POLLIN, 0}; events < kSpinning; events++) {
+        if (!ev_is_active(node->watcher) || node->fd < 0 || poll(&asked, 1, 0) != 1)
+            return events;
         ev_run(ev_default_loop(0), EVRUN_NOWAIT);
-        if (++events == kSpinning) {
-            ADD_FAILURE() << "the loop spins";
-            break;
-        }
     }
+    ADD_FAILURE() << "the loop spins";
     return events;
 }
 

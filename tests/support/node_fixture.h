@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "libvu/proxy/proxy_node.h"
-#include "libvu/time/sequentializer.h"
+#include "tests/support/release_stream.h"
 
 namespace vu::test {
 
@@ -20,28 +20,18 @@ class Bytes : public std::vector<uint8_t> {
 public:
     using std::vector<uint8_t>::vector;
 
-    template <typename T>
-    Bytes &be(T value)
-    {
-        return append(value, true);
-    }
-    template <typename T>
-    Bytes &le(T value)
-    {
-        return append(value, false);
-    }
+    Bytes &be(auto value) { return append(value, true); }
+    Bytes &le(auto value) { return append(value, false); }
     Bytes &add(std::span<const uint8_t> bytes) { return insert(end(), bytes.begin(), bytes.end()), *this; }
     Bytes &add(std::string_view text) { return insert(end(), text.begin(), text.end()), *this; }
     Bytes &zeros(size_t count) { return resize(size() + count), *this; }
 
 private:
-    template <typename T>
-    Bytes &append(T value, bool big)
+    Bytes &append(auto value, bool big)
     {
-        uint8_t bytes[sizeof(T)];
-        std::memcpy(bytes, &value, sizeof value);
-        for (size_t i = 0; i < sizeof(T); i++)
-            push_back(bytes[big ? sizeof(T) - 1 - i : i]);
+        const auto *bytes = reinterpret_cast<const uint8_t *>(&value);
+        for (size_t i = 0; i < sizeof value; i++)
+            push_back(bytes[big ? sizeof value - 1 - i : i]);
         return *this;
     }
 };
@@ -90,9 +80,6 @@ std::vector<T> takeSamples(Pipe *pipe)
             all.push_back(sample);
     return all;
 }
-
-// Detaches all pipes; frees the clock, the frames and the record. Null is fine.
-void freeSequentializer(Sequentializer *seq);
 
 // What a host owns of a channel, gone with the object: node and all that hangs on it, pipes, both sockets.
 // Signals and sets on the node stay the test's. A node that could not be made is null.

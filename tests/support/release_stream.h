@@ -7,11 +7,12 @@
 
 namespace vu::test {
 
-// Everything that destroySequentializer() leaves to the host. Its pipes hold no frame any more.
+// Detaches all pipes, then frees everything that destroySequentializer() leaves to the host.
 inline void releaseStream(Sequentializer *seq)
 {
-    if (seq->current_frame)
-        frameDelete(seq->current_frame);
+    while (seq->pipes && seq->pipes->first)
+        pipeDetachPipe(seq->pipes, seq->pipes->first);
+    free(seq->current_frame);
     while (Frame *frame = seq->free_frames) {
         seq->free_frames = frame->next;
         free(frame);

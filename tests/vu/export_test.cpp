@@ -72,7 +72,8 @@ TEST_F(Export, EveryLineOfTheFile)
         std::replace(found.begin(), found.end(), '\n', '|');
         EXPECT_THAT(found, HasSubstr(line.substr(said + 3)));
     }
-    EXPECT_EQ(runVu({"export", gaps.path, "-o", out}).status, 2) << "nothing is overwritten unasked";
+    EXPECT_EQ(runVu({"export", gaps.path, "--format", "npy", "-o", out}).status, 2)
+        << "nothing is overwritten unasked";
 }
 
 // Every float is printed so that it reads back as the same one; the other values pass through double as they

@@ -130,7 +130,7 @@ TEST(Description, WarnsWhereATypeCannotHoldTheRange)
         store.element = type;
         const double most =
             std::ldexp(1.0, static_cast<int>(8 * elementSize(type)) - (type[0] == 'u' ? 0 : 1));
-        EXPECT_THAT(rangeWarning(store, 0, most * 0.999), IsEmpty()) << type;
+        EXPECT_THAT(rangeWarning(store, 0, most * 0.99), IsEmpty()) << type;
         EXPECT_THAT(rangeWarning(store, 0, most), HasSubstr(type));
         EXPECT_EQ(rangeWarning(store, -1, 0).empty(), type[0] != 'u');
     }

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include "tests/support/split.h"
 #include "tests/vu/source_process.h"
 #include "vu/source/nmea_live.h"
 #include "vu/source/nmea_log.h"
@@ -17,33 +18,24 @@ using ::testing::HasSubstr;
 constexpr int64_t kSecond = 40'000'000;
 constexpr int64_t kQuarter = kSecond / 4;
 
-struct Event {
-    int64_t ticks;
-    std::string text; // without its line end
-    bool operator==(const Event &) const = default;
-};
-void PrintTo(const Event &event, std::ostream *out)
+// Every record without its line end.
+std::vector<Timed> eventsOf(const Stream &stream)
 {
-    *out << static_cast<double>(event.ticks) / kSecond << ' ' << event.text;
-}
-
-std::vector<Event> eventsOf(const std::vector<Bytes> &records)
-{
-    std::vector<Event> events;
-    for (const Bytes &body : records) {
+    std::vector<Timed> events;
+    for (const Bytes &body : stream.records) {
         std::string text(body.begin() + 8, body.end());
         EXPECT_TRUE(!text.starts_with("#hb") || body.size() == 13);
         text.erase(text.find_last_not_of("\r\n") + 1);
-        events.push_back({numberAt<int64_t>(body, 0), text});
+        events.emplace_back(numberAt<int64_t>(body, 0), text);
     }
     return events;
 }
 
 // The sentences, after a look at what came between them: heartbeats a third of a second apart that never
 // overtake a value, and, where `pulses`, one at each whole second ahead of what came after it.
-std::vector<Event> sentencesOf(const std::vector<Event> &events, bool pulses)
+std::vector<Timed> sentencesOf(const std::vector<Timed> &events, bool pulses)
 {
-    std::vector<Event> sentences;
+    std::vector<Timed> sentences;
     int64_t pulse = 0, told = -kQuarter, latest = 0;
     for (size_t i = 0; i < events.size(); ++i) {
         const auto &[ticks, text] = events[i];
@@ -53,9 +45,8 @@ std::vector<Event> sentencesOf(const std::vector<Event> &events, bool pulses)
             pulse += kSecond;
         } else if (text == "#hb") {
             EXPECT_GT(ticks, told);
-            const int64_t spacing =
-                i + 1 < events.size() ? kSecond / 3 + 1 : kSecond * 2; // the last tells the end
-            EXPECT_LE(ticks - told, spacing);
+            EXPECT_LE(ticks - told,
+                      i + 1 < events.size() ? kSecond / 3 + 1 : kSecond * 2); // the last: the end
             told = ticks;
         } else {
             EXPECT_GE(ticks, told + kQuarter);
@@ -64,41 +55,38 @@ std::vector<Event> sentencesOf(const std::vector<Event> &events, bool pulses)
             sentences.push_back(events[i]);
         }
     }
-    EXPECT_TRUE(!events.empty() && events.back().text == "#hb");
+    EXPECT_TRUE(!events.empty() && events.back().second == "#hb");
     return sentences;
 }
 
 TEST(NmeaLine, IsASentenceWithAFittingChecksumOrNone)
 {
-    const auto check = [](std::vector<std::string> lines, NmeaLine::Kind kind, int64_t arrival = -1) {
+    using Kind = NmeaLine::Kind;
+    const std::string sound = "$GPZDA,000000.70,01,08,2014,,*6F";
+    const std::tuple<Kind, int64_t, Strings> table[] = {
+        {Kind::Sentence, -1, {sound, "  $GPZDA,000000.70,01,08,2014,,*6f \r", "$GPGSA,A,3"}},
+        {Kind::Sentence, 1406851200 * kSecond + 32'560'000, {"2014-08-01T00:00:00.814000Z " + sound}},
+        {Kind::Sentence, kSecond * 25 / 2, {"12.5 " + sound}},
+        {Kind::Bad, -1, {"2014-13-01T00:00:00Z " + sound, "$GPZDA,000000.71,01,08,2014,,*6F", sound + "F"}},
+        {Kind::Bad, -1, {"$GPGSA*", "$", "$GP\x01GSA", "GPGSA,A,3"}},
+        {Kind::Blank, -1, {"", "   \r", "# Name: a receiver"}}};
+    for (const auto &[kind, arrival, lines] : table)
         for (const std::string &line : lines) {
             const NmeaLine got = parseNmeaLine(line);
             EXPECT_EQ(got.kind, kind) << line;
             EXPECT_EQ(got.arrival.value_or(-1), arrival) << line;
-            EXPECT_EQ(got.sentence.starts_with('$'), kind == NmeaLine::Kind::Sentence) << line;
+            EXPECT_EQ(got.sentence.starts_with('$'), kind == Kind::Sentence) << line;
         }
-    };
-    const std::string sound = "$GPZDA,000000.70,01,08,2014,,*6F";
-    check({sound, "  $GPZDA,000000.70,01,08,2014,,*6f \r", "$GPGSA,A,3"}, NmeaLine::Kind::Sentence);
-    check({"2014-08-01T00:00:00.814000Z " + sound}, NmeaLine::Kind::Sentence,
-          1406851200 * kSecond + 32'560'000);
-    check({"12.5 " + sound}, NmeaLine::Kind::Sentence, kSecond * 25 / 2);
-    check({"2014-13-01T00:00:00Z " + sound, "$GPZDA,000000.71,01,08,2014,,*6F", sound + "F", "$GPGSA*", "$",
-           "$GP\x01GSA", "GPGSA,A,3"},
-          NmeaLine::Kind::Bad);
-    check({"", "   \r", "# Name: a receiver"}, NmeaLine::Kind::Blank);
 }
 
 TEST(FixTimes, FollowTheTimesOfDay)
 {
     FixTimes fixes;
-    const std::vector<std::string> sentences = words(
-        "$GPGSA,A,1 $GPRMC,,V $GPGGA,, $GPRMC,,V $GPRMC,235957.5,A $GPGLL,1,2 $GNGGA,235957.50, "
-        "$GPZDA,235958.000 "
-        "$GPRMC,235959.9,A $GPRMC,000000,A $PRTLT,000000.25 $GPRMC,010000,A $GPRMC,,V $GPGGA,, $GPRMC,,V "
-        "$GPRMC,010002.5,A $GPRMC,005000,A $GPGSV,1 $GPRMC,005001,A $GPRMC,256000,A");
     std::vector<double> seconds;
-    for (const std::string &sentence : sentences)
+    for (const std::string &sentence : words(
+             "$GPGSA,A,1 $GPRMC,,V $GPGGA,, $GPRMC,,V $GPRMC,235957.5,A $GPGLL,1,2 $GNGGA,235957.50, "
+             "$GPZDA,235958.000 $GPRMC,235959.9,A $GPRMC,000000,A $PRTLT,000000.25 $GPRMC,010000,A $GPRMC,,V "
+             "$GPGGA,, $GPRMC,,V $GPRMC,010002.5,A $GPRMC,005000,A $GPGSV,1 $GPRMC,005001,A $GPRMC,256000,A"))
         seconds.push_back(static_cast<double>(fixes.of(sentence)) / kSecond);
     EXPECT_THAT(seconds, ElementsAre(0, 0, 0, 1, 2.5, 2.5, 2.5, 3, 4.9, 5, 5.25, 3605, 3606, 3606, 3607,
                                      3607.5, 3608, 3608, 3609, 3610));
@@ -106,12 +94,12 @@ TEST(FixTimes, FollowTheTimesOfDay)
 
 class ReceiverLog : public ::testing::Test {
 protected:
-    std::vector<Event> play(const std::string &text, const std::string &more = "--pps")
+    std::vector<Timed> play(const std::string &text, const std::string &more = "--pps")
     {
         const TempDir folder;
-        writeText(folder.path("a.nmea"), text);
-        return eventsOf(
-            replay("nmea --speed 0 " + folder.path("a.nmea").string() + ' ' + more, 0, &said).records);
+        const std::string log = folder.path("a.nmea");
+        writeText(log, text);
+        return eventsOf(replay("nmea --speed 0 " + log + ' ' + more, 0, &said));
     }
     std::string said;
 };
@@ -121,30 +109,28 @@ TEST_F(ReceiverLog, OfBareSentencesIsPacedByThem)
     const std::string log = "# a comment\n$GPRMC,120000.000,A\n$GPGGA,120000.000,1\n"
                             "$GPRMC,120000.500,A*00\n$GPRMC,120001.500,A\n";
     const auto events = play(log, "--pps --latency 0.2 --tail 0.4");
-    EXPECT_THAT(sentencesOf(events, true), ElementsAre(Event{kSecond / 5, "$GPRMC,120000.000,A"},
-                                                       Event{kSecond / 5, "$GPGGA,120000.000,1"},
-                                                       Event{kSecond * 17 / 10, "$GPRMC,120001.500,A"}));
-    EXPECT_EQ(events.back(), (Event{kSecond * 21 / 10, "#hb"}));
-    EXPECT_EQ(events.front(), (Event{0, "#pps"}));
+    EXPECT_THAT(sentencesOf(events, true), ElementsAre(Timed(kSecond / 5, "$GPRMC,120000.000,A"),
+                                                       Timed(kSecond / 5, "$GPGGA,120000.000,1"),
+                                                       Timed(kSecond * 17 / 10, "$GPRMC,120001.500,A")));
+    EXPECT_EQ(events.back(), (Timed(kSecond * 21 / 10, "#hb")));
+    EXPECT_EQ(events.front(), (Timed(0, "#pps")));
     EXPECT_THAT(said, HasSubstr("a.nmea:4: '$GPRMC,120000.500,A*00'"));
     sentencesOf(play(log, ""), false);
 }
 
 TEST_F(ReceiverLog, OfTimedSentencesIsPacedByTheirArrival)
 {
-    const auto sentences =
-        sentencesOf(play("2014-08-01T00:00:59.75Z $GPGSA,A\n2014-08-01T00:01:01.5Z $GPGSA,B\n"
-                         "2014-08-01T00:01:01.45Z $GPGSA,C\n$GPGSA,D\n"),
-                    true);
-    EXPECT_THAT(sentences,
-                ElementsAre(Event{kSecond * 3 / 4, "$GPGSA,A"}, Event{kSecond * 5 / 2, "$GPGSA,B"},
-                            Event{kSecond * 49 / 20, "$GPGSA,C"}, Event{kSecond * 5 / 2, "$GPGSA,D"}));
+    EXPECT_THAT(sentencesOf(play("2014-08-01T00:00:59.75Z $GPGSA,A\n2014-08-01T00:01:01.5Z $GPGSA,B\n"
+                                 "2014-08-01T00:01:01.45Z $GPGSA,C\n$GPGSA,D\n"),
+                            true),
+                ElementsAre(Timed(kSecond * 3 / 4, "$GPGSA,A"), Timed(kSecond * 5 / 2, "$GPGSA,B"),
+                            Timed(kSecond * 49 / 20, "$GPGSA,C"), Timed(kSecond * 5 / 2, "$GPGSA,D")));
 }
 
 // The wires of a receiver, played by a script.
 class ScriptedReceiver : public ReceiverPort {
 public:
-    std::deque<Event> pieces; // characters as they come
+    std::deque<Timed> pieces; // characters as they come
     std::deque<int64_t> pulses;
     int64_t now = 7'000'000'000;
     int descriptor() const override { return -1; }
@@ -154,19 +140,17 @@ public:
     {
         if (pieces.empty())
             return std::nullopt;
-        if (pieces.front().ticks > now)
+        if (pieces.front().first > now)
             return 0;
-        const std::string text = pieces.front().text;
+        const std::string text = pieces.front().second;
         pieces.pop_front();
         return text.copy(to.data(), to.size());
     }
     std::optional<int64_t> pulseTicks() override
     {
         std::optional<int64_t> latest;
-        while (!pulses.empty() && pulses.front() <= now) {
+        for (; !pulses.empty() && pulses.front() <= now; pulses.pop_front())
             latest = pulses.front();
-            pulses.pop_front();
-        }
         return latest;
     }
 };
@@ -190,7 +174,7 @@ TEST(LiveReceiver, StampsSentencesByTheirBeginningAndPulsesByTheirOwn)
     while (receiver.take(wire, wake))
         script.now = std::max(script.now + 1, start + wake);
     std::vector<std::string> got;
-    for (const auto &[ticks, text] : eventsOf(cut(wire).records)) {
+    for (const auto &[ticks, text] : eventsOf(cut(wire))) {
         got.push_back(
             fmt::format("{:.2f} {}", std::floor(static_cast<double>(ticks) / kSecond * 20) / 20, text));
         EXPECT_TRUE(text != "#pps" || ticks % kSecond == kSecond / 2); // to the tick
@@ -208,12 +192,10 @@ TEST(SimulatedReceiver, PassesMidnightAndLosesThePulsesItIsToldTo)
         "0");
     std::vector<int64_t> pulses;
     int fixes = 0;
-    for (const auto &[ticks, text] : eventsOf(stream.records)) {
+    for (const auto &[ticks, text] : eventsOf(stream)) {
         if (text == "#pps")
             pulses.push_back(ticks / kSecond);
-        if (text.starts_with('$')) {
-            EXPECT_EQ(parseNmeaLine(text).kind, NmeaLine::Kind::Sentence) << text;
-        }
+        EXPECT_EQ(parseNmeaLine(text).kind == NmeaLine::Kind::Sentence, text[0] == '$') << text;
         if (!text.starts_with("$GPRMC"))
             continue;
         const int second = (58 + fixes / 10) % 60;

@@ -150,7 +150,8 @@ bool has(const std::string &text, const char *part)
     return text.find(part) != std::string::npos;
 }
 
-void chooseKind(Fields &stanza, Channel &channel)
+// False if the stanza does not tell.
+bool chooseKind(Fields &stanza, Channel &channel)
 {
     const std::string dataType = stanza.text("data_type");
     const std::string connector = stanza.text("connector");
@@ -158,7 +159,7 @@ void chooseKind(Fields &stanza, Channel &channel)
     if (has(connector, "pd806h") || has(connector, "pd806k")) {
         channel.kind = ChannelKind::kStream;
         channel.little = has(connector, "pd806k");
-        return;
+        return true;
     }
     if (!type) {
         if (!dataType.empty())
@@ -167,13 +168,14 @@ void chooseKind(Fields &stanza, Channel &channel)
                                   "message_raw, message_nmea, message_can, "
                                   "message_xcp_ip, message_float32[_ntp] or "
                                   "message_float64[_ntp]");
-        return;
+        return false;
     }
     channel.kind = type->kind;
     channel.wide = type->wide;
     channel.ntp = type->ntp;
     if (channel.kind == ChannelKind::kBytes && has(connector, "gps"))
         channel.kind = ChannelKind::kNmea;
+    return true;
 }
 
 void checkStartTime(Fields &stanza)
@@ -203,11 +205,11 @@ bool carriesSignals(ChannelKind kind)
 void readChannelStanza(Fields &stanza, Channel &channel, std::vector<std::string> &warnings)
 {
     channel.name = stanza.text("name");
-    chooseKind(stanza, channel);
+    const bool known = chooseKind(stanza, channel);
     checkStartTime(stanza);
     stanza.text("purpose", "");
     channel.prerun_zero = stanza.flag("do_prerun_zero", false) && !stanza.has("purpose");
-    if (channel.kind == ChannelKind::kSequential)
+    if (known && channel.kind == ChannelKind::kSequential)
         channel.sample_rate = stanza.number("sample_rate", kSampleRate);
     else if (channel.kind == ChannelKind::kFloats && stanza.has("sample_rate"))
         channel.sample_rate = stanza.number("sample_rate", kSampleRate);
