@@ -59,10 +59,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const auto body = bytes.ConsumeRemainingBytes<uint8_t>();
     const size_t count = body.size() / sizeof(CanRecord);
     std::vector<CanRecord> batch(count), alone;
-    if (count)
-        std::memcpy(batch.data(), body.data(), count * sizeof(CanRecord));
-    for (CanRecord &record : batch) // so that many of them match
-        record.id[0] = record.id[1] = record.id[2] = 0;
+    for (size_t i = 0; i < count; i++) {
+        std::memcpy(&batch[i], &body[i * sizeof(CanRecord)], sizeof(CanRecord));
+        std::memset(batch[i].id, 0, 3); // so that many of them match
+    }
     alone = batch;
     can_set_process(set, batch.data(), static_cast<uint32_t>(count));
     canProcessSignals(list, alone.data(), static_cast<int32_t>(count));
@@ -71,17 +71,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             batch[i].timestamp[0] != body[i * sizeof(CanRecord) + 7])
             __builtin_trap();
 
-    for (CanSetSignal *signal : signals) {
-        std::free(signal->name);
-        vu::test::releaseStream(signal->sequentializer);
-    }
+    for (CanSetSignal *signal : signals)
+        vu::test::releaseSignal(signal);
     can_set_destroy(set);
     std::free(set);
     while (CanSignalNode *node = list) {
         list = node->next;
-        std::free(node->name);
+        vu::test::releaseSignal(node);
         std::free(node->config);
-        vu::test::releaseStream(node->sequentializer);
         std::free(node);
     }
     return 0;

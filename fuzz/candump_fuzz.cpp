@@ -1,5 +1,6 @@
 // Any text as a line of a candump log. Besides the sanitizers' checks: a frame is one that CAN can carry, its
 // time fits, and written as a line again it reads the same.
+#include <algorithm>
 #include <cstdlib>
 #include <fmt/format.h>
 
@@ -8,12 +9,6 @@
 using vu::CandumpLine;
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 std::string written(const CandumpLine &line)
 {
@@ -32,15 +27,14 @@ std::string written(const CandumpLine &line)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const CandumpLine line = vu::parseCandumpLine({reinterpret_cast<const char *>(data), size});
-    if (line.kind != CandumpLine::Kind::Frame)
+    const auto [kind, ticks, frame] = vu::parseCandumpLine({reinterpret_cast<const char *>(data), size});
+    if (kind != CandumpLine::Kind::Frame)
         return 0;
-    require(line.frame.length <= 8 && line.frame.id <= (line.frame.extended ? 0x1FFFFFFFu : 0x7FFu));
-    for (size_t i = line.frame.remote ? 0 : line.frame.length; i < 8; ++i)
-        require(line.frame.data[i] == 0);
-    require(line.ticks.value_or(0) >= 0);
-    const CandumpLine again = vu::parseCandumpLine(written(line));
-    require(again.kind == CandumpLine::Kind::Frame && again.frame == line.frame &&
-            again.ticks == line.ticks.value_or(0));
+    const CandumpLine again = vu::parseCandumpLine(written({kind, ticks, frame}));
+    const auto unused = frame.data.begin() + (frame.remote ? 0 : std::min<int>(frame.length, 8));
+    if (frame.length > 8 || frame.id > (frame.extended ? 0x1FFFFFFFu : 0x7FFu) || ticks.value_or(0) < 0 ||
+        std::any_of(unused, frame.data.end(), [](uint8_t byte) { return byte != 0; }) || again.kind != kind ||
+        again.frame != frame || again.ticks != ticks.value_or(0))
+        std::abort();
     return 0;
 }

@@ -1,8 +1,6 @@
 // A stream channel with a signal, for fuzz targets that play the module.
 #pragma once
 
-#include <string>
-
 #include "fuzz/fuzz_node.h"
 #include "libvu/bus/can_signal.h"
 #include "libvu/stream/metainfo.h"
@@ -29,9 +27,9 @@ struct FuzzModule : FuzzNode {
     {
         if (node->heartbeat)
             ev_timer_stop(ev_default_loop(0), node->heartbeat);
-        vu::test::releaseStream(signal->sequentializer);
-        for (void *owned : {static_cast<void *>(node->heartbeat), static_cast<void *>(signal->name),
-                            static_cast<void *>(signal->config), static_cast<void *>(signal)})
-            std::free(owned);
+        vu::test::releaseSignal(signal);
+        std::free(node->heartbeat);
+        std::free(signal->config);
+        std::free(signal);
     }
 };

@@ -22,8 +22,8 @@ struct FuzzNode {
 
     explicit FuzzNode(const char *stanza)
     {
-        libvuErrorCallback = libvuCriticalErrorCallback = [](const char *) { return 1; };
-        libvuChannelDisconnectCallback = [](const char *) { return 1; };
+        libvuErrorCallback = libvuCriticalErrorCallback =
+            libvuChannelDisconnectCallback = [](const char *) { return 1; };
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends))
             std::abort();
         node = proxyNode_Create(stanza, ends[0], 10.0);
@@ -39,8 +39,8 @@ struct FuzzNode {
         while (node->pipes.first)
             pipeDetachPipe(&node->pipes, node->pipes.first);
         frameDelete(node->frame);
-        for (void *owned : {static_cast<void *>(node->inbuf.buf), static_cast<void *>(node->name),
-                            node->channel_aux, static_cast<void *>(node->watcher), static_cast<void *>(node)})
+        for (void *owned : std::initializer_list<void *>{node->inbuf.buf, node->name, node->channel_aux,
+                                                         node->watcher, node})
             std::free(owned);
     }
     FuzzNode(const FuzzNode &) = delete;

@@ -1,23 +1,20 @@
 // Detectors of arbitrary limits and rates over arbitrary frames. Besides the sanitizers' checks: every run
 // ends, and what comes out is yes or no, numbered without a gap, at most a ring's worth a run.
 #include <cstdlib>
-#include <cstring>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <vector>
 
 #include "libvu/core/callbacks.h"
+#include "libvu/monitor/element_access.h"
 #include "libvu/monitor/over_range.h"
 
 namespace {
 
 Frame *arbitraryFrame(FuzzedDataProvider &input, uint32_t elementSize)
 {
-    const auto bytes = input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(0, 64) * elementSize);
-    Frame *frame = frameCreate(uint32_t(bytes.size()) / elementSize, elementSize, nullptr);
-    frame->length = frame->capacity;
+    Frame *frame = frameCreate(input.ConsumeIntegralInRange(0u, 64u), elementSize, nullptr);
+    frame->length = uint32_t(input.ConsumeData(frame->data, frame->capacity * elementSize)) / elementSize;
     frame->start = input.ConsumeBool() ? input.ConsumeIntegral<int64_t>() : input.ConsumeIntegral<uint8_t>();
-    if (frame->length > 0)
-        memcpy(frame->data, bytes.data(), size_t{frame->length} * elementSize);
     return frame;
 }
 
@@ -28,24 +25,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     libvuErrorCallback = libvuCriticalErrorCallback = [](const char *) { return 1; };
     FuzzedDataProvider input(data, size);
     const auto rate = [&] {
-        const double usual[] = {0.1, 1, 10, 1000, 32000};
-        return input.ConsumeBool() ? usual[input.ConsumeIntegralInRange(0, 4)]
+        return input.ConsumeBool() ? input.PickValueInArray({0.1, 1.0, 10.0, 1000.0, 32000.0})
                                    : input.ConsumeFloatingPoint<double>();
     };
-    PipeList lists[4] = {};
+    PipeList inputs = {}, output = {};
     std::vector<OverRngChannelConfig> channels(input.ConsumeIntegralInRange<size_t>(0, 3));
-    for (size_t i = 0; i < channels.size(); i++) {
-        channels[i] = {"c",
-                       rate(),
-                       uint8_t(input.ConsumeIntegralInRange(0, 4)),
-                       input.ConsumeBool(),
-                       uint16_t(input.ConsumeBool() ? 4 : 8),
-                       input.ConsumeFloatingPoint<double>(),
-                       input.ConsumeFloatingPoint<double>(),
-                       pipeAttachPipe(&lists[i])};
+    for (OverRngChannelConfig &channel : channels) {
+        const auto mode = input.ConsumeIntegralInRange<uint8_t>(0, 4);
+        const auto width = input.PickValueInArray<uint16_t>({4, 8});
+        const double lower = input.ConsumeFloatingPoint<double>(),
+                     upper = input.ConsumeFloatingPoint<double>();
+        channel = {"c", rate(), mode, input.ConsumeBool(), width, lower, upper, pipeAttachPipe(&inputs)};
     }
-    Pipe *const out = pipeAttachPipe(&lists[3]);
-    const OverRngModuleConfig config{"m", rate(), uint32_t(channels.size()), &lists[3]};
+    Pipe *const out = pipeAttachPipe(&output);
+    const OverRngModuleConfig config{"m", rate(), uint32_t(channels.size()), &output};
     const int32_t id = Over_Rng_Detect_init(&config, channels.data());
     int64_t next = 0;
     while (id >= 0 && input.remaining_bytes() > 0) {
@@ -58,8 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (out->queued > 4095)
             abort();
         while (Frame *frame = pipeGetFrame(out)) {
-            double value;
-            memcpy(&value, frame->data, sizeof value);
+            const double value = frameBuf64Reader(frame, 0);
             if (frame->start != next++ || (value != 0.0 && value != 1.0))
                 abort();
             frameDelete(frame);
@@ -67,8 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     if (id >= 0)
         Over_Rng_Detect_stop(id);
-    for (PipeList &list : lists)
-        while (list.first)
-            pipeDetachPipe(&list, list.first);
+    while (inputs.first)
+        pipeDetachPipe(&inputs, inputs.first);
+    pipeDetachPipe(&output, out);
     return 0;
 }

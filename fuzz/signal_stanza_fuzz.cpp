@@ -37,9 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (CanSignalNode *node = canSignalInit(text.c_str())) {
         std::vector<uint8_t> payload(8, 0xA5); // its end is guarded
         node->handler(node, payload.data());
-        std::free(node->name);
+        vu::test::releaseSignal(node);
         std::free(node->config);
-        vu::test::releaseStream(node->sequentializer);
         std::free(node);
     }
     CanSet *set = can_set_create();
@@ -48,8 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         std::memcpy(record.id, &set->groups[0].id, sizeof record.id);
         can_set_finalize(set);
         can_set_process(set, &record, 1);
-        std::free(signal->name);
-        vu::test::releaseStream(signal->sequentializer);
+        vu::test::releaseSignal(signal);
     }
     can_set_destroy(set);
     std::free(set);
@@ -57,8 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (XcpMeasurement *one = xcp_ip_set_add_measurement(measurements, text.c_str())) {
         const std::vector<uint8_t> value(one->value_size, 0xA5);
         one->read_value(value.data());
-        std::free(one->name);
-        vu::test::releaseStream(one->sequentializer);
+        vu::test::releaseSignal(one);
     }
     xcp_ip_set_destroy(measurements);
     return 0;

@@ -19,22 +19,10 @@ void vsyslog(int, const char *, va_list) {}
 
 namespace {
 
-const char *const kNames[] = {"sequential_float32", "sequential_float64", "message_float32",
-                              "message_float64",    "message_float",      "sequential_int16",
-                              "sequential_uint8"};
-
 void require(bool holds)
 {
     if (!holds)
         std::abort();
-}
-
-std::string typeName(FuzzedDataProvider &input, const char *kind)
-{
-    if (input.ConsumeIntegralInRange(0, 9) == 0)
-        return input.ConsumeRandomLengthString(20);
-    return kind + std::string(input.PickValueInArray({"_uint", "_int", "_float"})) +
-           std::to_string(input.PickValueInArray({8, 16, 32, 64, 24}));
 }
 
 // Queues a frame of arbitrary bytes that may claim any element size; the samples or records in it.
@@ -62,22 +50,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const int file = memfd_create("krd", 0);
     static KRDBuffer record;
+    record = {};
     libvuErrorCallback = [](const char *) { return 1; };
     FuzzedDataProvider input(data, size);
     PipeList list = {};
-    std::memset(static_cast<void *>(&record), 0, sizeof record);
     record.fd = file;
     record.name = "fuzz";
     record.pipe = pipeAttachPipe(&list);
     record.iov[0] = {&record.block_size_word, KRD_HEADER_SIZE};
     record.sample_limit = input.ConsumeBool() ? -1 : input.ConsumeIntegralInRange<int64_t>(0, 400);
-    record.uniform_frames = 1;
-    record.no_position = 1;
+    record.uniform_frames = record.no_position = 1;
     record.scale = input.ConsumeBool() ? 1.0 : input.ConsumeFloatingPoint<double>();
     record.offset = input.ConsumeBool() ? 0.0 : input.ConsumeFloatingPoint<double>();
+    // What is stored can be foretold of known names alone.
     const bool known = input.ConsumeIntegralInRange(0, 9) > 0;
-    const std::string source = known ? input.PickValueInArray(kNames) : input.ConsumeRandomLengthString(20);
-    const std::string destination = typeName(input, source[0] == 'm' ? "message" : "sequential");
+    const std::string source =
+        known ? input.PickValueInArray({"sequential_float32", "sequential_float64", "message_float32",
+                                        "message_float64", "message_float", "sequential_int16",
+                                        "sequential_uint8"})
+              : input.ConsumeRandomLengthString(20);
+    std::string destination = source[0] == 'm' ? "message" : "sequential";
+    if (input.ConsumeIntegralInRange(0, 9) == 0)
+        destination = input.ConsumeRandomLengthString(20);
+    else
+        destination += input.PickValueInArray({"_uint", "_int", "_float"}) +
+                       std::to_string(input.PickValueInArray({8, 16, 32, 64, 24}));
     const bool sequential = input.ConsumeBool();
     KRDBuffer_set_storage_convert(&record, source.c_str(), destination.c_str(), sequential,
                                   input.PickValueInArray({"rle", "", "RLE"}));
@@ -95,8 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         require((stored > 0) <= (written > 0) && lseek(file, 0, SEEK_END) == static_cast<off_t>(written));
         if (written == 0 || !record.pipe_filter || record.sample_limit >= 0 || !known)
             continue;
-        // An element for each sample, or at most a pair; a NaN at the very first leaves one pair of none
-        // more.
+        // A NaN at the very first leaves one pair of none more.
         const size_t element_size = record.convertor->element_size + (bare ? 0 : sizeof(int64_t));
         require(written == stored * static_cast<double>(element_size) + 20);
         require(record.rle_extra ? std::fmod(stored, 2) == 0 && stored / 2 <= samples + 1

@@ -46,10 +46,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             if ((set->measurements[i]->sequentializer->expiry_tick != INT64_MIN) != named[i])
                 __builtin_trap();
     }
-    for (uint32_t i = 0; i < set->count; i++) {
-        std::free(set->measurements[i]->name);
-        vu::test::releaseStream(set->measurements[i]->sequentializer);
-    }
+    for (uint32_t i = 0; i < set->count; i++)
+        vu::test::releaseSignal(set->measurements[i]);
     xcp_ip_set_destroy(set);
     return 0;
 }

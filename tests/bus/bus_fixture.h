@@ -66,10 +66,8 @@ struct Held {
     // Names and streams, while the records still tell them.
     void release()
     {
-        for (Signal *signal : signals) {
-            free(signal->name);
-            releaseStream(signal->sequentializer);
-        }
+        for (Signal *signal : signals)
+            releaseSignal(signal);
     }
     Signal *keep(Signal *signal)
     {

@@ -57,13 +57,15 @@ TEST_F(Bus, DecodesFramesLikeAnIndependentDecoder)
         set.after(Batch().at(0, static_cast<uint32_t>(std::stoul(frame[1], nullptr, 16)),
                              std::stoull(data, nullptr, 16)));
         std::map<std::string, double> taken;
-        for (const CanSetSignal *signal : set.signals)
-            if (!std::isnan(signal->sequentializer->value))
-                EXPECT_TRUE(taken.emplace(signal->name, signal->sequentializer->value).second);
+        for (const CanSetSignal *signal : set.signals) {
+            const double value = signal->sequentializer->value;
+            EXPECT_TRUE(std::isnan(value) || taken.emplace(signal->name, value).second)
+                << "two modes at once";
+        }
         for (const auto &[name, value] : expected)
             EXPECT_NEAR(taken.at(name), value, 1e-9 * std::abs(value)) << frame[2] << " " << name;
-        if (frame[2] == data) // all of the frame is there: a multiplexed signal only in its mode
-            EXPECT_EQ(taken.size(), expected.size()) << frame[2];
+        // Where all of the frame is there, a multiplexed signal comes only in its mode.
+        EXPECT_TRUE(frame[2] != data || taken.size() == expected.size()) << frame[2];
     }
 }
 

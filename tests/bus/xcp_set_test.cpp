@@ -45,29 +45,24 @@ TEST_F(Bus, MeasurementsReadEveryTypeInBothOrders)
         {"FLOAT32_IEEE", 0x3FC0000000000000, std::bit_cast<float>(0x0000C03F), 1.5},
         {"FLOAT64_IEEE", 0x3FF8000000000000, std::bit_cast<double>(uint64_t{0xF83F}), 1.5},
     };
-    const char *little[] = {"MSB_LAST", "LSB_FIRST", "INTEL", "msb_last", "lsb_first", "intel", "little"};
-    const char *big[] = {"MSB_FIRST", "Intel", "LITTLE", "little_endian", ""};
+    constexpr size_t kLittle = 7; // of the names are little-endian, all others big
+    const char *orders[] = {"MSB_LAST", "LSB_FIRST", "INTEL", "msb_last", "lsb_first",     "intel",
+                            "little",   "MSB_FIRST", "Intel", "LITTLE",   "little_endian", ""};
+    const json changes = {{"scale", 0.1}, {"offset", 7}, {"rezero_offset", 9}};
     for (const auto &type : types) {
         Measurements set;
         std::vector<double> expected;
         std::vector<uint8_t> message;
-        const auto add = [&](const char *order, double raw) {
-            const auto *one = set.add({{"xcp_data_type", type.type},
-                                       {"xcp_byte_order", order},
-                                       {"scale", 0.1},
-                                       {"offset", 7},
-                                       {"rezero_offset", 9}});
-            message.insert(message.end(), {0, static_cast<uint8_t>(expected.size())});
-            for (uint32_t i = 0; i < one->value_size; i++)
-                message.push_back(static_cast<uint8_t>(type.bytes >> (56 - 8 * i)));
-            const volatile double product = raw * 0.1; // rounded before the sum, and no zero subtracted
+        for (uint8_t k = 0; k < std::size(orders); k++) {
+            json one = changes;
+            one.update({{"xcp_data_type", type.type}, {"xcp_byte_order", orders[k]}});
+            message.insert(message.end(), {0, k});
+            for (int bits = static_cast<int>(set.add(one)->value_size) * 8, at = 0; at < bits; at += 8)
+                message.push_back(static_cast<uint8_t>(type.bytes >> (56 - at)));
+            // The product is rounded before the sum, and no zero subtracted.
+            const volatile double product = (k < kLittle ? type.little : type.big) * 0.1;
             expected.push_back(product + 7);
-        };
-        for (const char *order :
-             {"MSB_LAST", "LSB_FIRST", "INTEL", "msb_last", "lsb_first", "intel", "little"})
-            add(order, type.little);
-        for (const char *order : {"MSB_FIRST", "Intel", "LITTLE", "little_endian", ""})
-            add(order, type.big);
+        }
         EXPECT_EQ(set.after(message), expected) << type.type;
     }
 }

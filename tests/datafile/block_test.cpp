@@ -179,6 +179,6 @@ TEST_F(DataFile, BlockOfAnotherSizeThanAnnouncedIsDropped)
     dropped("20 -> -96");
     channel.sample_limit = -1;
     queue(channel, std::vector<float>(1))->element_size = 0xFFFFFFFF;
-    dropped("19 -> 4294967315");
+    dropped("20 -> 4294967315");
     EXPECT_EQ(file(), "");
 }

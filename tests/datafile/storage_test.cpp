@@ -179,6 +179,7 @@ TEST_F(Storage, NamesChooseTheConvertor)
           Row{f32, "sequential_int4294967312", 0, "", kNone, 2}}) {
         SCOPED_TRACE(source + " to " + destination);
         convertFrom(f64, f32, "rle");
+        libvuSetError("none");
         const auto filter = channel.pipe_filter;
         KRDBuffer_set_storage_convert(&channel, source.c_str(), destination.c_str(), sequential, encoding);
         EXPECT_EQ(channel.convertor->element_size, element_size == kNone ? kUntouched : element_size);

@@ -1,7 +1,5 @@
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-#include <sys/resource.h>
 
 #include "tests/datafile/data_file.h"
 #include "tests/support/allocation_faults.h"
@@ -83,19 +81,6 @@ protected:
     }
 
     size_t size() const { return std::filesystem::file_size(path); }
-    // Every block that fits stands in the file, nothing is left of the next one, and nothing waits.
-    void expectBlocksThatFit(size_t room, bool ragged)
-    {
-        std::vector<Block> fitting = reference;
-        while (!fitting.empty() && fitting.back().end() > room)
-            fitting.pop_back();
-        EXPECT_TRUE(wholeBlocks(file()) == fitting);
-        EXPECT_EQ(size(), ragged ? room : fitting.empty() ? 0 : fitting.back().end());
-        EXPECT_EQ(KRDWriter_is_disk_full(), 1);
-        for (const KRDBuffer &record : records)
-            EXPECT_FALSE(record.pipe && pipeHasFrames(record.pipe));
-    }
-
     std::string whole;
     std::vector<Block> reference;
     std::vector<size_t> call_ends;
@@ -113,14 +98,21 @@ TEST_F(Disk, FullOrRefusingAtEveryByte)
     for (size_t room = 0; room < whole.size(); room++) {
         const auto refused = std::upper_bound(call_ends.begin(), call_ends.end(), room);
         const size_t taken = refused == call_ends.begin() ? 0 : refused[-1];
-        for (const int error : {ENOSPC, 0, EIO, EINTR, EAGAIN, EDQUOT}) {
+        for (const int error : {ENOSPC, 0, EIO, EINTR, EAGAIN, EDQUOT, EFBIG}) {
             if (taken != room && error != ENOSPC)
                 break;
             SCOPED_TRACE(testing::Message() << "room " << room << ", error " << error);
+            std::vector<Block> fitting = reference;
             writeEverythingInto(room, error);
             EXPECT_EQ(calls_made, static_cast<size_t>(refused - call_ends.begin() + 1));
             EXPECT_EQ(KRDWriter_amount_written(5, records), static_cast<double>(taken));
-            expectBlocksThatFit(room, taken == room);
+            EXPECT_EQ(KRDWriter_is_disk_full(), 1);
+            for (const KRDBuffer &record : records)
+                EXPECT_FALSE(record.pipe && pipeHasFrames(record.pipe));
+            while (!fitting.empty() && fitting.back().end() > room)
+                fitting.pop_back();
+            EXPECT_TRUE(wholeBlocks(file()) == fitting);
+            EXPECT_EQ(size(), taken == room ? room : fitting.empty() ? 0 : fitting.back().end());
             if (error == ENOSPC || error == 0) {
                 EXPECT_THAT(log.lines(), ElementsAre(Pair(12, kNotice)));
                 EXPECT_THAT(notifiers, ElementsAre("/usr/bin/fs_full &"));
@@ -171,24 +163,6 @@ TEST_F(Disk, CutThatFailsIsToldAndStopsNothing)
     EXPECT_STREQ(libvuLastError(), "KRD vib ftruncate64 error: Invalid argument");
     EXPECT_EQ(notifiers.size(), 1u);
     EXPECT_EQ(KRDWriter_is_disk_full(), 1);
-}
-
-// A real limit, the kernel's own: short where it falls inside a call, refused with EFBIG behind it.
-TEST_F(Disk, FileSizeLimitLeavesWholeBlocks)
-{
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit before;
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-    for (const size_t room : {size_t{1}, call_ends[0], call_ends[0] + 21, whole.size() - 1}) {
-        prepare();
-        const rlimit limit = {room, before.rlim_max};
-        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-        writeEverything();
-        setrlimit(RLIMIT_FSIZE, &before);
-        expectBlocksThatFit(room, false);
-        EXPECT_EQ(errors.texts().size(), room == call_ends[0] ? 1u : 0u);
-    }
-    std::signal(SIGXFSZ, handler);
 }
 
 // Each allocation in turn, the test's own frames included: blocks may lack, none is unsound, nothing leaks.

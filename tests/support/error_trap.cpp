@@ -30,12 +30,10 @@ ErrorTrap::ErrorTrap()
 
 ErrorTrap::~ErrorTrap()
 {
-    for (const auto &text : caught.texts)
-        ADD_FAILURE() << "reported and not expected: " << text;
-    for (const auto &text : caught.critical)
-        ADD_FAILURE() << "critical and not expected: " << text;
-    libvuErrorCallback = nullptr;
-    libvuCriticalErrorCallback = nullptr;
+    for (const auto &texts : {caught.texts, caught.critical})
+        for (const auto &text : texts)
+            ADD_FAILURE() << "reported and not expected: " << text;
+    libvuErrorCallback = libvuCriticalErrorCallback = nullptr;
     libvuChannelDisconnectCallback = nullptr;
     libvuRezeroCallback = nullptr;
 }

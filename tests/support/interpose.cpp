@@ -88,12 +88,6 @@ off64_t lseek64(int fd, off64_t offset, int whence) noexcept
     return calls.lseek64 ? calls.lseek64(fd, offset, whence) : real(fd, offset, whence);
 }
 
-int ftruncate64(int fd, off64_t length) noexcept
-{
-    static auto *const real = vu::test::next<int(int, off64_t)>("ftruncate64");
-    return calls.ftruncate64 ? calls.ftruncate64(fd, length) : real(fd, length);
-}
-
 // The disk-full notifier is never really started by a test.
 int system(const char *command)
 {

@@ -11,19 +11,17 @@
 
 namespace vu::test {
 
-// Hooks are process-wide and empty by default. A hook may call the real_... function. `syscalls` is reset by
-// ~ScopedCalls.
+// Hooks are process-wide and empty by default. A hook may call the real_... function.
 struct SystemCalls {
     std::function<ssize_t(int, void *, size_t)> read;
     std::function<ssize_t(int, const void *, size_t, int)> send;
     std::function<ssize_t(int, const iovec *, int)> writev;
     std::function<off64_t(int, off64_t, int)> lseek64;
-    std::function<int(int, off64_t)> ftruncate64;
     std::function<int(const char *)> system;
     std::function<int(int)> raise;
     std::function<int(useconds_t)> usleep;
-    std::function<void(int priority, const std::string &line)>
-        syslog; // also what vsyslog() is given, formatted
+    // Also what vsyslog() is given, formatted.
+    std::function<void(int priority, const std::string &line)> syslog;
 };
 extern SystemCalls calls;
 

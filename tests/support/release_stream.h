@@ -21,4 +21,11 @@ inline void releaseStream(Sequentializer *seq)
     destroySequentializer(seq);
 }
 
+// The same, and the name: of a signal or measurement whose record stays with its set.
+inline void releaseSignal(auto *signal)
+{
+    free(signal->name);
+    releaseStream(signal->sequentializer);
+}
+
 } // namespace vu::test

@@ -27,7 +27,6 @@ public:
     int wait();
     std::string out() const { return readText(folder_.path("out")); }
     std::string err() const { return readText(folder_.path("err")); }
-    pid_t pid() const { return pid_; }
 
 private:
     TempDir folder_;

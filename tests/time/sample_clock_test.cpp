@@ -59,7 +59,7 @@ TEST_P(Hour, NeverStraysFromTheExactInstant)
 INSTANTIATE_TEST_SUITE_P(SampleClock, Hour,
                          testing::Values(44100.0 / 1.001, 3.0, 7000.0, 1024.0, 12.5, 0.1, 44100.0));
 
-TEST(SampleClock, RefusesRatesWithoutPeriod)
+TEST(SampleClock, RefusesRatesWithoutPeriodAndReportsWhatIsMissing)
 {
     vu::test::ErrorTrap errors;
     constexpr double kInfinite = std::numeric_limits<double>::infinity();
@@ -84,11 +84,6 @@ TEST(SampleClock, RefusesRatesWithoutPeriod)
         EXPECT_GE(clock->current_tick, 118);
         free(clock);
     }
-}
-
-TEST(SampleClock, ReportsShortMemoryAndAMissingClock)
-{
-    vu::test::ErrorTrap errors;
     vu::test::AllocationFaults memory;
     memory.failAt(0);
     EXPECT_EQ(sampleClockCreate(1.0), nullptr);

@@ -12,7 +12,6 @@
 #include "tests/support/streams.h"
 
 using namespace vu::test;
-using testing::Each;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 
@@ -63,12 +62,9 @@ TEST_F(Sequentialized, LandsOnTheNearestSampleAndExpires)
 {
     Stream midway;
     midway.value(100000.0, 1.0);
-    EXPECT_EQ(midway.seq->clock->current_tick, 80000);
-    EXPECT_EQ(midway.seq->clock->next_tick, 120000);
     EXPECT_EQ(midway.seq->expiry_tick, 319999);
     EXPECT_EQ(midway.seq->last_target, 80000);
     midway.until(400000.0);
-    EXPECT_EQ(midway.seq->clock->current_tick, 400000);
     EXPECT_THAT(midway.taken(), ElementsAre(-1, -1, 1, 1, 1, 1, 1, -1, -1, -1));
 
     Stream later;
@@ -113,8 +109,10 @@ TEST_P(Meaning, HoldsForRandomMessages)
         return n * whole + (n > 0 ? (2 * (n - 1) * rest + rate - 1) / (2 * rate) : 0);
     };
     ErrorTrap errors;
+    AllocationFaults memory;
     std::mt19937_64 random(static_cast<uint64_t>(rate));
     Stream stream(settings);
+    memory.reset();
     std::vector<double> expected;
     double held = kInvalid;
     int64_t time = 0, sample = 0, first = -1;
@@ -145,6 +143,8 @@ TEST_P(Meaning, HoldsForRandomMessages)
         expected.erase(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(taken.size()));
     }
     EXPECT_EQ(stream.seq->sample_count, sample);
+    // Only a silence longer than the pool asks for frames, and these come back.
+    EXPECT_LE(memory.count(), rate < 1000 ? 100 * settings.pipeRate : 0);
 }
 INSTANTIATE_TEST_SUITE_P(Sequentialized, Meaning,
                          testing::Values(Settings{1000, 100, 0.005, 8}, Settings{1024, 64, 0.02, 4},
@@ -166,17 +166,6 @@ TEST_F(Sequentialized, SharesOneFrameAmongThreePipes)
     pipeFlushFrames(stream.pipes[2]);
     EXPECT_EQ(stream.seq->free_frames, root);
     EXPECT_EQ(pooled(stream.seq), whole);
-}
-
-TEST_F(Sequentialized, AllocatesNothingWhileFramesComeBack)
-{
-    Stream stream;
-    memory.reset();
-    for (int64_t i = 1; i < 5000; i++) {
-        stream.value(static_cast<double>(i * 40000), 1.0);
-        stream.taken();
-    }
-    EXPECT_EQ(memory.count(), 0);
 }
 
 TEST_F(Sequentialized, KeepsTheFrameAndItsStartWhileNobodyListens)
@@ -251,16 +240,16 @@ TEST_F(Sequentialized, SurvivesTimesAndLivesBeyondAllBounds)
 
 TEST_F(Sequentialized, RefusesRatesAndSurvivesShortMemory)
 {
-    for (const double rate : {0.0, -1.0, kInfinite, std::nan(""), 1000001.0}) {
-        EXPECT_EQ(createSequentializer(8, rate, 1000.0, 1.0, 0.0), nullptr);
+    const auto refuses = [&](double pipeRate, double sampleRate, const char *what, double rate) {
+        EXPECT_EQ(createSequentializer(8, pipeRate, sampleRate, 1.0, 0.0), nullptr);
         char text[64];
-        std::snprintf(text, sizeof text, "Invalid pipe rate: %g", rate);
+        std::snprintf(text, sizeof text, "Invalid %s rate: %g", what, rate);
         EXPECT_THAT(errors.texts(), ElementsAre(text));
-    }
+    };
+    for (const double rate : {0.0, -1.0, kInfinite, std::nan(""), 1000001.0})
+        refuses(rate, 1000.0, "pipe", rate);
     for (const double rate : {0.0, -1.0, kInfinite, std::nan(""), 1e10, 1e-9})
-        EXPECT_EQ(createSequentializer(8, 1.0, rate, 1.0, 0.0), nullptr);
-    EXPECT_THAT(errors.texts(),
-                testing::AllOf(testing::SizeIs(6), Each(testing::StartsWith("Invalid sample rate: "))));
+        refuses(1.0, rate, "sample", rate);
     const char *texts[] = {"Unable to allocate memory for sequentializer object",
                            "Unable to allocate memory for sampleClock"};
     for (int i = 0; i < 2; i++) {

@@ -54,14 +54,10 @@ std::vector<Timed> messagesOf(const Stream &stream, int64_t end = -1)
 
 std::string shown(const CandumpLine &line)
 {
+    static constexpr const char *kOthers[] = {"", "blank", "FD", "error", "bad"};
+    if (line.kind != CandumpLine::Kind::Frame)
+        return kOthers[static_cast<size_t>(line.kind)];
     WireWriter wire;
-    switch (line.kind) {
-    case CandumpLine::Kind::Fd: return "FD";
-    case CandumpLine::Kind::Error: return "error";
-    case CandumpLine::Kind::Blank: return "blank";
-    case CandumpLine::Kind::Bad: return "bad";
-    case CandumpLine::Kind::Frame: break;
-    }
     wire.beginRecord();
     writeCan(wire, line.ticks.value_or(-1), line.frame);
     wire.endRecord();

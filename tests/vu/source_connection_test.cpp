@@ -49,8 +49,7 @@ TEST(SourceConnection, ASlowReaderLosesNothing)
     usleep(200000);
     for (Bytes piece = source.read(7777); !piece.empty(); piece = source.read(7777))
         all.insert(all.end(), piece.begin(), piece.end());
-    source.leave();
-    EXPECT_EQ(source.wait(), 0);
+    EXPECT_EQ(source.end(), 0);
     EXPECT_EQ(samplesOf<float>(cut(all)), count(2'000'000));
 }
 
@@ -78,8 +77,7 @@ TEST(SourceConnection, TerminationLeavesWholeRecords)
         source.signal(number);
         const Bytes more = source.read();
         all.insert(all.end(), more.begin(), more.end());
-        source.leave();
-        EXPECT_EQ(source.wait(), 0);
+        EXPECT_EQ(source.end(), 0);
         const Stream stream = cut(all);
         EXPECT_TRUE(stream.rest.empty());
         EXPECT_EQ(samplesOf<float>(stream), count(stream.records.size() * 10));
@@ -92,8 +90,7 @@ TEST(SourceConnection, AReaderThatLeavesEarlyIsAFailure)
         Source gone(counting("", seconds));
         gone.read(100);
         usleep(100000);
-        gone.leave();
-        EXPECT_EQ(gone.wait(), 1);
+        EXPECT_EQ(gone.end(), 1);
         EXPECT_THAT(gone.err(), HasSubstr("the reader left before the data ended")) << seconds;
     }
 }
@@ -116,8 +113,7 @@ TEST(SourceConnection, TheNameOfADeadSocketIsTakenOver)
     ASSERT_TRUE(exists(where));
     Source next(counting(), Socket::Unix, where);
     EXPECT_EQ(samplesOf<float>(cut(next.read())), count(2000));
-    next.leave();
-    EXPECT_EQ(next.wait(), 0);
+    EXPECT_EQ(next.end(), 0);
     EXPECT_FALSE(exists(where));
 
     RunningVu alone(arguments); // ended before anybody comes

@@ -87,8 +87,7 @@ Stream replay(const std::string &line, int status, std::string *said, Socket kin
 {
     Source source(line, kind);
     const Bytes received = source.read();
-    source.leave();
-    EXPECT_EQ(source.wait(), status) << source.err();
+    EXPECT_EQ(source.end(), status) << source.err();
     if (said)
         *said = source.err();
     return cut(received);

@@ -39,6 +39,7 @@ public:
     Bytes read(size_t most = SIZE_MAX); // until the source has sent it all or so many bytes have come
     void say(const std::string &text);
     void leave(); // without a word
+    int end() { return leave(), wait(); }
 
 private:
     int socket_ = -1;

@@ -141,8 +141,7 @@ TEST(SimulatedStream, BehavesAsAModuleDoes)
                             "--no-value-every 10 --start-time 2026-03-15T10:15:30.5 --connector ") +
                       (big ? "ch_pd806h" : "ch_pd806k"));
         const Bytes bytes = source.read();
-        source.leave();
-        EXPECT_EQ(source.wait(), 0);
+        EXPECT_EQ(source.end(), 0);
         const ModuleStream stream(bytes);
         const std::pair<const char *, int> told[] = {{R"(2047 {"method":"subscribe","params":["oil"]})", 1},
                                                      {R"(5000 {"method":"subscribe","params":["water"]})", 1},

@@ -163,11 +163,10 @@ bool chooseKind(Fields &stanza, Channel &channel)
     }
     if (!type) {
         if (!dataType.empty())
-            stanza.mistakes().add(stanza.pathOf("data_type"),
-                                  "expected sequential_float32, sequential_float64, "
-                                  "message_raw, message_nmea, message_can, "
-                                  "message_xcp_ip, message_float32[_ntp] or "
-                                  "message_float64[_ntp]");
+            stanza.mistakes().add(
+                stanza.pathOf("data_type"),
+                "expected sequential_float32 or 64, message_raw, message_nmea, message_can, "
+                "message_xcp_ip, message_float32[_ntp] or 64[_ntp]");
         return false;
     }
     channel.kind = type->kind;
