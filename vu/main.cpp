@@ -1,7 +1,7 @@
 // One command, one subcommand a job. Results go to standard output, everything else to standard error.
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <exception>
-#include <fmt/core.h>
 
 #include "vu/command.h"
 
@@ -22,13 +22,13 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() == 0)
             return app.exit(error); // help or version, asked for
-        fmt::print(stderr, "vu: {}\n", error.what());
+        std::fprintf(stderr, "vu: %s\n", error.what());
         return vu::kUsage;
     } catch (const vu::InputError &error) {
-        fmt::print(stderr, "{}\n", error.what());
+        std::fprintf(stderr, "%s\n", error.what());
         return vu::kUsage;
     } catch (const std::exception &error) {
-        fmt::print(stderr, "vu: {}\n", error.what());
+        std::fprintf(stderr, "vu: %s\n", error.what());
         return vu::kFailed;
     }
 }

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include "libvu/core/report.h"
 #include "libvu/datafile/storage_convert.h"
@@ -20,8 +21,9 @@ namespace vu {
 namespace {
 
 constexpr uint32_t kIndexBytes = 64 << 10; // entries of 5461 blocks
-constexpr size_t kClosingRoom = 512 << 10; // index, events and the frame of the closing block
+constexpr size_t kClosingRoom = 192 << 10; // index, events and the frame of the closing block
 constexpr size_t kRoomPerTrack = 512;
+constexpr size_t kLargestShare = 4; // of what is free: a small disk is there for the data
 constexpr int kCatalogue = 0;
 constexpr int kIndex = 1;
 
@@ -84,7 +86,12 @@ void DataFile::holdRoom(size_t tracks)
 {
     const auto folder = path_.has_parent_path() ? path_.parent_path() : std::filesystem::path(".");
     room_ = Descriptor(open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
-    if (room_ && fallocate(room_.get(), 0, 0, static_cast<off_t>(kClosingRoom + tracks * kRoomPerTrack)) != 0)
+    struct statvfs disk {};
+    if (!room_ || fstatvfs(room_.get(), &disk) != 0)
+        return;
+    const uint64_t share = uint64_t{disk.f_bavail} * disk.f_frsize / kLargestShare;
+    const uint64_t room = std::min<uint64_t>(kClosingRoom + tracks * kRoomPerTrack, share);
+    if (fallocate(room_.get(), 0, 0, static_cast<off_t>(room)) != 0)
         room_.close();
 }
 
