@@ -21,6 +21,6 @@ hear() { # HOST DATA_TYPE EXPECTED
   rm -f "$place/sim.sock"
   [ "$(grep -c "$3" "$place/heard")" = 10 ] || { echo "$1 heard:"; cat "$place/heard"; exit 1; }
 }
-hear "$place/build/minimal_host" sequential_float32 '^sample [0-9]*00: '
+hear "$place/build/minimal_host" sequential_float32 '^sample [0-9]*: '
 hear "$place/build/minimal_host_cpp" sequential_float64 '^sample [0-9]*: mean '
-hear "$place/by_pkg_config" sequential_float32 '^sample [0-9]*00: '
+hear "$place/by_pkg_config" sequential_float32 '^sample [0-9]*: '
