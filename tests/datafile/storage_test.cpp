@@ -259,8 +259,10 @@ TEST_F(Storage, OddFramesAreReadNoFurtherThanTheyReach)
 TEST_F(Storage, SteadyStateAllocatesTheConvertedFrameAndNothingElse)
 {
     AllocationFaults allocations;
-    for (const char *destination : {"", "sequential_int16"}) {
-        convertFrom("sequential_float32", destination, nullptr);
+    using Storing = std::pair<const char *, const char *>;
+    for (const auto &[destination, encoding] :
+         {Storing{"", nullptr}, {"sequential_int16", nullptr}, {"sequential_int16", "rle"}}) {
+        convertFrom("sequential_float32", destination, encoding);
         for (int flush = 0; flush <= 50; flush++) {
             queue(channel, std::vector<float>(1000));
             if (flush == 0)
