@@ -125,5 +125,16 @@ TEST_F(Road, ConvertedAndWatchedVibration)
     EXPECT_EQ(ledger("first")["discarded"]["limit"], 15384);
 }
 
+TEST_F(Road, WhatIsTooRandomForRunsIsLostByName)
+{
+    addChannel("noise", {{"data_type", "sequential_float32"}, {"sample_rate", 1000}},
+               {{"kind", "sim"}, {"signal", "noise"}, {"speed", 0}, {"duration", 2}},
+               {{"store", {{"data_type", "int16"}, {"scale", 0.0001}, {"encoding", "rle"}}}});
+    run(3);
+    EXPECT_EQ(ledger("noise")["stored"], 0);
+    EXPECT_EQ(ledger("noise")["discarded"]["conversion"], 2000);
+    EXPECT_GE(events("error"), 1u);
+}
+
 } // namespace
 } // namespace vu::test
