@@ -1,4 +1,5 @@
 // Wire order to host order.
+#include "libvu/proxy/byte_swap_private.h"
 #include "libvu/proxy/kernels_private.h"
 #include "libvu/proxy/proxy_node.h"
 
@@ -7,11 +8,27 @@ namespace {
 constexpr size_t kValueOffset = 8; // of a message entry: its timestamp stands before
 
 template <typename Word>
+void swap(uint8_t *to, const uint8_t *from, size_t count)
+{
+    static const auto kernel = vu::hasAvx2() ? vu::swapAvx2<Word> : vu::swapPlain<Word>;
+    kernel(to, from, count);
+}
+
+template <typename Word>
 void swapSamples(void *target)
 {
-    auto *frame = static_cast<Frame *>(target);
-    static const auto swap = vu::hasAvx2() ? vu::swapAvx2<Word> : vu::swapPlain<Word>;
-    swap(frame->data, frame->length);
+    const auto *frame = static_cast<const Frame *>(target);
+    auto *const data = static_cast<uint8_t *>(frame->data);
+    swap<Word>(data, data, frame->length);
+}
+
+// The samples before and those that come, each touched once.
+template <typename Word>
+void completeSwapped(Frame &frame, const uint8_t *source, uint32_t count)
+{
+    swapSamples<Word>(&frame);
+    swap<Word>(static_cast<uint8_t *>(frameTail(&frame)), source, count);
+    frame.length += count;
 }
 
 } // namespace
@@ -37,3 +54,18 @@ void proxyNode_swapDoubleValue(ProxyNode *, void *entry)
 }
 
 void proxyNode_swapNone(ProxyNode *, void *) {}
+
+void vu::completeFrame(ProxyNode &node, Frame &frame, const uint8_t *source, uint32_t count)
+{
+    if (node.byte_swap == proxyNode_swapFloatSamples && frame.element_size == sizeof(uint32_t)) {
+        completeSwapped<uint32_t>(frame, source, count);
+        return;
+    }
+    if (node.byte_swap == proxyNode_swapDoubleSamples && frame.element_size == sizeof(uint64_t)) {
+        completeSwapped<uint64_t>(frame, source, count);
+        return;
+    }
+    appendSamples(frame, source, count);
+    if (node.byte_swap)
+        node.byte_swap(&node, &frame);
+}

@@ -20,13 +20,14 @@ VU_INLINE_KERNEL void scaleOffsetLoop(void *data, size_t count, Sample scale, Sa
                   std::fma(loadHost<Sample>(at + i * sizeof(Sample)), scale, offset));
 }
 
-// Bytes in reverse order, as bit patterns: a float register might quiet a signalling NaN.
+// Bytes in reverse order, as bit patterns: a float register might quiet a signalling NaN. `from` is `to`, or
+// does not overlap it.
 template <typename Word>
-VU_INLINE_KERNEL void swapLoop(void *data, size_t count)
+VU_INLINE_KERNEL void swapLoop(uint8_t *to, const uint8_t *from, size_t count)
 {
-    auto *at = static_cast<uint8_t *>(data);
+#pragma GCC ivdep
     for (size_t i = 0; i < count; i++)
-        toHostInPlace<Word>(at + i * sizeof(Word));
+        storeHost(to + i * sizeof(Word), loadBig<Word>(from + i * sizeof(Word)));
 }
 
 template <typename Sample>
@@ -36,9 +37,9 @@ void scaleOffsetPlain(void *data, size_t count, Sample scale, Sample offset)
 }
 
 template <typename Word>
-void swapPlain(void *data, size_t count)
+void swapPlain(uint8_t *to, const uint8_t *from, size_t count)
 {
-    swapLoop<Word>(data, count);
+    swapLoop<Word>(to, from, count);
 }
 
 template <typename Sample>
@@ -48,9 +49,9 @@ VU_AVX2 void scaleOffsetAvx2(void *data, size_t count, Sample scale, Sample offs
 }
 
 template <typename Word>
-VU_AVX2 void swapAvx2(void *data, size_t count)
+VU_AVX2 void swapAvx2(uint8_t *to, const uint8_t *from, size_t count)
 {
-    swapLoop<Word>(data, count);
+    swapLoop<Word>(to, from, count);
 }
 
 } // namespace vu

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "libvu/core/deliver_private.h"
+#include "libvu/proxy/byte_swap_private.h"
 #include "libvu/proxy/framing_private.h"
 
 namespace {
@@ -39,25 +40,28 @@ vu::Event fillFrames(ProxyNode &node, const uint8_t *source, size_t samples, Fin
         if (!assureFrame(node))
             return vu::Event::leavesEarly;
         Frame *const frame = node.frame;
-        const auto taken = static_cast<uint32_t>(std::min<size_t>(frame->capacity - frame->length, samples));
-        const size_t filled = size_t{frame->length} * frame->element_size;
-        std::memcpy(static_cast<uint8_t *>(frame->data) + filled, source, size_t{taken} * node.element_size);
-        frame->length += taken;
+        const uint32_t room = frameAvailable(frame);
+        const auto taken = static_cast<uint32_t>(std::min<size_t>(room, samples));
+        const uint8_t *const from = source;
         node.sample_count += taken;
         source += size_t{taken} * node.record_size;
         samples -= taken;
-        if (frame->length < frame->capacity)
-            continue;
-        if (node.byte_swap)
-            node.byte_swap(&node, frame);
-        finish(frame);
+        if (taken < room) {
+            vu::appendSamples(*frame, from, taken);
+        } else {
+            vu::completeFrame(node, *frame, from, taken);
+            finish(frame);
+        }
     }
     return vu::Event::goesOn;
 }
 
-// With many channels a frame has left the cache between two events: it comes back while the kernel reads.
-void fetchFrame(const ProxyNode &node)
+// With many channels what an event writes has left the cache since the last: it comes back while the kernel
+// reads.
+void fetchAhead(const ProxyNode &node)
 {
+    __builtin_prefetch(&node.sample_count, 1);
+    __builtin_prefetch(node.pipes.first, 1);
     if (!node.frame)
         return;
     const auto *tail = static_cast<const uint8_t *>(frameTail(node.frame));
@@ -68,7 +72,7 @@ void fetchFrame(const ProxyNode &node)
 template <typename Finish>
 void readSamples(ProxyNode *node, Finish &&finish)
 {
-    fetchFrame(*node);
+    fetchAhead(*node);
     vu::readRecords(node, [&](std::span<uint8_t> body, bool listening) {
         const auto bytes = samplesIn(body);
         const size_t samples = bytes.size() / node->record_size;

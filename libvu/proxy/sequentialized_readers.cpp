@@ -146,47 +146,6 @@ void finishFrame(ProxyNode *node)
     vu::deliver(node->pipes, frame);
 }
 
-// The clock of a node in registers, stepped in whole numbers: the usual one.
-class WholeClock {
-public:
-    explicit WholeClock(SampleClock &clock)
-        : current(clock.current_tick), clock_(clock), next_(clock.next_tick),
-          period_(static_cast<int64_t>(clock.whole_ticks)), accumulator_(clock.remainder_accumulator)
-    {
-    }
-    ~WholeClock()
-    {
-        clock_.current_tick = current;
-        clock_.next_tick = next_;
-        clock_.remainder_accumulator = accumulator_;
-    }
-    WholeClock(const WholeClock &) = delete;
-    WholeClock &operator=(const WholeClock &) = delete;
-
-    // Whether whole numbers and doubles step alike up to `target` and two periods beyond.
-    static bool reaches(const SampleClock &clock, int64_t target)
-    {
-        return target < int64_t{1} << 52 && clock.whole_ticks <= 0x1p50;
-    }
-    void tick()
-    {
-        accumulator_ += clock_.remainder_per_sample;
-        current = next_;
-        next_ += period_;
-        if (accumulator_ > clock_.half_numerator) {
-            next_ += 1;
-            accumulator_ -= clock_.rate_numerator;
-        }
-    }
-
-    int64_t current;
-
-private:
-    SampleClock &clock_;
-    int64_t next_, period_;
-    double accumulator_;
-};
-
 // Years ahead, or at periods of years, where a step is rounded to a double.
 struct FarClock {
     explicit FarClock(SampleClock &clock) : current(clock.current_tick), clock_(clock) {}
@@ -238,8 +197,8 @@ bool catchUp(ProxyNode *node, int64_t target)
             *static_cast<Sample *>(node->frame->data) = static_cast<Sample>(Variant::sample(node));
             node->frame->length = 1;
         }
-        if (WholeClock::reaches(node->clock, target))
-            fillFrame<Variant, WholeClock>(node, target);
+        if (target < vu::kWholeNumbers && vu::WholeClock::steps(node->clock))
+            fillFrame<Variant, vu::WholeClock>(node, target);
         else
             fillFrame<Variant, FarClock>(node, target);
         // The last sample of a frame counts once the frame is on its way: callbacks see the count before it.

@@ -15,9 +15,8 @@
 
 namespace {
 
-constexpr uint32_t kSample = 12;          // bytes
-constexpr double kLongestPeriod = 0x1p50; // ticks that whole numbers and doubles step alike
-constexpr uint32_t kValueOffset = 8;      // bytes into a sample
+constexpr uint32_t kSample = 12;     // bytes
+constexpr uint32_t kValueOffset = 8; // bytes into a sample
 
 // The words of a sample as the peer wrote them.
 struct WireSample {
@@ -41,97 +40,7 @@ struct LittleEndian {
     }
 };
 
-// A signal's stream for a run of samples: its clock and place in the frame stay in registers while a sample
-// brings about one step at most. Whatever else there is to do goes through the record.
-class Run {
-public:
-    explicit Run(Sequentializer &seq) : seq_(seq), clock_(*seq.clock) { load(); }
-    ~Run() { store(); }
-    Run(const Run &) = delete;
-    Run &operator=(const Run &) = delete;
-
-    void advance(double ticks)
-    {
-        if (!(std::fabs(ticks) < static_cast<double>(vu::kWholeNumbers))) {
-            outside([&] { vu::advance(seq_, vu::Moment(vu::saturated<int64_t>(ticks))); });
-            return;
-        }
-        const int64_t target = static_cast<int64_t>(ticks) - half_;
-        if (clock_.current_tick < target) {
-            if (target <= next_ && steps_ < room_)
-                step();
-            else
-                outside([&] { vu::advanceTo(seq_, target); });
-        }
-        seq_.last_target = target;
-    }
-    void hold(double value)
-    {
-        seq_.value = value;
-        seq_.expiry_tick = vu::addSaturated(next_, stale_);
-    }
-    template <typename Work>
-    void outside(Work work)
-    {
-        store();
-        work();
-        load();
-    }
-
-private:
-    // The sample that makes a frame full is left to the stream, and so are periods that are not stepped in
-    // whole numbers.
-    void load()
-    {
-        next_ = clock_.next_tick;
-        accumulator_ = clock_.remainder_accumulator;
-        room_ = steps_ = 0;
-        const Frame *frame = seq_.current_frame;
-        if (!frame || clock_.whole_ticks > kLongestPeriod)
-            return;
-        out_ = static_cast<uint8_t *>(frame->data) + size_t{frame->length} * size_;
-        room_ = frame->capacity - frame->length - 1;
-    }
-    void store()
-    {
-        clock_.remainder_accumulator = accumulator_;
-        if (steps_ == 0)
-            return;
-        seq_.current_frame->length += steps_;
-        seq_.sample_count += steps_;
-    }
-    void step()
-    {
-        const int64_t current = next_;
-        next_ += period_;
-        accumulator_ += clock_.remainder_per_sample;
-        if (accumulator_ > clock_.half_numerator) {
-            next_ += 1;
-            accumulator_ -= clock_.rate_numerator;
-        }
-        clock_.current_tick = current;
-        clock_.next_tick = next_;
-        if (seq_.expiry_tick < current)
-            seq_.value = seq_.invalid_value;
-        if (isDouble_)
-            vu::storeHost(out_, seq_.value);
-        else
-            vu::storeHost(out_, static_cast<float>(seq_.value));
-        out_ += size_;
-        steps_++;
-    }
-
-    Sequentializer &seq_;
-    SampleClock &clock_;
-    const int64_t half_ = seq_.half_period_ticks, stale_ = seq_.stale_ticks;
-    const int64_t period_ = vu::saturated<int64_t>(clock_.whole_ticks);
-    const bool isDouble_ = seq_.element_size == sizeof(double);
-    const uint32_t size_ = seq_.element_size;
-    int64_t next_;
-    double accumulator_;
-    uint8_t *out_ = nullptr;
-    uint32_t room_, steps_;
-};
+const bool kHasAvx2 = vu::hasAvx2();
 
 struct NoScaling {
     NoScaling(float, float) {}
@@ -160,50 +69,128 @@ struct ScaleOffset {
     }
 };
 
-template <typename Order, typename Scaling>
-VU_INLINE_KERNEL void takeSamples(CanSignalNode *signal, uint8_t *sample, uint32_t count,
-                                  const Scaling &scaled)
+template <typename Sample>
+void storeAt(Frame &frame, uint32_t place, double value)
 {
-    Run run(*signal->sequentializer);
-    for (; count > 0; count--, sample += kSample) {
+    reinterpret_cast<Sample *>(&frame + 1)[place] = static_cast<Sample>(value);
+}
+
+// Since the start of the test.
+double ticksOf(const WireSample &wire, const ProxyNode &node)
+{
+    return vu::ntpTicks(wire.seconds, wire.fraction) - static_cast<double>(node.start_time);
+}
+
+void timeToHost(uint8_t *sample, const WireSample &wire)
+{
+    vu::storeHost(sample, wire.seconds);
+    vu::storeHost(sample + 4, wire.fraction);
+}
+
+// Takes samples as long as each brings about one step of the stream at most and no frame gets full, with the
+// state in registers; nearly all of them. Returns the first that it leaves.
+template <typename Order, typename Scaling>
+VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample, const uint8_t *end,
+                                   Scaling scaled)
+{
+    Sequentializer &seq = *signal.sequentializer;
+    Frame *const frame = seq.current_frame;
+    if (!frame || !vu::WholeClock::steps(*seq.clock) || Scaling::isZeroPending(&signal))
+        return sample;
+    vu::WholeClock clock(*seq.clock);
+    const bool isDouble = seq.element_size == sizeof(double);
+    const uint32_t before = frame->length, last = frame->capacity - 1;
+    uint32_t length = before;
+    int64_t target = seq.last_target, expiry = seq.expiry_tick;
+    double held = seq.value;
+    for (; sample != end; sample += kSample) {
         const WireSample wire = Order::load(sample);
-        vu::storeHost(sample, wire.seconds);
-        vu::storeHost(sample + 4, wire.fraction);
-        // Since the start of the test; the stream takes whole ticks, toward zero.
-        const double ticks =
-            vu::ntpTicks(wire.seconds, wire.fraction) - static_cast<double>(signal->proxy->start_time);
-        const bool isValue = wire.value != vu::kNoValueBits;
-        const auto value = std::bit_cast<float>(wire.value);
-        if (Scaling::isZeroPending(signal) && !isValue) {
-            run.outside([&] { vu::advanceSilent(*signal, vu::Moment(vu::saturated<int64_t>(ticks))); });
-            continue;
+        const double ticks = ticksOf(wire, *signal.proxy);
+        if (!(std::fabs(ticks) < static_cast<double>(vu::kWholeNumbers)))
+            break;
+        const int64_t next = static_cast<int64_t>(ticks) - seq.half_period_ticks;
+        if (clock.current < next) {
+            if (next > clock.next || length >= last)
+                break;
+            clock.tick();
+            if (expiry < clock.current)
+                held = seq.invalid_value;
+            if (isDouble)
+                storeAt<double>(*frame, length, held);
+            else
+                storeAt<float>(*frame, length, held);
+            length++;
         }
+        target = next;
+        timeToHost(sample, wire);
+        if (wire.value == vu::kNoValueBits)
+            continue;
+        held = scaled(&signal, std::bit_cast<float>(wire.value));
+        expiry = vu::addSaturated(clock.next, seq.stale_ticks);
+    }
+    frame->length = length;
+    seq.sample_count += length - before;
+    seq.last_target = target;
+    seq.value = held;
+    seq.expiry_tick = expiry;
+    return sample;
+}
+
+// Any sample.
+template <typename Order, typename Scaling>
+[[gnu::noinline]] void takeSample(CanSignalNode *signal, uint8_t *sample, Scaling scaled)
+{
+    const WireSample wire = Order::load(sample);
+    timeToHost(sample, wire);
+    // The stream takes whole ticks, toward zero.
+    const vu::Moment time(vu::saturated<int64_t>(ticksOf(wire, *signal->proxy)));
+    if (wire.value == vu::kNoValueBits) {
         if (Scaling::isZeroPending(signal))
-            run.outside([&] { Scaling::zero(signal, value); });
-        run.advance(ticks);
-        if (isValue)
-            run.hold(scaled(signal, value));
+            vu::advanceSilent(*signal, time);
+        else
+            vu::advance(*signal->sequentializer, time);
+        return;
+    }
+    const auto value = std::bit_cast<float>(wire.value);
+    if (Scaling::isZeroPending(signal))
+        Scaling::zero(signal, value);
+    vu::takeValue(*signal->sequentializer, time, scaled(signal, value));
+}
+
+template <typename Order, typename Scaling>
+VU_INLINE_KERNEL void takeSamples(CanSignalNode *signal, uint8_t *sample, uint32_t size, Scaling scaled)
+{
+    const uint8_t *const end = sample + size / kSample * kSample;
+    for (;;) {
+        sample = runAhead<Order>(*signal, sample, end, scaled);
+        if (sample == end)
+            return;
+        takeSample<Order>(signal, sample, scaled);
+        sample += kSample;
     }
 }
 
 template <typename Order, typename Scaling>
-void takePlain(CanSignalNode *signal, uint8_t *sample, uint32_t count, const Scaling &scaled)
+void takePlain(CanSignalNode *signal, uint8_t *sample, uint32_t size, Scaling scaled)
 {
-    takeSamples<Order>(signal, sample, count, scaled);
+    takeSamples<Order>(signal, sample, size, scaled);
 }
 
 template <typename Order, typename Scaling>
-VU_AVX2 void takeAvx2(CanSignalNode *signal, uint8_t *sample, uint32_t count, const Scaling &scaled)
+VU_AVX2 void takeAvx2(CanSignalNode *signal, uint8_t *sample, uint32_t size, Scaling scaled)
 {
-    takeSamples<Order>(signal, sample, count, scaled);
+    takeSamples<Order>(signal, sample, size, scaled);
 }
 
 template <typename Order, typename Scaling>
-void take(CanSignalNode *signal, void *payload, uint32_t size, const Scaling &scaled)
+void take(CanSignalNode *signal, void *payload, uint32_t size, Scaling scaled)
 {
-    static const auto kernel = vu::hasAvx2() ? takeAvx2<Order, Scaling> : takePlain<Order, Scaling>;
-    if (signal->proxy) // else the host has not said where the test starts
-        kernel(signal, static_cast<uint8_t *>(payload), size / kSample, scaled);
+    if (!signal->proxy) // the host has not said where the test starts
+        return;
+    if (kHasAvx2)
+        takeAvx2<Order, Scaling>(signal, static_cast<uint8_t *>(payload), size, scaled);
+    else
+        takePlain<Order, Scaling>(signal, static_cast<uint8_t *>(payload), size, scaled);
 }
 
 bool nothingMore(const vu::Stanza &, vu::RequiredKeys &, CanSignalNode &)

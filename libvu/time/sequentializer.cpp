@@ -16,7 +16,6 @@ namespace {
 
 constexpr double kHighestPipeRate = 1e6;
 constexpr double kPoolSeconds = 5.0;
-constexpr double kLongestWholePeriod = 0x1p50;
 using vu::kWholeNumbers;
 
 bool isUsablePipeRate(double rate)
@@ -122,27 +121,17 @@ uint32_t fillRun(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
     return count;
 }
 
-// The same sample by sample, at any period, with the clock in registers.
+// The same sample by sample, at any period.
 template <typename Sample>
 uint32_t fillSteps(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
 {
-    SampleClock &clock = *seq.clock;
-    const auto period = static_cast<int64_t>(clock.whole_ticks);
-    int64_t current = clock.current_tick;
-    int64_t next = clock.next_tick;
-    double accumulator = clock.remainder_accumulator;
+    vu::WholeClock clock(*seq.clock);
     auto sample = static_cast<Sample>(seq.value);
     bool expired = false;
     uint32_t count = 0;
-    while (current < limit && count < room) {
-        accumulator += clock.remainder_per_sample;
-        current = next;
-        next += period;
-        if (accumulator > clock.half_numerator) {
-            next += 1;
-            accumulator -= clock.rate_numerator;
-        }
-        if (seq.expiry_tick < current && !expired) {
+    while (clock.current < limit && count < room) {
+        clock.tick();
+        if (seq.expiry_tick < clock.current && !expired) {
             expired = true;
             sample = static_cast<Sample>(seq.invalid_value);
         }
@@ -150,13 +139,10 @@ uint32_t fillSteps(Sequentializer &seq, Sample *out, uint32_t room, int64_t limi
     }
     if (expired)
         seq.value = seq.invalid_value;
-    clock.current_tick = current;
-    clock.next_tick = next;
-    clock.remainder_accumulator = accumulator;
     return count;
 }
 
-// One step in whole numbers.
+// One step of a clock that WholeClock would serve too: in place, with most of its fields left alone.
 template <typename Sample>
 void stepOnce(Sequentializer &seq, SampleClock &clock, Frame *frame)
 {
@@ -245,7 +231,7 @@ void advanceBy(Sequentializer &seq, int64_t target)
 {
     SampleClock &clock = *seq.clock;
     Frame *frame = seq.current_frame;
-    if (clock.whole_ticks > kLongestWholePeriod)
+    if (!vu::WholeClock::steps(clock))
         advanceFar<Sample>(seq, static_cast<double>(target));
     // The usual call: a value about once a sample, and a frame that does not become full by it.
     else if (frame && target <= clock.next_tick && frame->length + 1 < frame->capacity)

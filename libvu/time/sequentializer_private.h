@@ -2,12 +2,10 @@
 #pragma once
 
 #include "libvu/core/saturate_private.h"
+#include "libvu/time/sample_clock_private.h"
 #include "libvu/time/sequentializer.h"
 
 namespace vu {
-
-// Up to here whole numbers and doubles step alike: the last step leads less than two periods beyond.
-constexpr int64_t kWholeNumbers = int64_t{1} << 52;
 
 void advance(Sequentializer &seq, double time);                 // sequentialize()
 void takeValue(Sequentializer &seq, double time, double value); // sequentialize_value()

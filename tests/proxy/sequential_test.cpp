@@ -46,6 +46,28 @@ TEST(Sequential, RecordsInAnyPiecesFillFramesForEveryListener)
     }
 }
 
+TEST(Sequential, AHostsByteSwapGetsEveryFullFrameInWireOrder)
+{
+    ErrorTrap errors;
+    TestChannel channel(stanza("sequential_float32", R"("sample_rate":20)"));
+    Pipe *const pipe = channel.listen();
+    channel.sendMarker();
+    static std::vector<float> seen;
+    seen.clear();
+    channel->byte_swap = [](ProxyNode *, void *target) {
+        const auto *frame = static_cast<const Frame *>(target);
+        EXPECT_EQ(frame->length, 2u);
+        for (uint32_t i = 0; i < 2; i++)
+            seen.push_back(
+                std::bit_cast<float>(vu::loadBig<uint32_t>(static_cast<float *>(frame->data) + i)));
+    };
+    channel.send(sampleRecord<float>({1, 2, 3, 4, 5}));
+    channel.send(sampleRecord<float>({6, 7}));
+    EXPECT_THAT(seen, ElementsAre(1, 2, 3, 4, 5, 6));
+    EXPECT_EQ(pipe->queued, 6);
+    EXPECT_EQ(std::bit_cast<float>(vu::loadBig<uint32_t>(channel->frame->data)), 7);
+}
+
 TEST(Sequential, UnheardSamplesCountOneRecordAnEvent)
 {
     ErrorTrap errors;
@@ -203,8 +225,12 @@ TYPED_TEST(Kernels, EveryPathIsExactBitForBit)
             const auto bound = [&](void *data, size_t size) { kernel(data, size, scale, offset); };
             EXPECT_EQ(bitsBehind(bound, samples), calibrated) << scale << " " << offset;
         }
-        for (const auto kernel : {vu::swapPlain<Word>, wide ? vu::swapAvx2<Word> : vu::swapPlain<Word>})
-            EXPECT_EQ(bitsBehind(kernel, samples), reversed);
+        for (const auto kernel : {vu::swapPlain<Word>, wide ? vu::swapAvx2<Word> : vu::swapPlain<Word>}) {
+            const auto inPlace = [&](void *data, size_t size) {
+                kernel(static_cast<uint8_t *>(data), static_cast<const uint8_t *>(data), size);
+            };
+            EXPECT_EQ(bitsBehind(inPlace, samples), reversed);
+        }
     }
 }
 
