@@ -4,6 +4,8 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <string_view>
+#include <vector>
 
 #include "vu/command.h"
 
@@ -60,7 +62,10 @@ std::string Fields::word(const char *key, std::initializer_list<const char *> wo
     const std::string given = text(key, fallback);
     if (std::find(words.begin(), words.end(), given) != words.end())
         return given;
-    mistakes_.add(pathOf(key), fmt::format("expected one of {}", fmt::join(words, ", ")));
+    // A word of no letters stands for the key that is not given.
+    std::vector<std::string_view> expected(words.begin(), words.end());
+    std::erase(expected, "");
+    mistakes_.add(pathOf(key), fmt::format("expected one of {}", fmt::join(expected, ", ")));
     return fallback;
 }
 

@@ -20,6 +20,10 @@ void printTable(const DataFile &file)
     fmt::print("{:<{}} {:>14} {:>14} {:>14}\n", "channel", width, "received", "stored", "discarded");
     for (const auto &stored : file.tracks()) {
         const Ledger &ledger = stored.ledger;
+        if (stored.group < 0 && ledger.received == 0) { // messages that nobody listens to are not counted
+            fmt::print("{:<{}} {:>14} {:>14} {:>14}  not stored\n", stored.track.name, width, "-", "-", "-");
+            continue;
+        }
         fmt::print("{:<{}} {:>14} {:>14} {:>14}", stored.track.name, width, ledger.received, ledger.stored,
                    ledger.discarded());
         for (const auto &[cause, count] : ledger.causes())
