@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "vu/krdfile/bytes.h"
+#include "vu/krdfile/checksums.h"
 
 namespace vu::krd {
 
@@ -34,14 +35,17 @@ struct Piece {
 // Every byte of a file, in order, each in one piece.
 class BlockWalk {
 public:
-    explicit BlockWalk(Bytes file) : file_(file) {}
+    explicit BlockWalk(Bytes file) : file_(file), sums_(file) {}
     std::optional<Piece> next();
 
 private:
-    std::optional<Block> findBehind(uint64_t offset) const;
+    std::optional<Block> proven(uint64_t offset);
+    std::optional<Block> findBehind(uint64_t offset);
     bool unfinishedAt(uint64_t offset) const;
 
     Bytes file_;
+    Checksums sums_;
+    bool damaged_ = false; // from then on many places may claim the same bytes
     uint64_t offset_ = 0;
     std::optional<Block> found_; // behind damage that has just been told
 };

@@ -1,0 +1,31 @@
+// CRC-32 of any part of a file, at a cost that does not grow with the part.
+//
+// Behind damage every place that looks like a header is tried, and each may claim most of the file. The
+// checksums of the file's beginnings, one a KiB, make a try cheap: what precedes the part is taken off the
+// checksum of all that reaches to its end.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "vu/krdfile/bytes.h"
+
+namespace vu::krd {
+
+class Checksums {
+public:
+    explicit Checksums(Bytes file) : file_(file) {}
+    // Parts of some length make it read the whole file, once.
+    uint32_t of(uint64_t begin, uint64_t size);
+
+private:
+    void gather();
+    uint32_t upTo(uint64_t end) const;
+
+    Bytes file_;
+    std::vector<uint32_t> beginnings_; // of the first i KiB
+};
+
+uint32_t checksum(Bytes bytes, uint32_t of_what_precedes = 0);
+
+} // namespace vu::krd
