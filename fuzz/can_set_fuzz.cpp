@@ -1,19 +1,12 @@
 // Random sets over random records, both ways. Besides the sanitizers' checks: every timestamp is turned, and
 // nothing else of a record is written.
 #include <cstdio>
-#include <cstring>
-#include <fuzzer/FuzzedDataProvider.h>
 #include <vector>
 
-#include "libvu/bus/can_set.h"
-#include "libvu/bus/can_signal.h"
-#include "libvu/core/callbacks.h"
-#include "tests/support/release_stream.h"
-
-namespace {
+#include "fuzz/host.h"
 
 // Periods so long that any timestamp is reached in a moment.
-std::string stanza(FuzzedDataProvider &bytes)
+static std::string stanza(FuzzedDataProvider &bytes)
 {
     static const char *const formats[] = {"ULSB", "UMSB", "SLSB", "SMSB", "FLSB", "FMSB", "DMSB"};
     char text[640];
@@ -32,30 +25,22 @@ std::string stanza(FuzzedDataProvider &bytes)
     return text;
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fuzz(const uint8_t *data, size_t size)
 {
-    libvuErrorCallback = [](const char *) { return 1; };
-    libvuRezeroCallback = [](const char *, double) { return 1; };
     FuzzedDataProvider bytes(data, size);
-    CanSet *set = can_set_create();
-    CanSignalNode *list = nullptr;
-    std::vector<CanSetSignal *> signals;
+    Signals made;
     for (int i = bytes.ConsumeIntegralInRange(0, 40); i > 0 && bytes.remaining_bytes() > 30; i--) {
         const std::string text = stanza(bytes);
-        if (CanSetSignal *signal = can_set_add_signal(set, text.c_str())) {
+        if (CanSetSignal *signal = can_set_add_signal(made.set, text.c_str()))
             signal->rezero_pending = bytes.ConsumeBool();
-            signals.push_back(signal);
-        }
-        if (CanSignalNode *node = canSignalInit(text.c_str())) {
-            node->rezero_pending = bytes.ConsumeBool();
-            node->next = list;
-            list = node;
+        if (CanSignalNode *signal = canSignalInit(text.c_str())) {
+            signal->rezero_pending = bytes.ConsumeBool();
+            signal->next = made.list;
+            made.list = signal;
         }
     }
     if (bytes.ConsumeBool())
-        can_set_finalize(set);
+        can_set_finalize(made.set);
     const auto body = bytes.ConsumeRemainingBytes<uint8_t>();
     const size_t count = body.size() / sizeof(CanRecord);
     std::vector<CanRecord> batch(count), alone;
@@ -64,22 +49,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         std::memset(batch[i].id, 0, 3); // so that many of them match
     }
     alone = batch;
-    can_set_process(set, batch.data(), static_cast<uint32_t>(count));
-    canProcessSignals(list, alone.data(), static_cast<int32_t>(count));
+    can_set_process(made.set, batch.data(), static_cast<uint32_t>(count));
+    canProcessSignals(made.list, alone.data(), static_cast<int32_t>(count));
     for (size_t i = 0; i < count; i++)
-        if (std::memcmp(&batch[i], &alone[i], sizeof(CanRecord)) != 0 ||
-            batch[i].timestamp[0] != body[i * sizeof(CanRecord) + 7])
-            __builtin_trap();
-
-    for (CanSetSignal *signal : signals)
-        vu::test::releaseSignal(signal);
-    can_set_destroy(set);
-    std::free(set);
-    while (CanSignalNode *node = list) {
-        list = node->next;
-        vu::test::releaseSignal(node);
-        std::free(node->config);
-        std::free(node);
-    }
-    return 0;
+        require(std::memcmp(&batch[i], &alone[i], sizeof(CanRecord)) == 0 &&
+                batch[i].timestamp[0] == body[i * sizeof(CanRecord) + 7]);
 }

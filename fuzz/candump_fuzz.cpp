@@ -1,16 +1,14 @@
 // Any text as a line of a candump log. Besides the sanitizers' checks: a frame is one that CAN can carry, its
 // time fits, and written as a line again it reads the same.
 #include <algorithm>
-#include <cstdlib>
 #include <fmt/format.h>
 
+#include "fuzz/target.h"
 #include "vu/source/candump_line.h"
 
 using vu::CandumpLine;
 
-namespace {
-
-std::string written(const CandumpLine &line)
+static std::string written(const CandumpLine &line)
 {
     const vu::CanFrame &frame = line.frame;
     const int64_t ticks = line.ticks.value_or(0);
@@ -23,18 +21,15 @@ std::string written(const CandumpLine &line)
     return text;
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fuzz(const uint8_t *data, size_t size)
 {
     const auto [kind, ticks, frame] = vu::parseCandumpLine({reinterpret_cast<const char *>(data), size});
     if (kind != CandumpLine::Kind::Frame)
-        return 0;
+        return;
     const CandumpLine again = vu::parseCandumpLine(written({kind, ticks, frame}));
     const auto unused = frame.data.begin() + (frame.remote ? 0 : std::min<int>(frame.length, 8));
-    if (frame.length > 8 || frame.id > (frame.extended ? 0x1FFFFFFFu : 0x7FFu) || ticks.value_or(0) < 0 ||
-        std::any_of(unused, frame.data.end(), [](uint8_t byte) { return byte != 0; }) || again.kind != kind ||
-        again.frame != frame || again.ticks != ticks.value_or(0))
-        std::abort();
-    return 0;
+    require(frame.length <= 8 && frame.id <= (frame.extended ? 0x1FFFFFFFu : 0x7FFu) &&
+            ticks.value_or(0) >= 0);
+    require(std::all_of(unused, frame.data.end(), [](uint8_t byte) { return byte == 0; }));
+    require(again.kind == kind && again.frame == frame && again.ticks == ticks.value_or(0));
 }

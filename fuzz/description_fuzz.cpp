@@ -1,28 +1,24 @@
 // Reads arbitrary text as a test description. Besides the sanitizers' checks: a refusal names at least one
 // line of the file, and what is accepted has what a recording needs.
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 
+#include "fuzz/target.h"
 #include "vu/command.h"
 #include "vu/record/description.h"
 #include "vu/record/forecast.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fuzz(const uint8_t *data, size_t size)
 {
     const std::string_view text(reinterpret_cast<const char *>(data), size);
     try {
         // A folder that holds nothing: no DBC can be found from there.
         const vu::Description test = vu::parseDescription(text, "/nonexistent/t.json");
-        if (test.channels.empty() || test.name.empty() || test.flush_interval <= 0.0)
-            std::abort();
+        require(!test.channels.empty() && !test.name.empty() && test.flush_interval > 0.0);
         for (const vu::Channel &channel : test.channels)
-            if (channel.name.empty() || channel.address.empty() || channel.stanza.empty())
-                std::abort();
+            require(!channel.name.empty() && !channel.address.empty() && !channel.stanza.empty());
         vu::forecast(test);
     } catch (const vu::InputError &error) {
-        if (!std::string_view(error.what()).starts_with("/nonexistent/t.json:"))
-            std::abort();
+        require(std::string_view(error.what()).starts_with("/nonexistent/t.json:"));
     }
-    return 0;
 }

@@ -1,11 +1,11 @@
 // Reads arbitrary bytes as a data file. The mutator mends sizes, tags and checksums, or nothing would get
 // past them. Besides the sanitizers' checks: every byte of the file is accounted for once, and what recovery
 // makes of any file is whole and holds its blocks.
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 #include <zlib.h>
 
+#include "fuzz/target.h"
 #include "libvu/core/wire_private.h"
 #include "libvu/datafile/krd_format.h"
 #include "vu/command.h"
@@ -18,15 +18,7 @@ using namespace vu::krd;
 
 extern "C" size_t LLVMFuzzerMutate(uint8_t *data, size_t size, size_t maxSize);
 
-namespace {
-
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
-
-void readChannel(const Channel &channel, const std::vector<Block> &blocks, int64_t ticksPerSecond)
+static void readChannel(const Channel &channel, const std::vector<Block> &blocks, int64_t ticksPerSecond)
 {
     if (channel.periodic()) {
         const Extent extent = extentOf(channel, blocks, {});
@@ -37,17 +29,13 @@ void readChannel(const Channel &channel, const std::vector<Block> &blocks, int64
             samples += cursor.alike();
         }
         require(samples == extent.samples && last >= 0);
-    }
-    if (!channel.periodic() && channel.kind != Kind::kUnknown)
+    } else if (channel.kind != Kind::kUnknown)
         forEachMessage(channel, blocks, [&](const Message &message) {
-            if (channel.kind == Kind::kCan)
-                require(canFrame(message.body).data.size() <= 8);
+            require(channel.kind != Kind::kCan || canFrame(message.body).data.size() <= 8);
         });
     if (channel.periodic() || channel.kind == Kind::kFloat || channel.kind == Kind::kFloatNtp)
         envelopeOf(channel, blocks, ticksPerSecond, {}, 16);
 }
-
-} // namespace
 
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t maxSize, unsigned seed)
 {
@@ -67,7 +55,7 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max
     return size;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fuzz(const uint8_t *data, size_t size)
 {
     const Bytes file(data, size);
     try {
@@ -89,5 +77,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         require(compareRewritten(recording, scan(whole, "again")).empty());
     } catch (const vu::InputError &) {
     }
-    return 0;
 }

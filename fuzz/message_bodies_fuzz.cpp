@@ -1,13 +1,9 @@
 // The bytes of a message channel of any kind, in two pieces. The first byte picks kind and settings, the
 // second the pieces. Besides the sanitizers' checks: no frame is empty or overfull, and no event is without
 // end.
-#include <string>
+#include "fuzz/host.h"
 
-#include "fuzz/fuzz_node.h"
-#include "libvu/bus/can_set.h"
-#include "libvu/bus/xcp_set.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fuzz(const uint8_t *data, size_t size)
 {
     const char *const kinds[] = {"raw",     "nmea",    "can",         "xcp_ip",
                                  "float32", "float64", "float32_ntp", "float64_ntp"};
@@ -16,25 +12,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                                     R"(,"sample_rate":1e-8,"stale_data_expiration_time":1e8,
                                         "invalid_data_output_value":-1})"};
     if (size < 2)
-        return 0;
-    FuzzNode made((R"({"name":"m","connector":"c","data_type":"message_)" + std::string(kinds[data[0] % 8]) +
-                   '"' + settings[data[0] / 8 % 2])
-                      .c_str());
-    ProxyNode *node = made.node;
-    node->can_set = can_set_create();
-    node->xcp_set = xcp_ip_set_create();
+        return;
+    const Signals signals;
+    FuzzNode node(R"({"name":"m","connector":"c","data_type":"message_)" + std::string(kinds[data[0] % 8]) +
+                  '"' + settings[data[0] / 8 % 2]);
+    node->can_set = signals.set;
+    node->xcp_set = signals.measurements;
     node->rezero_pending = data[0] >> 7;
-    Pipe *pipe = pipeAttachPipe(&node->pipes);
+    Pipe *pipe = node.listen();
     const std::span bytes(data + 2, size - 2);
-    made.feed(bytes.first(bytes.size() * data[1] / 255));
-    made.feed(bytes.subspan(bytes.size() * data[1] / 255));
+    node.feed(bytes.first(bytes.size() * data[1] / 255));
+    node.feed(bytes.subspan(bytes.size() * data[1] / 255));
     while (Frame *frame = pipeGetFrame(pipe)) {
-        if (frame->length == 0 || frame->length > frame->capacity)
-            std::abort();
+        require(frame->length > 0 && frame->length <= frame->capacity);
         frameDelete(frame);
     }
-    can_set_destroy(node->can_set);
-    std::free(node->can_set);
-    xcp_ip_set_destroy(node->xcp_set);
-    return 0;
 }

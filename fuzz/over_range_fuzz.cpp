@@ -1,16 +1,10 @@
 // Detectors of arbitrary limits and rates over arbitrary frames. Besides the sanitizers' checks: every run
 // ends, and what comes out is yes or no, numbered without a gap, at most a ring's worth a run.
-#include <cstdlib>
-#include <fuzzer/FuzzedDataProvider.h>
 #include <vector>
 
-#include "libvu/core/callbacks.h"
-#include "libvu/monitor/element_access.h"
-#include "libvu/monitor/over_range.h"
+#include "fuzz/host.h"
 
-namespace {
-
-Frame *arbitraryFrame(FuzzedDataProvider &input, uint32_t elementSize)
+static Frame *arbitraryFrame(FuzzedDataProvider &input, uint32_t elementSize)
 {
     Frame *frame = frameCreate(input.ConsumeIntegralInRange(0u, 64u), elementSize, nullptr);
     frame->length = uint32_t(input.ConsumeData(frame->data, frame->capacity * elementSize)) / elementSize;
@@ -18,11 +12,8 @@ Frame *arbitraryFrame(FuzzedDataProvider &input, uint32_t elementSize)
     return frame;
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fuzz(const uint8_t *data, size_t size)
 {
-    libvuErrorCallback = libvuCriticalErrorCallback = [](const char *) { return 1; };
     FuzzedDataProvider input(data, size);
     const auto rate = [&] {
         return input.ConsumeBool() ? input.PickValueInArray({0.1, 1.0, 10.0, 1000.0, 32000.0})
@@ -33,8 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (OverRngChannelConfig &channel : channels) {
         const auto mode = input.ConsumeIntegralInRange<uint8_t>(0, 4);
         const auto width = input.PickValueInArray<uint16_t>({4, 8});
-        const double lower = input.ConsumeFloatingPoint<double>(),
-                     upper = input.ConsumeFloatingPoint<double>();
+        const auto lower = input.ConsumeFloatingPoint<double>(), upper = input.ConsumeFloatingPoint<double>();
         channel = {"c", rate(), mode, input.ConsumeBool(), width, lower, upper, pipeAttachPipe(&inputs)};
     }
     Pipe *const out = pipeAttachPipe(&output);
@@ -48,12 +38,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (input.ConsumeBool())
             continue;
         Over_Rng_Detect_run(id);
-        if (out->queued > 4095)
-            abort();
+        require(out->queued <= 4095);
         while (Frame *frame = pipeGetFrame(out)) {
             const double value = frameBuf64Reader(frame, 0);
-            if (frame->start != next++ || (value != 0.0 && value != 1.0))
-                abort();
+            require(frame->start == next++ && (value == 0.0 || value == 1.0));
             frameDelete(frame);
         }
     }
@@ -62,5 +50,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     while (inputs.first)
         pipeDetachPipe(&inputs, inputs.first);
     pipeDetachPipe(&output, out);
-    return 0;
 }

@@ -11,7 +11,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::Pair;
-using vu::test::AllocationFaults;
 
 std::vector<std::string> offered;
 int32_t answer;
@@ -27,14 +26,12 @@ protected:
         };
         vu::test::calls.raise = [this](int signal) { return raised.push_back(signal), 0; };
     }
-    ~Reporting() override
-    {
-        libvuErrorCallback = libvuCriticalErrorCallback = nullptr;
-        vu::test::calls = {};
-    }
+    ~Reporting() override { libvuErrorCallback = libvuCriticalErrorCallback = nullptr; }
+
+    vu::test::ScopedCalls scope;
     vu::test::LogTrap log;
     std::vector<int> raised;
-    AllocationFaults memory;
+    vu::test::AllocationFaults memory;
 };
 
 TEST_F(Reporting, HostTakesAnErrorOrItIsLoggedAndRaised)
@@ -50,11 +47,9 @@ TEST_F(Reporting, HostTakesAnErrorOrItIsLoggedAndRaised)
         EXPECT_THAT(std::exchange(raised, {}), ElementsAre(SIGINT));
         EXPECT_THAT(std::exchange(offered, {}), ElementsAre("taken 5%", "left 100% %n"));
     }
-    for (answer = 1; answer >= 0; answer--) { // taken, then left, when it can not be formatted
-        memory.failAt(0);
-        libvuError("text %d", 1);
-    }
-    EXPECT_EQ(offered.front(), "Unable to format error message");
+    memory.failAt(0);
+    libvuError("text %d", 1);
+    EXPECT_THAT(offered, ElementsAre("Unable to format error message"));
     libvuErrorCallback = nullptr;
     libvuError("nobody there");
     EXPECT_THAT(log.lines(),
@@ -66,7 +61,6 @@ TEST_F(Reporting, LastErrorMayQuoteItselfAndSurvivesAFailure)
 {
     libvuSetError("first %d%%", 1);
     libvuSetError("second after %s", libvuLastError());
-    EXPECT_STREQ(libvuLastError(), "second after first 1%");
     memory.failAt(0);
     libvuSetError("third %d", 3);
     EXPECT_STREQ(libvuLastError(), "second after first 1%");
@@ -76,23 +70,15 @@ TEST_F(Reporting, LastErrorMayQuoteItselfAndSurvivesAFailure)
     EXPECT_THAT(raised, ElementsAre());
 }
 
-TEST_F(Reporting, LogLinesCarryTheirSeverity)
-{
-    for (const auto level : {logError, logWarning, logNotice, logInfo, logDebug})
-        level("%d", 1);
-    lib_init();
-    EXPECT_THAT(log.lines(), ElementsAre(Pair(11, "1"), Pair(12, "1"), Pair(13, "1"), Pair(14, "1"),
-                                         Pair(15, "1"), Pair(13, "Using release version of libvu")));
-}
-
 TEST_F(Reporting, FormattingOrDeathEndsTheProcess)
 {
     char *text = nullptr;
+    memory.failAt(0); // inherited by the process that dies
+    EXPECT_EXIT(asprintf_or_die(&text, "%d", 1), testing::ExitedWithCode(-42 & 0xFF), "");
+    memory.failNone();
     asprintf_or_die(&text, "%s-%d", "a", 1);
     EXPECT_STREQ(text, "a-1");
     free(text);
-    memory.failAt(0); // inherited by the process that dies
-    EXPECT_EXIT(asprintf_or_die(&text, "%d", 1), testing::ExitedWithCode(-42 & 0xFF), "");
 }
 
 } // namespace

@@ -5,12 +5,7 @@
 #include "tests/support/allocation_faults.h"
 
 using namespace vu::test;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Pair;
-using ::testing::StartsWith;
-
-namespace {
+using namespace testing;
 
 const std::string kNotice =
     "The system has run out of space for further writes to the data (KRD) file for the test.  The test will "
@@ -24,19 +19,15 @@ protected:
     Disk()
     {
         calls.system = [this](const char *command) { return notifiers.emplace_back(command), 0; };
-        calls.writev = [this](int to, const iovec *pieces, int count) {
-            const ssize_t written = real_writev(to, pieces, count);
-            call_ends.push_back(size());
-            return written;
-        };
         prepare();
         writeEverything();
-        whole = file();
-        reference = blocks();
-        calls.writev = nullptr;
+        whole = blocks();
+        whole_ends = call_ends;
     }
 
-    void prepare()
+    // An empty file on a disk that has `room`. The call that meets the end is short; one that finds nothing
+    // left is refused with `error`, or takes 0 bytes without one.
+    void prepare(size_t room = SIZE_MAX, int error = 0)
     {
         startOver(30); // so little that the index writes itself on the way
         KRDBuffer_set_storage_convert(&records[1], "sequential_float32", "sequential_int16", 0, "rle");
@@ -44,6 +35,17 @@ protected:
         channel.no_position = 0;
         log.lines();
         notifiers.clear();
+        call_ends = {0};
+        calls.writev = [=, this](int to, const iovec *pieces, int count) -> ssize_t {
+            std::string bytes;
+            for (int i = 0; i < count; i++)
+                bytes.append(static_cast<const char *>(pieces[i].iov_base), pieces[i].iov_len);
+            const iovec piece = {bytes.data(), std::min(room - size(), bytes.size())};
+            const ssize_t written = real_writev(to, &piece, 1);
+            call_ends.push_back(size());
+            errno = error;
+            return piece.iov_len || !error ? written : -1;
+        };
     }
     void writeEverything()
     {
@@ -59,58 +61,50 @@ protected:
         queue<float>(records[3], {4.0f});
         flushChannels();
         KRDBuffer_flush(&index, 1);
-    }
-    // The same on a disk that has `room`. The call that meets the end is short; one that finds nothing left
-    // is refused with `error`, or takes 0 bytes without one.
-    void writeEverythingInto(size_t room, int error)
-    {
-        calls_made = 0;
-        calls.writev = [=, this](int to, const iovec *pieces, int count) -> ssize_t {
-            calls_made++;
-            std::string bytes;
-            for (int i = 0; i < count; i++)
-                bytes.append(static_cast<const char *>(pieces[i].iov_base), pieces[i].iov_len);
-            const iovec piece = {bytes.data(), std::min(room - size(), bytes.size())};
-            const ssize_t written = real_writev(to, &piece, 1);
-            errno = error;
-            return piece.iov_len || !error ? written : -1;
-        };
-        prepare();
-        writeEverything();
         calls.writev = nullptr;
     }
 
     size_t size() const { return std::filesystem::file_size(path); }
-    std::string whole;
-    std::vector<Block> reference;
-    std::vector<size_t> call_ends;
+    std::vector<Block> whole;
+    std::vector<size_t> call_ends, whole_ends; // where each call has left the file, and the start
     std::vector<std::string> notifiers;
-    size_t calls_made = 0;
 };
-
-} // namespace
 
 // At each byte of the file in turn: what was whole stays, what was not is cut off, and the test runs on in
 // silence until the host lets it write again. Where a call ends, the disk may also refuse for other reasons;
-// between the calls of one block nothing is cut then.
+// between the calls of one block nothing is cut then. What a host does in its callback does not bring the
+// file back, and frames that it takes are not used.
 TEST_F(Disk, FullOrRefusingAtEveryByte)
 {
-    for (size_t room = 0; room < whole.size(); room++) {
-        const auto refused = std::upper_bound(call_ends.begin(), call_ends.end(), room);
-        const size_t taken = refused == call_ends.begin() ? 0 : refused[-1];
+    static Pipe *drained;
+    static int refusals;
+    static const auto trapped = libvuErrorCallback;
+    libvuErrorCallback = [](const char *text) {
+        EXPECT_EQ(KRDWriter_is_disk_full(), 0);
+        if (refusals++ % 2) {
+            KRDWriter_restore_writer();
+            pipeFlushFrames(drained);
+        }
+        return trapped(text);
+    };
+    std::vector<Block> fitting;
+    for (size_t room = 0; room < whole_ends.back(); room++) {
+        while (whole[fitting.size()].end() <= room)
+            fitting.push_back(whole[fitting.size()]);
+        const auto refused = std::upper_bound(whole_ends.begin(), whole_ends.end(), room);
+        const size_t taken = refused[-1];
         for (const int error : {ENOSPC, 0, EIO, EINTR, EAGAIN, EDQUOT, EFBIG}) {
             if (taken != room && error != ENOSPC)
                 break;
-            SCOPED_TRACE(testing::Message() << "room " << room << ", error " << error);
-            std::vector<Block> fitting = reference;
-            writeEverythingInto(room, error);
-            EXPECT_EQ(calls_made, static_cast<size_t>(refused - call_ends.begin() + 1));
+            SCOPED_TRACE(Message() << "room " << room << ", error " << error);
+            prepare(room, error);
+            drained = records[2].pipe;
+            writeEverything();
+            EXPECT_EQ(call_ends.size() - 1, static_cast<size_t>(refused - whole_ends.begin()));
             EXPECT_EQ(KRDWriter_amount_written(5, records), static_cast<double>(taken));
             EXPECT_EQ(KRDWriter_is_disk_full(), 1);
             for (const KRDBuffer &record : records)
                 EXPECT_FALSE(record.pipe && pipeHasFrames(record.pipe));
-            while (!fitting.empty() && fitting.back().end() > room)
-                fitting.pop_back();
             EXPECT_TRUE(wholeBlocks(file()) == fitting);
             EXPECT_EQ(size(), taken == room ? room : fitting.empty() ? 0 : fitting.back().end());
             if (error == ENOSPC || error == 0) {
@@ -120,7 +114,7 @@ TEST_F(Disk, FullOrRefusingAtEveryByte)
                 EXPECT_THAT(errors.texts(),
                             ElementsAre(StartsWith(std::string("KRD vib write() error: ") + strerror(error) +
                                                    " " + std::to_string(fd) + " ")));
-                EXPECT_THAT(notifiers, IsEmpty());
+                EXPECT_THAT(notifiers, ElementsAre());
             }
             KRDWriter_restore_writer();
             const size_t before = size();
@@ -132,37 +126,18 @@ TEST_F(Disk, FullOrRefusingAtEveryByte)
     }
 }
 
-// What a host does in its callback does not bring a refused file back, and frames that it takes are not used.
-TEST_F(Disk, CallbackOfARefusalMayRestoreAndDrain)
-{
-    static KRDBuffer *drained = &records[2];
-    static int full_inside;
-    const auto trapped = std::exchange(libvuErrorCallback, [](const char *) {
-        full_inside = KRDWriter_is_disk_full();
-        KRDWriter_restore_writer();
-        pipeFlushFrames(drained->pipe);
-        return 1;
-    });
-    for (const size_t room : call_ends) {
-        if (room == whole.size())
-            break;
-        writeEverythingInto(room, EIO);
-        EXPECT_EQ(full_inside, 0);
-        EXPECT_EQ(KRDWriter_is_disk_full(), 1);
-    }
-    libvuErrorCallback = trapped;
-}
-
 TEST_F(Disk, CutThatFailsIsToldAndStopsNothing)
 {
-    calls.lseek64 = [](int, off64_t, int) { return errno = EIO, -1; };
-    writeEverythingInto(1, ENOSPC);
-    EXPECT_STREQ(libvuLastError(), "KRD vib lseek64 error: Input/output error");
-    calls.lseek64 = [](int, off64_t, int) { return off64_t{0}; };
-    writeEverythingInto(1, ENOSPC);
-    EXPECT_STREQ(libvuLastError(), "KRD vib ftruncate64 error: Invalid argument");
-    EXPECT_EQ(notifiers.size(), 1u);
-    EXPECT_EQ(KRDWriter_is_disk_full(), 1);
+    const auto told = [this](const std::string &what, off64_t end) {
+        calls.lseek64 = [end](int, off64_t, int) { return errno = EIO, end; };
+        prepare(1, ENOSPC);
+        writeEverything();
+        EXPECT_EQ(libvuLastError(), "KRD vib " + what);
+        EXPECT_EQ(notifiers.size(), 1u);
+        EXPECT_EQ(KRDWriter_is_disk_full(), 1);
+    };
+    told("lseek64 error: Input/output error", -1);
+    told("ftruncate64 error: Invalid argument", 0);
 }
 
 // Each allocation in turn, the test's own frames included: blocks may lack, none is unsound, nothing leaks.
@@ -178,7 +153,7 @@ TEST_F(Disk, EveryAllocationFailsOnce)
         allocations.failAt(n);
         writeEverything();
         EXPECT_LE(errors.texts().size(), 1u) << n;
-        EXPECT_GE(blocks().size() + 2, reference.size()) << n;
+        EXPECT_GE(blocks().size() + 2, whole.size()) << n;
         EXPECT_EQ(KRDWriter_is_disk_full(), 0);
     }
 }

@@ -3,117 +3,100 @@
 #include <csignal>
 #include <ev.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <utility>
 
 #include "libvu/core/callbacks.h"
+#include "libvu/core/wire_private.h"
+#include "tests/proxy/pair_channel.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/error_trap.h"
 #include "tests/support/interpose.h"
-#include "tests/support/node_fixture.h"
 
 using namespace vu::test;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 
 using Floats = std::vector<float>;
+using Texts = std::vector<std::string>;
 
-// A sequential channel of frames of two samples, listened to; the marker is still to come.
+constexpr char kLost[] =
+    "Channel ch: a record of {} bytes can not be, the rest of the connection is discarded";
+
 class Connection : public ::testing::Test {
 protected:
     ScopedCalls calls;
     ErrorTrap errors;
-    TestChannel channel{stanza("sequential_float32", R"("sample_rate":20)")};
-    Pipe *pipe = channel.listen();
-
-    // The peer's last words and its end, both in one event.
-    void end(const Bytes &last = {})
-    {
-        ASSERT_EQ(real_send(channel.far, last.data(), last.size(), 0), static_cast<ssize_t>(last.size()));
-        shutdown(channel.far, SHUT_WR);
-        channel.run();
-    }
-    Floats samples() { return takeSamples<float>(pipe); }
+    PairChannel channel;
 };
 
-TEST_F(Connection, OnlyTwoMarkersOpenIt)
+TEST_F(Connection, OnlyMarkersAndPossibleLengthsKeepItOpen)
 {
-    for (const Bytes &first : {Bytes{0xFE, 0xED}, {0xED, 0xFE}, {0xED, 0xED}, {0xFE, 0xFE}, {0xFE}, {0}}) {
-        TestChannel fresh(stanza("message_can"));
+    const auto afterTwo = [](uint32_t length) {
+        return Bytes{0xFE, 0xED}.add(sampleRecord<float>({1, 2})).be(length);
+    };
+    const Bytes starts[] = {{0xFE, 0xED}, {0xED, 0xFE},       {0xED, 0xED},
+                            {0xFE},       afterTwo(1u << 31), afterTwo(~0u)};
+    for (const Bytes &first : starts) {
+        const bool isMarker = first.size() <= 2, opens = first.size() == 2 && first[0] != first[1];
+        PairChannel fresh;
         fresh.send(first);
+        EXPECT_EQ(fresh.samples(), isMarker ? Floats() : Floats({1, 2}));
+        EXPECT_EQ(errors.texts(),
+                  isMarker ? Texts() : Texts{fmt::format(kLost, vu::loadBig<uint32_t>(&first.end()[-4]))});
         fresh.send(Bytes().zeros(5000));
         fresh.hangUp();
         fresh.run();
         EXPECT_FALSE(ev_is_active(fresh->watcher)) << "sleeps at the end, also when it discards";
-        const bool opens = first.size() == 2 && first[0] != first[1];
         EXPECT_EQ(fresh->state, opens ? 2 : 3);
         EXPECT_EQ(fresh->reader, opens ? fresh->main_reader : proxyNode_ProxyReaderDiscard);
-        EXPECT_EQ(errors.disconnects().size(), opens);
-    }
-}
-
-TEST_F(Connection, AnImpossibleLengthLosesTheFraming)
-{
-    for (const uint32_t length : {0x8000'0000u, 0xFFFF'FFFFu}) {
-        TestChannel fresh(stanza("sequential_float32", R"("sample_rate":20)"));
-        Pipe *const listener = fresh.listen();
-        fresh.sendMarker();
-        fresh.send(sampleRecord<float>({1, 2}).be(length).add(sampleRecord<float>({3, 4})));
-        EXPECT_EQ(takeSamples<float>(listener), (Floats{1, 2}));
-        EXPECT_THAT(errors.texts(), ElementsAre(HasSubstr("ch: a record of " + std::to_string(length))));
-        EXPECT_EQ(fresh->state, 3);
-        fresh.send(Bytes().zeros(5000));
         EXPECT_EQ(fresh->inbuf.size, 0u);
+        EXPECT_EQ(errors.disconnects().size(), opens);
     }
 }
 
 TEST_F(Connection, TheEndIsToldOnceAndWhatCameBeforeIsKept)
 {
-    channel.sendMarker();
-    end(sampleRecord<float>({1, 2}));
-    EXPECT_EQ(samples(), (Floats{1, 2}));
-    EXPECT_THAT(errors.disconnects(), ElementsAre("ch"));
-    EXPECT_FALSE(ev_is_active(channel->watcher));
-    EXPECT_THAT((std::array{channel->disconnected, channel->last_errno, channel->last_read, channel->state}),
-                ElementsAre(1, ECONNRESET, 0, 2));
-    EXPECT_GE(fcntl(channel->fd, F_GETFD), 0);
-}
-
-TEST_F(Connection, WithoutACallbackTheEndIsLoggedAndSignalled)
-{
     LogTrap log;
     int raised = 0;
-    vu::test::calls.raise = [&](int signal) { return raised = signal, 0; };
-    libvuChannelDisconnectCallback = nullptr;
-    channel.sendMarker();
-    end();
-    EXPECT_EQ(raised, SIGHUP);
-    const std::pair told(12, "Channel 'ch' unexpectedly disconnected from the test.");
-    EXPECT_THAT(log.lines(), ElementsAre(told));
-}
-
-TEST_F(Connection, ACallbackMayDetachAndStop)
-{
+    vu::test::calls.raise = [&](int signal) { return raised += signal, 0; };
     static ProxyNode *current;
-    current = channel.node;
-    libvuChannelDisconnectCallback = [](const char *) {
+    const auto stopsAndDetaches = [](const char *) {
         pipeDetachPipe(&current->pipes, current->pipes.first);
         proxyNode_Stop(current);
         return 1;
     };
-    channel.sendMarker();
-    end(sampleRecord<float>({1, 2, 3}));
-    EXPECT_EQ(channel.heard(), "Stop");
-    EXPECT_EQ(channel->pipes.first, nullptr);
+    for (const auto callback : {libvuChannelDisconnectCallback, +stopsAndDetaches, {}}) {
+        PairChannel fresh;
+        current = fresh.node;
+        libvuChannelDisconnectCallback = callback;
+        fresh.sendMarker();
+        const Bytes last = sampleRecord<float>({1, 2});
+        ASSERT_EQ(real_send(fresh.far, last.data(), last.size(), 0), 20); // both in one event
+        shutdown(fresh.far, SHUT_WR);
+        fresh.run();
+        EXPECT_FALSE(ev_is_active(fresh->watcher));
+        EXPECT_THAT((std::array{fresh->disconnected, fresh->last_errno, fresh->last_read, fresh->state}),
+                    ElementsAre(1, ECONNRESET, 0, 2));
+        EXPECT_GE(fcntl(fresh->fd, F_GETFD), 0);
+        EXPECT_EQ(fresh.heard(), callback == stopsAndDetaches ? "Stop" : "");
+        if (fresh->pipes.first) {
+            EXPECT_EQ(fresh.samples(), (Floats{1, 2}));
+        }
+    }
+    EXPECT_THAT(errors.disconnects(), ElementsAre("ch"));
+    EXPECT_EQ(raised, SIGHUP); // without a callback it is signalled and logged
+    const std::pair told(12, "Channel 'ch' unexpectedly disconnected from the test.");
+    EXPECT_THAT(log.lines(), ElementsAre(told));
 }
 
 TEST_F(Connection, ReadErrorsEndItAndNobodyUsesTheNumberAgain)
 {
     for (const int error : {EAGAIN, ECONNRESET, EINTR, EINVAL}) {
-        TestChannel fresh(stanza("sequential_float32"));
+        PairChannel fresh;
         fresh.sendMarker();
         fresh->last_errno = 5;
         bool failed = false;
@@ -124,7 +107,7 @@ TEST_F(Connection, ReadErrorsEndItAndNobodyUsesTheNumberAgain)
         fresh.send(Bytes(8));
         vu::test::calls.read = nullptr;
         const bool ends = error != EAGAIN, closes = ends && error != EINVAL;
-        EXPECT_EQ(errors.critical().size(), ends ? 1u : 0u);
+        EXPECT_EQ(errors.critical().size(), ends);
         EXPECT_EQ(ev_is_active(fresh->watcher), !ends);
         EXPECT_THAT((std::array{fresh->disconnected, fresh->last_errno, fresh->last_read}),
                     ElementsAre(ends, ends ? error : 0, ends ? -1 : 0));
@@ -148,37 +131,32 @@ TEST_F(Connection, NothingIsReadIntoNoRoomAndNothingIsLost)
     EXPECT_FALSE(errors.texts().empty());
     faults.failNone();
     channel.run();
-    EXPECT_EQ(samples(), Floats(100, 1.0F));
+    EXPECT_EQ(channel.samples(), Floats(100, 1.0F));
 }
 
 TEST_F(Connection, StopTriesTenTimes)
 {
-    // `waits` times EAGAIN, then `last`, 0 for success.
-    const auto expect = [&](int waits, int last, int wantedSends, const std::string &said = "") {
-        LogTrap log;
-        int sends = 0, sleeps = 0;
-        vu::test::calls.usleep = [&](useconds_t pause) { return sleeps += pause == 100, 0; };
-        vu::test::calls.send = [&](int, const void *, size_t size, int) {
-            errno = sends++ < waits ? EAGAIN : last;
-            return errno ? ssize_t{-1} : static_cast<ssize_t>(size);
-        };
-        proxyNode_Stop(channel.node);
-        EXPECT_THAT((std::array{sends, sleeps}), ElementsAre(wantedSends, std::min(waits, 9)));
-        const auto lines = log.lines();
-        EXPECT_EQ(lines.empty() ? "" : lines[0].second,
-                  said.empty() ? "" : said + std::to_string(channel.near));
-    };
-    expect(0, 0, 1);
-    expect(2, 0, 3);
-    expect(0, EPIPE, 1);
-    expect(1, ECONNRESET, 2);
-    expect(0, EBADF, 1, "Unexpected write error on ");
-    expect(10, 0, 10, "Stop send timeout ");
-    expect(9, EPIPE, 10, "Stop send timeout ");
+    for (const int last : {0, EPIPE, ECONNRESET, EBADF}) // the answer behind so many times EAGAIN
+        for (int waits = 0; waits <= 10; waits++) {
+            LogTrap log;
+            int sends = 0, sleeps = 0;
+            vu::test::calls.usleep = [&](useconds_t pause) { return sleeps += pause == 100, 0; };
+            vu::test::calls.send = [&](int, const void *, size_t size, int) {
+                errno = sends++ < waits ? EAGAIN : last;
+                return errno ? ssize_t{-1} : static_cast<ssize_t>(size);
+            };
+            proxyNode_Stop(channel.node);
+            EXPECT_THAT((std::array{sends, sleeps}), ElementsAre(std::min(waits, 9) + 1, std::min(waits, 9)));
+            const bool isLate = waits > 9 || (waits == 9 && last != 0);
+            Texts said;
+            for (const auto &[priority, text] : log.lines())
+                said.push_back(text);
+            const std::string fd = std::to_string(channel.near);
+            EXPECT_EQ(said, isLate          ? Texts{"Stop send timeout " + fd}
+                            : last == EBADF ? Texts{"Unexpected write error on " + fd}
+                                            : Texts());
+        }
     EXPECT_FALSE(ev_is_active(channel->watcher));
-    channel->fd = 0;
-    expect(0, EBADF, 0);
-    channel->fd = channel.near;
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 // A stanza becomes a node: kinds, sizes, refusals, and memory that runs out.
 #include <clocale>
-#include <cstdlib>
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -14,87 +13,74 @@
 #include "tests/support/temp_dir.h"
 
 using namespace vu::test;
-using ::testing::PrintToString;
 
 namespace {
 
-// What an exported function is called, without what the names of its room begin with.
+// What an exported function is called.
 template <typename Function>
 std::string nameOf(Function *function)
 {
     Dl_info info{};
-    if (!function || !dladdr(reinterpret_cast<void *>(function), &info) || !info.dli_sname)
-        return function ? "?" : "-";
-    std::string name = info.dli_sname;
-    for (const std::string room : {"proxyNode_", "ProxyReader", "streamProcessCANSignal"})
-        if (name.starts_with(room))
-            name.erase(0, room.size());
-    return name;
+    const bool isKnown = function && dladdr(reinterpret_cast<void *>(function), &info) && info.dli_sname;
+    return isKnown ? info.dli_sname : "-";
 }
 
-std::string describe(const ProxyNode &node)
+std::string told(const ProxyNode &node, const std::string &pattern)
 {
-    std::string aux = node.message_channel ? "message" : "-";
-    if (node.main_reader == proxyNode_ProxyReaderZNTStream) {
-        const auto *slots = static_cast<const StreamSlot *>(node.channel_aux);
-        EXPECT_EQ(slots[15].handler, nullptr);
-        EXPECT_EQ(slots[16].handler, slots[2047].handler);
-        aux = nameOf(slots[16].handler);
-    } else if (node.channel_aux) {
-        aux += " receiver";
-    }
-    if (node.is_logical)
-        aux += " logical";
-    EXPECT_EQ(node.reader, proxyNode_ProxyReaderMarker);
-    return fmt::format("{} {}/{} {} {} {}", nameOf(node.main_reader), node.record_size,
-                       node.element_size == UINT32_MAX ? "?" : std::to_string(node.element_size),
-                       nameOf(node.byte_swap), nameOf(node.apply), aux);
+    using fmt::arg;
+    const bool isStream = node.main_reader == proxyNode_ProxyReaderZNTStream;
+    const auto *slots = isStream ? static_cast<const StreamSlot *>(node.channel_aux) : nullptr;
+    return fmt::format(
+        fmt::runtime(pattern), arg("reader", nameOf(node.main_reader)), arg("record", node.record_size),
+        arg("element", static_cast<int32_t>(node.element_size)), arg("swap", nameOf(node.byte_swap)),
+        arg("kernel", nameOf(node.apply)), arg("slot", slots ? nameOf(slots[16].handler) : "-"),
+        arg("aux", node.channel_aux != nullptr), arg("message", node.message_channel),
+        arg("logical", node.is_logical), arg("frame", node.frame_length), arg("inbuf", node.inbuf.capacity),
+        arg("half", node.half_period), arg("stale", node.stale_ticks), arg("held", node.held_value),
+        arg("start", node.start_time), arg("scale", node.scale));
 }
 
-TEST(ProxyNodeCreate, EveryKindGetsItsFieldsOrIsRefused)
+// In the host's locale, whatever its decimal point.
+class ProxyNodeCreate : public ::testing::TestWithParam<const char *> {};
+
+TEST_P(ProxyNodeCreate, EveryStanzaBecomesItsNodeOrIsRefused)
 {
     ErrorTrap errors;
-    std::map<std::string, std::string> shorthand = {
+    if (!setlocale(LC_ALL, GetParam()))
+        GTEST_SKIP() << "no such locale on this machine";
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    const std::map<std::string, std::string> shorthand = {
         {"-", ""},
         {"hold", R"("sample_rate":100,"stale_data_expiration_time":1,"invalid_data_output_value":-1)"}};
-    const auto lines = split(readText(VU_SOURCE_DIR "/tests/proxy/kinds.txt"), '\n');
-    ASSERT_FALSE(lines.empty());
-    for (const std::string &line : lines) {
-        std::istringstream words(line);
-        std::string json, connector, keys, wanted;
-        if (words >> json; json == "//")
+    std::string shown;
+    for (const std::string &line : split(readText(VU_SOURCE_DIR "/tests/proxy/nodes.txt"), '\n')) {
+        if (line.starts_with("show "))
+            shown = line.substr(5);
+        const size_t end = line.find(" > ");
+        if (line.starts_with("//") || end == std::string::npos)
             continue;
+        std::string json = line.substr(0, end), rate = "10";
         if (json[0] != '{') {
-            words >> connector >> keys;
-            json = stanza(json, shorthand.contains(keys) ? shorthand[keys] : keys, connector);
+            const Strings words = split(json, ' '), connector = split(words[1] + "@10", '@');
+            const auto keys = shorthand.find(words[2]);
+            json = stanza(words[0], keys == shorthand.end() ? words[2] : keys->second, connector[0]);
+            rate = connector[1];
         }
-        std::getline(words >> std::ws, wanted);
-        const TestChannel channel(json);
-        EXPECT_EQ(channel.node ? describe(*channel.node) : PrintToString(errors.texts()), wanted) << line;
+        const TestChannel channel(json, std::stod(rate));
+        EXPECT_EQ(channel.node ? told(*channel.node, shown) : ::testing::PrintToString(errors.texts()),
+                  line.substr(end + 3))
+            << line;
+        EXPECT_TRUE(!channel.node || channel->reader == proxyNode_ProxyReaderMarker);
     }
+    unsetenv("TZ");
+    setlocale(LC_ALL, "C");
+    ProxyNode node{};
+    proxyNode_SetStartTime(&node, nullptr);
+    EXPECT_EQ(node.start_time, INT64_MAX);
 }
+INSTANTIATE_TEST_SUITE_P(, ProxyNodeCreate, ::testing::Values("C", "de_DE.UTF-8"));
 
-TEST(ProxyNodeCreate, SizesStandAnyRate)
-{
-    ErrorTrap errors;
-    std::istringstream rows(readText(VU_SOURCE_DIR "/tests/proxy/sizes.txt"));
-    std::string type, rate, pipeRate, wanted;
-    std::getline(rows, wanted);
-    while (rows >> type >> rate >> pipeRate >> wanted) {
-        const TestChannel channel(stanza(type, R"("sample_rate":)" + rate), std::stod(pipeRate));
-        EXPECT_EQ(
-            fmt::format("{}/{}/{}", channel->frame_length, channel->inbuf.capacity, channel->half_period),
-            wanted)
-            << type << " " << rate;
-    }
-    EXPECT_EQ(rate, "0") << "the last one";
-    const std::string rest = R"("sample_rate":1,"invalid_data_output_value":7,"stale_data_expiration_time":)";
-    EXPECT_EQ(TestChannel(stanza("message_float64", rest + "0.5"))->stale_ticks, 19'999'999);
-    EXPECT_EQ(TestChannel(stanza("message_float64", rest + "1e300"))->stale_ticks, INT64_MAX - 1);
-    EXPECT_EQ(TestChannel(stanza("message_float64", rest + "-1e400"))->held_value, 7.0);
-}
-
-TEST(ProxyNodeCreate, EveryFailedAllocationIsReportedAndLeavesNothing)
+TEST(ProxyNodes, ReportEveryFailedAllocationAndLeaveNothing)
 {
     ErrorTrap errors;
     AllocationFaults faults;
@@ -108,35 +94,6 @@ TEST(ProxyNodeCreate, EveryFailedAllocationIsReportedAndLeavesNothing)
             ASSERT_LT(nth, 20);
         }
     }
-}
-
-TEST(StartTime, IsLocalAndExact)
-{
-    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    ProxyNode node{};
-    std::istringstream rows(readText(VU_SOURCE_DIR "/tests/proxy/start_times.txt"));
-    std::string text;
-    std::getline(rows, text);
-    for (int64_t wanted; rows >> text >> wanted;) {
-        proxyNode_SetStartTime(&node, text.c_str());
-        EXPECT_EQ(node.start_time, wanted) << text;
-    }
-    EXPECT_EQ(text, "2026-03-15") << "the last one";
-    proxyNode_SetStartTime(&node, nullptr);
-    EXPECT_EQ(node.start_time, INT64_MAX);
-    unsetenv("TZ");
-}
-
-TEST(StartTime, DoesNotFollowTheHostsDecimalComma)
-{
-    ErrorTrap errors;
-    if (!setlocale(LC_ALL, "de_DE.UTF-8") && !setlocale(LC_ALL, "fr_FR.UTF-8"))
-        GTEST_SKIP() << "no locale with a decimal comma on this machine";
-    const std::string more = R"("scale":2.5,"start_time":"1970-01-02T00:00:00.5")";
-    const TestChannel channel(stanza("message_can", more));
-    setlocale(LC_ALL, "C");
-    EXPECT_EQ(channel->scale, 2.5);
-    EXPECT_EQ(channel->start_time % 40'000'000, 20'000'000);
 }
 
 } // namespace

@@ -3,15 +3,15 @@
 #include <cmath>
 #include <gmock/gmock.h>
 #include <gmpxx.h>
-#include <iterator>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <random>
 
 #include "libvu/core/callbacks.h"
 #include "libvu/proxy/kernels_private.h"
+#include "tests/proxy/pair_channel.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/error_trap.h"
-#include "tests/support/node_fixture.h"
 #include "tests/support/split.h"
 #include "tests/support/temp_dir.h"
 
@@ -29,15 +29,16 @@ TEST(Sequential, RecordsInAnyPiecesFillFramesForEveryListener)
             stream.add(record(Bytes().zeros(noRoomForASample)));
         stream.add(sampleRecord<double>({4, 5, 6, 7, 8}, big)).add(sampleRecord<double>({9}, big));
         for (size_t piece = 1; piece <= stream.size(); piece++) {
-            TestChannel channel(stanza("sequential_float64", R"("sample_rate":20)"));
-            Pipe *const first = channel.listen(), *const second = channel.listen();
+            PairChannel channel("float64");
+            Pipe *const second = channel.listen();
             channel.sendMarker(big);
             for (size_t at = 0; at < stream.size(); at += piece)
                 channel.send(std::span(stream).subspan(at, std::min(piece, stream.size() - at)));
-            EXPECT_THAT((std::array{channel->sample_count, first->queued}), ElementsAre(9, 8)) << piece;
-            EXPECT_EQ(first->oldest, second->oldest->parent);
+            EXPECT_THAT((std::array{channel->sample_count, channel.pipe->queued}), ElementsAre(9, 8))
+                << piece;
+            EXPECT_EQ(channel.pipe->oldest, second->oldest->parent);
             EXPECT_EQ(channel->frame->length, 1u);
-            const auto frames = takeFrames(first);
+            const auto frames = takeFrames(channel.pipe);
             ASSERT_EQ(frames.size(), 4u);
             EXPECT_THAT((std::array{frames[0].start, frames[3].start}), ElementsAre(0, 6));
             EXPECT_EQ(frames[3].aux, 6.0F);
@@ -49,29 +50,28 @@ TEST(Sequential, RecordsInAnyPiecesFillFramesForEveryListener)
 TEST(Sequential, AHostsByteSwapGetsEveryFullFrameInWireOrder)
 {
     ErrorTrap errors;
-    TestChannel channel(stanza("sequential_float32", R"("sample_rate":20)"));
-    Pipe *const pipe = channel.listen();
+    PairChannel channel;
     channel.sendMarker();
-    static std::vector<float> seen;
+    static Bytes seen;
     seen.clear();
     channel->byte_swap = [](ProxyNode *, void *target) {
         const auto *frame = static_cast<const Frame *>(target);
         EXPECT_EQ(frame->length, 2u);
-        for (uint32_t i = 0; i < 2; i++)
-            seen.push_back(
-                std::bit_cast<float>(vu::loadBig<uint32_t>(static_cast<float *>(frame->data) + i)));
+        seen.add(std::span(static_cast<const uint8_t *>(frame->data), 2 * sizeof(float)));
     };
     channel.send(sampleRecord<float>({1, 2, 3, 4, 5}));
     channel.send(sampleRecord<float>({6, 7}));
-    EXPECT_THAT(seen, ElementsAre(1, 2, 3, 4, 5, 6));
-    EXPECT_EQ(pipe->queued, 6);
+    EXPECT_EQ(seen, Bytes().be(1.0f).be(2.0f).be(3.0f).be(4.0f).be(5.0f).be(6.0f));
+    EXPECT_EQ(channel.pipe->queued, 6);
     EXPECT_EQ(std::bit_cast<float>(vu::loadBig<uint32_t>(channel->frame->data)), 7);
 }
 
-TEST(Sequential, UnheardSamplesCountOneRecordAnEvent)
+TEST(Sequential, UnheardOrWithoutAFrameOneRecordIsTakenAnEvent)
 {
     ErrorTrap errors;
-    TestChannel channel(stanza("sequential_float32", R"("sample_rate":20)"));
+    AllocationFaults faults;
+    PairChannel channel;
+    pipeDetachPipe(&channel->pipes, channel->pipes.first);
     Bytes five = {0xFE, 0xED};
     for (int k = 0; k < 5; k++)
         five.add(sampleRecord<float>({1, 2, 3}));
@@ -81,7 +81,11 @@ TEST(Sequential, UnheardSamplesCountOneRecordAnEvent)
     channel.runLeftovers();
     EXPECT_EQ(channel->sample_count, 15);
     Pipe *const pipe = channel.listen();
-    channel.send(sampleRecord<float>({7, 8, 9}));
+    faults.failAt(0);
+    channel.send(sampleRecord<float>({1, 2}).add(sampleRecord<float>({7, 8, 9})));
+    EXPECT_THAT(errors.texts(), ElementsAre("Can not allocate memory for frame"));
+    EXPECT_EQ(pipe->oldest, nullptr);
+    channel.runLeftovers();
     ASSERT_TRUE(pipe->oldest);
     EXPECT_EQ(pipe->oldest->start, 15);
     EXPECT_THAT(takeSamples<float>(pipe), ElementsAre(7, 8));
@@ -90,39 +94,18 @@ TEST(Sequential, UnheardSamplesCountOneRecordAnEvent)
     EXPECT_EQ(channel->frame, nullptr);
 }
 
-TEST(Sequential, AFailedFrameEndsTheEventBehindItsRecord)
+template <typename T>
+void calibrate(const std::string &line)
 {
     ErrorTrap errors;
-    AllocationFaults faults;
-    TestChannel channel(stanza("sequential_float32", R"("sample_rate":20)"));
-    Pipe *const pipe = channel.listen();
-    channel.sendMarker();
-    faults.failAt(0);
-    channel.send(sampleRecord<float>({1, 2}).add(sampleRecord<float>({3, 4})));
-    EXPECT_THAT(errors.texts(), ElementsAre("Can not allocate memory for frame"));
-    channel.runLeftovers();
-    EXPECT_THAT(takeSamples<float>(pipe), ElementsAre(3, 4));
-}
-
-template <typename T>
-std::vector<T> numbers(std::string list)
-{
-    std::replace(list.begin(), list.end(), ',', ' ');
-    std::istringstream in(list);
-    return {std::istream_iterator<T>(in), {}};
-}
-
-template <typename T>
-void calibrate(const std::string &line, ErrorTrap &errors)
-{
     std::istringstream words(line);
     std::string width, mode, keys, word;
     double length;
     words >> width >> mode >> length >> keys;
-    if (width != "both" && width != (sizeof(T) == 4 ? "float" : "double"))
+    const std::string type = sizeof(T) == 4 ? "float32" : "float64";
+    if (width != "both" && width != type)
         return;
-    const std::string type = sizeof(T) == 4 ? "sequential_float32" : "sequential_float64";
-    TestChannel channel(stanza(type, R"("sample_rate":10,)" + keys), 10.0 / length);
+    TestChannel channel(stanza("sequential_" + type, R"("sample_rate":10,)" + keys), 10.0 / length);
     Pipe *const pipe = channel.listen();
     if (mode == "zeroing")
         channel->main_reader = proxyNode_ProxyReaderSequentialZeroing;
@@ -130,30 +113,27 @@ void calibrate(const std::string &line, ErrorTrap &errors)
     channel->rezero_pending = asked;
     static ProxyNode *current;
     current = channel.node;
-    const auto noting = libvuRezeroCallback;
     if (mode == "writing")
         libvuRezeroCallback = [](const char *, double) {
             return current->rezero_offset = 1.0, current->apply = nullptr, 0;
         };
     channel.sendMarker();
     while (words >> word && word != "=")
-        channel.send(sampleRecord(numbers<T>(word)));
+        channel.send(sampleRecord(nlohmann::json::parse(word).get<std::vector<T>>()));
     words >> word;
-    EXPECT_EQ(takeSamples<T>(pipe), numbers<T>(word)) << line;
+    EXPECT_EQ(nlohmann::json(takeSamples<T>(pipe)), nlohmann::json::parse(word)) << line;
     EXPECT_EQ(channel->rezero_pending, asked);
-    libvuRezeroCallback = noting;
-    using Rezeros = decltype(errors.rezeros());
-    EXPECT_EQ(errors.rezeros(), mode == "pending" ? (Rezeros{{"ch", 5.0}}) : Rezeros{});
+    const decltype(errors.rezeros()) wanted(mode == "pending", {"ch", 5.0});
+    EXPECT_EQ(errors.rezeros(), wanted) << line;
 }
 
 TEST(Calibration, ScalesOffsetsAndZeroes)
 {
-    ErrorTrap errors;
     const auto lines = split(readText(VU_SOURCE_DIR "/tests/proxy/calibrations.txt"), '\n');
     ASSERT_FALSE(lines.empty());
     for (const auto &line : lines) {
-        calibrate<float>(line, errors);
-        calibrate<double>(line, errors);
+        calibrate<float>(line);
+        calibrate<double>(line);
     }
 }
 
@@ -172,28 +152,9 @@ T exactFma(T x, T s, T o)
     return std::copysign(best, T(sgn(exact)));
 }
 
-// The samples' bits behind a kernel that worked on them at an odd address.
-template <typename T, typename Kernel>
-auto bitsBehind(Kernel &&kernel, const std::vector<T> &samples)
+template <typename T, typename Word>
+void everyPathIsExact()
 {
-    Bytes bytes(1 + samples.size() * sizeof(T));
-    std::copy_n(reinterpret_cast<const uint8_t *>(samples.data()), bytes.size() - 1, &bytes[1]);
-    kernel(&bytes[1], samples.size());
-    std::vector<std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>> words(samples.size());
-    std::copy_n(bytes.begin() + 1, bytes.size() - 1, reinterpret_cast<uint8_t *>(words.data()));
-    return words;
-}
-
-template <typename T>
-class Kernels : public ::testing::Test {
-};
-using Widths = ::testing::Types<float, double>;
-TYPED_TEST_SUITE(Kernels, Widths);
-
-TYPED_TEST(Kernels, EveryPathIsExactBitForBit)
-{
-    using T = TypeParam;
-    using Word = std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>;
     using Limits = std::numeric_limits<T>;
     const T tiny = Limits::denorm_min(), endless = Limits::infinity(),
             quiet = std::bit_cast<T>(std::bit_cast<Word>(Limits::quiet_NaN()) | 5),
@@ -213,25 +174,32 @@ TYPED_TEST(Kernels, EveryPathIsExactBitForBit)
         while (samples.size() < 72)
             samples.push_back(any(40, -70));
         samples.resize(count);
-        std::vector<Word> calibrated, reversed;
+        Bytes given{0}, calibrated{0}, reversed{0}; // all at an odd address
         for (const T x : samples) {
             const T y = std::isfinite(x) ? exactFma(x, scale, offset) : x * scale + offset;
-            calibrated.push_back(std::bit_cast<Word>(std::isnan(x) ? quiet : y));
-            reversed.push_back(vu::loadHost<Word>(Bytes().be(x).data()));
+            given.le(x);
+            calibrated.le(std::isnan(x) ? quiet : y);
+            reversed.be(x);
         }
         const bool wide = vu::hasAvx2();
         for (const auto kernel :
              {vu::scaleOffsetPlain<T>, wide ? vu::scaleOffsetAvx2<T> : vu::scaleOffsetPlain<T>}) {
-            const auto bound = [&](void *data, size_t size) { kernel(data, size, scale, offset); };
-            EXPECT_EQ(bitsBehind(bound, samples), calibrated) << scale << " " << offset;
+            Bytes data = given;
+            kernel(data.data() + 1, samples.size(), scale, offset);
+            EXPECT_EQ(data, calibrated) << scale << " " << offset;
         }
         for (const auto kernel : {vu::swapPlain<Word>, wide ? vu::swapAvx2<Word> : vu::swapPlain<Word>}) {
-            const auto inPlace = [&](void *data, size_t size) {
-                kernel(static_cast<uint8_t *>(data), static_cast<const uint8_t *>(data), size);
-            };
-            EXPECT_EQ(bitsBehind(inPlace, samples), reversed);
+            Bytes data = given;
+            kernel(data.data() + 1, data.data() + 1, samples.size());
+            EXPECT_EQ(data, reversed);
         }
     }
+}
+
+TEST(Kernels, AreExactBitForBitOnEveryPath)
+{
+    everyPathIsExact<float, uint32_t>();
+    everyPathIsExact<double, uint64_t>();
 }
 
 } // namespace

@@ -4,146 +4,77 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
 #include <sys/mman.h>
-#include <unistd.h>
+#include <utility>
 
 namespace vu::test {
 
 namespace {
 
-int64_t made = 0;
-int64_t firstToFail = -1;
-int64_t lastToFail = -1;
-
 bool fails()
 {
-    const int64_t number = made++;
-    return number >= firstToFail && number <= lastToFail;
-}
-
-void *faultyMalloc(size_t size)
-{
-    return fails() ? nullptr : std::malloc(size);
-}
-void *faultyCalloc(size_t count, size_t size)
-{
-    return fails() ? nullptr : std::calloc(count, size);
-}
-void *faultyRealloc(void *memory, size_t size)
-{
-    return fails() ? nullptr : std::realloc(memory, size);
-}
-void *faultyAlignedAlloc(size_t alignment, size_t size)
-{
-    return fails() ? nullptr : std::aligned_alloc(alignment, size);
-}
-char *faultyStrdup(const char *text)
-{
-    return fails() ? nullptr : strdup(text);
-}
-int faultyVasprintf(char **out, const char *format, va_list arguments)
-{
-    return fails() ? -1 : vasprintf(out, format, arguments);
+    const int64_t number = AllocationFaults::made++;
+    return number >= AllocationFaults::first && number <= AllocationFaults::last;
 }
 
 struct Patch {
+    Patch(const char *function, auto lambda) : name(function), replacement(reinterpret_cast<void *>(+lambda))
+    {
+    }
     const char *name;
     void *replacement;
 };
-const Patch patches[] = {{"malloc", reinterpret_cast<void *>(faultyMalloc)},
-                         {"calloc", reinterpret_cast<void *>(faultyCalloc)},
-                         {"realloc", reinterpret_cast<void *>(faultyRealloc)},
-                         {"aligned_alloc", reinterpret_cast<void *>(faultyAlignedAlloc)},
-                         {"strdup", reinterpret_cast<void *>(faultyStrdup)},
-                         {"vasprintf", reinterpret_cast<void *>(faultyVasprintf)}};
+const Patch patches[] = {
+    {"malloc", [](size_t size) { return fails() ? nullptr : std::malloc(size); }},
+    {"calloc", [](size_t count, size_t size) { return fails() ? nullptr : std::calloc(count, size); }},
+    {"realloc", [](void *memory, size_t size) { return fails() ? nullptr : std::realloc(memory, size); }},
+    {"aligned_alloc",
+     [](size_t alignment, size_t size) { return fails() ? nullptr : std::aligned_alloc(alignment, size); }},
+    {"strdup", [](const char *text) { return fails() ? nullptr : strdup(text); }},
+    {"vasprintf", [](char **out, const char *format, va_list arguments) {
+         return fails() ? -1 : vasprintf(out, format, arguments);
+     }}};
 
-void patchSlot(void **slot, void *replacement)
+void patchSlot(ElfW(Addr) slot, void *replacement)
 {
-    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    auto *start = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(slot) & ~(page - 1));
-    mprotect(start, page, PROT_READ | PROT_WRITE);
-    *slot = replacement;
+    constexpr ElfW(Addr) kPage = 4096;
+    mprotect(reinterpret_cast<void *>(slot & ~(kPage - 1)), kPage, PROT_READ | PROT_WRITE);
+    *reinterpret_cast<void **>(slot) = replacement;
 }
 
-void patchTable(const dl_phdr_info &object, const ElfW(Rela) * table, size_t bytes, const ElfW(Sym) * symbols,
-                const char *names)
+bool patchLibrary()
 {
-    for (size_t i = 0; table && i < bytes / sizeof *table; i++) {
-        const auto type = ELF64_R_TYPE(table[i].r_info);
-        if (type != R_X86_64_JUMP_SLOT && type != R_X86_64_GLOB_DAT)
-            continue;
-        const char *name = names + symbols[ELF64_R_SYM(table[i].r_info)].st_name;
-        for (const Patch &patch : patches)
-            if (std::strcmp(name, patch.name) == 0)
-                patchSlot(reinterpret_cast<void **>(object.dlpi_addr + table[i].r_offset), patch.replacement);
+    const auto *library = static_cast<const link_map *>(dlopen("libvu.so.1", RTLD_LAZY | RTLD_NOLOAD));
+    if (!library)
+        return false;
+    ElfW(Addr) dynamic[DT_NUM] = {};
+    for (const ElfW(Dyn) *entry = library->l_ld; entry->d_tag != DT_NULL; entry++)
+        if (entry->d_tag < DT_NUM)
+            dynamic[entry->d_tag] = entry->d_un.d_ptr;
+    const auto *names = reinterpret_cast<const char *>(dynamic[DT_STRTAB]);
+    const auto *symbols = reinterpret_cast<const ElfW(Sym) *>(dynamic[DT_SYMTAB]);
+    for (const auto &[table, bytes] : {std::pair(DT_JMPREL, DT_PLTRELSZ), std::pair(DT_RELA, DT_RELASZ)}) {
+        const auto *row = reinterpret_cast<const ElfW(Rela) *>(dynamic[table]);
+        for (const auto *end = row + dynamic[bytes] / sizeof *row; row < end; row++)
+            for (const Patch &patch : patches)
+                if (std::strcmp(names + symbols[ELF64_R_SYM(row->r_info)].st_name, patch.name) == 0)
+                    patchSlot(library->l_addr + row->r_offset, patch.replacement);
     }
-}
-
-int patchLibrary(dl_phdr_info *object, size_t, void *)
-{
-    if (!std::strstr(object->dlpi_name, "libvu.so"))
-        return 0;
-    const ElfW(Dyn) *entry = nullptr;
-    for (int i = 0; i < object->dlpi_phnum; i++)
-        if (object->dlpi_phdr[i].p_type == PT_DYNAMIC)
-            entry = reinterpret_cast<const ElfW(Dyn) *>(object->dlpi_addr + object->dlpi_phdr[i].p_vaddr);
-    const ElfW(Sym) *symbols = nullptr;
-    const char *names = nullptr;
-    const ElfW(Rela) *lazy = nullptr, *eager = nullptr;
-    size_t lazyBytes = 0, eagerBytes = 0;
-    for (; entry && entry->d_tag != DT_NULL; entry++) {
-        switch (entry->d_tag) {
-        case DT_SYMTAB: symbols = reinterpret_cast<const ElfW(Sym) *>(entry->d_un.d_ptr); break;
-        case DT_STRTAB: names = reinterpret_cast<const char *>(entry->d_un.d_ptr); break;
-        case DT_JMPREL: lazy = reinterpret_cast<const ElfW(Rela) *>(entry->d_un.d_ptr); break;
-        case DT_PLTRELSZ: lazyBytes = entry->d_un.d_val; break;
-        case DT_RELA: eager = reinterpret_cast<const ElfW(Rela) *>(entry->d_un.d_ptr); break;
-        case DT_RELASZ: eagerBytes = entry->d_un.d_val; break;
-        default: break;
-        }
-    }
-    patchTable(*object, lazy, lazyBytes, symbols, names);
-    patchTable(*object, eager, eagerBytes, symbols, names);
-    return 1;
+    return true;
 }
 
 } // namespace
 
 AllocationFaults::AllocationFaults()
 {
-    static const bool patched = dl_iterate_phdr(patchLibrary, nullptr) == 1;
+    static const bool patched = patchLibrary();
     if (!patched)
         std::abort();
     failNone();
     reset();
-}
-
-AllocationFaults::~AllocationFaults()
-{
-    failNone();
-}
-
-void AllocationFaults::failAt(int64_t n, int64_t more)
-{
-    firstToFail = made + n;
-    lastToFail = firstToFail + more;
-}
-
-void AllocationFaults::failNone()
-{
-    firstToFail = lastToFail = -1;
-}
-
-int64_t AllocationFaults::count() const
-{
-    return made;
-}
-
-void AllocationFaults::reset()
-{
-    made = 0;
 }
 
 } // namespace vu::test

@@ -11,16 +11,17 @@ namespace vu::test {
 
 class AllocationFaults {
 public:
-    AllocationFaults();  // counting begins
-    ~AllocationFaults(); // nothing fails any more
-    AllocationFaults(const AllocationFaults &) = delete;
-    AllocationFaults &operator=(const AllocationFaults &) = delete;
+    AllocationFaults(); // counting begins
+    ~AllocationFaults() { failNone(); }
+    AllocationFaults(AllocationFaults &&) = delete;
 
     // The n-th allocation from now on fails, and `more` behind it; 0 is the next one.
-    void failAt(int64_t n, int64_t more = 0);
-    void failNone();
-    int64_t count() const; // allocations since construction or reset(), failed ones included
-    void reset();
+    void failAt(int64_t n, int64_t more = 0) { first = made + n, last = first + more; }
+    void failNone() { first = last = -1; }
+    int64_t count() const { return made; } // since construction or reset(), failed ones included
+    void reset() { made = 0; }
+
+    static inline int64_t made = 0, first = -1, last = -1; // of the whole process
 };
 
 } // namespace vu::test

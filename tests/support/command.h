@@ -1,8 +1,7 @@
 // Runs the built command as a person would, and keeps what it said.
 #pragma once
 
-#include <string>
-#include <vector>
+#include "tests/support/running_vu.h"
 
 namespace vu::test {
 
@@ -13,6 +12,11 @@ struct CommandResult {
 };
 
 // `vu` with these arguments, each passed as it is.
-CommandResult runVu(const std::vector<std::string> &arguments);
+inline CommandResult runVu(const std::vector<std::string> &arguments)
+{
+    RunningVu command(arguments);
+    const int status = command.wait();
+    return {status, command.out(), command.err()};
+}
 
 } // namespace vu::test

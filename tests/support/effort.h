@@ -5,17 +5,9 @@
 
 namespace vu::test {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kSanitized = __has_feature(address_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
-
 constexpr int64_t effort(int64_t release, int64_t sanitized)
 {
-    return kSanitized ? sanitized : release;
+    return VU_SANITIZED ? sanitized : release;
 }
 
 } // namespace vu::test

@@ -25,9 +25,9 @@ struct SystemCalls {
 };
 extern SystemCalls calls;
 
-ssize_t real_read(int fd, void *buffer, size_t count);
-ssize_t real_send(int fd, const void *buffer, size_t count, int flags);
-ssize_t real_writev(int fd, const iovec *pieces, int count);
+extern ssize_t (*const real_read)(int, void *, size_t);
+extern ssize_t (*const real_send)(int, const void *, size_t, int);
+extern ssize_t (*const real_writev)(int, const iovec *, int);
 
 // Clears all hooks at the end of a test.
 struct ScopedCalls {
@@ -38,9 +38,12 @@ struct ScopedCalls {
 // Gathers the log lines of the library while it lives.
 class LogTrap {
 public:
-    LogTrap();
-    ~LogTrap();
-    std::vector<std::pair<int, std::string>> lines();
+    LogTrap()
+    {
+        calls.syslog = [this](int priority, const std::string &line) { lines_.emplace_back(priority, line); };
+    }
+    ~LogTrap() { calls.syslog = nullptr; }
+    std::vector<std::pair<int, std::string>> lines() { return std::exchange(lines_, {}); }
 
 private:
     std::vector<std::pair<int, std::string>> lines_;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <unistd.h>
 
 #include "libvu/core/wire_private.h"
@@ -13,40 +14,31 @@ std::string everyKind()
     return readText(VU_SOURCE_DIR "/tests/support/every_kind.json");
 }
 
-static void apply(const KrdBuilder::Json &changes, KrdBuilder::Json &json)
-{
-    for (const auto &[place, value] : changes.items())
-        json[KrdBuilder::Json::json_pointer(place)] = value;
-}
-
 KrdBuilder::KrdBuilder(std::filesystem::path file, const std::string &channels, const Json &changes,
                        uint32_t indexRoom)
     : path(std::move(file)), channels_(Json::parse(channels)), stored_(channels_.size()),
       fd_(open(path.c_str(), O_CREAT | O_TRUNC | O_RDWR | O_APPEND, 0600)), records_(channels_.size() + 2)
 {
-    for (size_t i = 0; i < records_.size(); ++i) {
-        const size_t group = i < channels_.size() ? i + KRD_GROUP_FIRST_CHANNEL : records_.size() - 1 - i;
-        KRDBuffer &record = records_[i];
+    for (uint32_t group = 0; group < records_.size(); ++group) {
+        KRDBuffer &record = records_[group];
         record.fd = fd_;
-        record.group = static_cast<int32_t>(group);
-        record.group_word = __builtin_bswap32(static_cast<uint32_t>(group));
+        record.group_word = __builtin_bswap32(group);
         record.name = "record";
         record.iov[0] = {&record.block_size_word, KRD_HEADER_SIZE};
         std::memcpy(&record.tag_word, KRD_TAG, sizeof record.tag_word);
         record.sample_limit = -1;
     }
-    KRDBuffer &index = records_[channels_.size()];
+    KRDBuffer &index = records_[KRD_GROUP_INDEX];
     membufInitialize(&index.buffer, indexRoom, nullptr, 0);
-    membufInitialize(&records_.back().buffer, 16, nullptr, 0);
     for (size_t i = 0; i < channels_.size(); ++i) {
         Json channel =
             Json::parse(R"({"kind":"sequential","sample_rate":1000,"element":"float32","element_size":4,
             "encoding":"plain","scale":1,"offset":0,"unit":"V","has_position":true})");
-        channel.merge_patch(channels_[i]);
-        const std::string element = channel["element"];
+        channel.update(channels_[i]);
+        const std::string element = channel["element"], family = "sequential_";
         const bool runLength = channel["encoding"] == "rle", periodic = channel["kind"] == "sequential";
         const bool converted = periodic && (runLength || !element.starts_with("float"));
-        KRDBuffer &record = records_[i];
+        KRDBuffer &record = records_[i + KRD_GROUP_FIRST_CHANNEL];
         record.pipe = pipeAttachPipe(&pipes_);
         record.index = &index;
         record.uniform_frames = 1;
@@ -54,17 +46,16 @@ KrdBuilder::KrdBuilder(std::filesystem::path file, const std::string &channels, 
         record.offset = channel["offset"];
         record.block_type = periodic && !converted ? KRD_BLOCK_RUNNING : KRD_BLOCK_START;
         if (converted)
-            KRDBuffer_set_storage_convert(&record, "sequential_float64", ("sequential_" + element).c_str(), 0,
+            KRDBuffer_set_storage_convert(&record, "sequential_float64", (family + element).c_str(), 0,
                                           runLength ? "rle" : nullptr);
-        channel["group"] = i + 2;
+        channel["group"] = i + KRD_GROUP_FIRST_CHANNEL;
         channel["block_type"] = record.block_type;
         channels_[i] = channel;
     }
     Json json = {{"format", "krd"}, {"version", 1}, {"test", "t"}, {"start_time", "2026-03-15T10:15:30.0"}};
     json["ticks_per_second"] = 40'000'000;
     json["channels"] = channels_;
-    apply(changes, json);
-    loose(KRD_GROUP_CATALOGUE, json.dump());
+    catalogue(std::move(json), changes);
     index.file_offset = std::filesystem::file_size(path);
 }
 
@@ -80,7 +71,7 @@ KrdBuilder::~KrdBuilder()
 void KrdBuilder::samples(size_t channel, const std::vector<double> &values, int64_t start)
 {
     const bool narrow =
-        records_[channel].block_type == KRD_BLOCK_RUNNING && channels_[channel]["element_size"] == 4;
+        channels_[channel]["block_type"] == KRD_BLOCK_RUNNING && channels_[channel]["element_size"] == 4;
     std::string bytes;
     for (const double value : values)
         bytes += narrow ? bytesOf(static_cast<float>(value)) : bytesOf(value);
@@ -90,7 +81,7 @@ void KrdBuilder::samples(size_t channel, const std::vector<double> &values, int6
 void KrdBuilder::append(size_t channel, const std::string &bytes, uint64_t count, int64_t start,
                         uint32_t size)
 {
-    KRDBuffer &record = records_[channel];
+    KRDBuffer &record = records_[channel + KRD_GROUP_FIRST_CHANNEL];
     Frame *frame = frameCreate(static_cast<uint32_t>(bytes.size()) / size, size, nullptr);
     bytes.copy(static_cast<char *>(frame->data), bytes.size());
     frame->length = frame->capacity;
@@ -102,19 +93,26 @@ void KrdBuilder::append(size_t channel, const std::string &bytes, uint64_t count
 
 void KrdBuilder::loose(uint32_t group, const std::string &payload)
 {
-    records_.back().group_word = __builtin_bswap32(group);
-    KRDBuffer_append(&records_.back(), payload.data(), static_cast<uint32_t>(payload.size()));
-    KRDBuffer_flush(&records_.back(), 1);
+    records_[0].group_word = __builtin_bswap32(group);
+    KRDBuffer_append(&records_[0], payload.data(), static_cast<uint32_t>(payload.size()));
+    KRDBuffer_flush(&records_[0], 1);
+}
+
+void KrdBuilder::catalogue(Json json, const Json &changes)
+{
+    for (const auto &[place, value] : changes.items())
+        json[Json::json_pointer(place)] = value;
+    loose(KRD_GROUP_CATALOGUE, json.dump());
 }
 
 void KrdBuilder::close(const Json &changes)
 {
-    KRDBuffer_flush(&records_[channels_.size()], 1);
+    KRDBuffer_flush(&records_[KRD_GROUP_INDEX], 1);
     Json closing =
         Json::parse(R"({"format":"krd-closing","version":1,"end":"stopped","seconds":1.5,"ledger":[],
         "events":[],"index_blocks":[]})");
     for (size_t i = 0; i < channels_.size(); ++i)
-        closing["ledger"].push_back({{"group", i + 2},
+        closing["ledger"].push_back({{"group", i + KRD_GROUP_FIRST_CHANNEL},
                                      {"name", channels_[i]["name"]},
                                      {"received", stored_[i] + 3},
                                      {"stored", stored_[i]},
@@ -123,8 +121,7 @@ void KrdBuilder::close(const Json &changes)
     for (size_t at = 0; at < file.size(); at += loadBig<uint32_t>(&file[at]))
         if (loadBig<uint32_t>(&file[at + 4]) == KRD_GROUP_INDEX)
             closing["index_blocks"].push_back(at);
-    apply(changes, closing);
-    loose(KRD_GROUP_CATALOGUE, closing.dump());
+    catalogue(std::move(closing), changes);
 }
 
 std::string canElement(int64_t tick, uint32_t id, uint8_t flags, std::string data)
@@ -135,20 +132,18 @@ std::string canElement(int64_t tick, uint32_t id, uint8_t flags, std::string dat
 
 void buildEverything(KrdBuilder &file, int64_t first)
 {
+    const std::map<size_t, std::string> texts = {{5, "$GPGGA,1\r\n"}, {6, {"\0\xFF", 2}}, {7, "say \"3D\""}};
     for (int round = 0; round < 4; ++round) {
         const int64_t tick = 40'000'000 * round;
-        const auto text = [tick](const std::string &is) {
-            return bytesOf(static_cast<uint32_t>(8 + is.size()), tick) + is;
-        };
         file.samples(0, std::vector<double>(300, 0.1 + round), first + 300 * round);
         file.samples(1, {1.0 / 3, -2e300, 0.0}, 3 * round);
         file.samples(2, std::vector<double>(200, 12.0 - round), 200 * round);
         file.samples(3, {1, 1, 1, 0, 0}, 5 * round);
-        const std::string extended = canElement(tick + 400, 0x18FEF100, 0x88, "12345678");
-        file.append(4, canElement(tick + 1, 0x123, 3, "abc") + extended, 2, 0);
-        file.append(5, text("$GPGGA,1\r\n"), 1, tick);
-        file.append(6, text(std::string("\0\xFF", 2)), 1, tick);
-        file.append(7, text("say \"3D\""), 1, tick);
+        file.append(
+            4, canElement(tick + 1, 0x123, 3, "abc") + canElement(tick + 400, 0x18FEF100, 0x88, "12345678"),
+            2, 0);
+        for (const auto &[channel, text] : texts)
+            file.append(channel, bytesOf(static_cast<uint32_t>(8 + text.size()), tick) + text, 1, tick);
         file.append(8, bytesOf(__builtin_bswap64(tick), 20.5F, __builtin_bswap64(tick + 1), -0.1F), 2, tick);
         file.append(9, bytesOf(tick + 7, 1e-7F), 1, 0);
     }

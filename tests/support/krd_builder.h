@@ -29,8 +29,7 @@ public:
     KrdBuilder(std::filesystem::path path, const std::string &channels, const Json &changes = {},
                uint32_t indexRoom = 4096);
     ~KrdBuilder();
-    KrdBuilder(const KrdBuilder &) = delete;
-    KrdBuilder &operator=(const KrdBuilder &) = delete;
+    KrdBuilder(KrdBuilder &&) = delete;
 
     // Each call is one block. `start` is the number of the first sample, or the time of the first message;
     // `bytes` are `count` elements as they stand in blocks, given to the writer in units of `size`.
@@ -45,11 +44,13 @@ public:
     const std::filesystem::path path;
 
 private:
+    void catalogue(Json json, const Json &changes);
+
     std::vector<Json> channels_;   // entries of the catalogue
     std::vector<uint64_t> stored_; // elements, by channel
     int fd_;
     PipeList pipes_ = {};
-    std::vector<KRDBuffer> records_; // of the channels, then the index, then everything else
+    std::vector<KRDBuffer> records_; // by group; catalogue's writes all but index and channels
 };
 
 std::string canElement(int64_t tick, uint32_t id, uint8_t flags, std::string data);

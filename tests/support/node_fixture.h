@@ -5,13 +5,15 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <gtest/gtest.h>
+#include <poll.h>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "libvu/proxy/proxy_node.h"
 #include "tests/support/release_stream.h"
+#include "tests/support/socket_node.h"
 
 namespace vu::test {
 
@@ -37,11 +39,18 @@ private:
 };
 
 // A channel's stanza, named "ch"; `more` holds further keys, separated by commas.
-std::string stanza(const std::string &dataType, const std::string &more = "",
-                   const std::string &connector = "c");
+inline std::string stanza(const std::string &dataType, const std::string &more = "",
+                          const std::string &connector = "c")
+{
+    return R"({"name":"ch","data_type":")" + dataType + R"(","connector":")" + connector + '"' +
+           (more.empty() ? "" : ",") + more + "}";
+}
 
 // The body behind its length word.
-Bytes record(std::span<const uint8_t> body);
+inline Bytes record(std::span<const uint8_t> body)
+{
+    return Bytes().be(static_cast<uint32_t>(body.size())).add(body);
+}
 // A record of a sequential channel: 8 bytes that nobody reads, then samples in the given byte order.
 template <typename T>
 Bytes sampleRecord(const std::vector<T> &samples, bool big = true)
@@ -57,56 +66,81 @@ Bytes sampleRecord(const std::vector<T> &samples, bool big = true)
 struct FrameCopy {
     int64_t start;
     float aux; // `start` as the frame's aux word 1 tells it
-    uint32_t length, capacity, elementSize;
+    uint32_t length, capacity;
     std::vector<uint8_t> data; // `length` elements
-
-    template <typename T>
-    std::vector<T> as() const
-    {
-        std::vector<T> values(data.size() / sizeof(T));
-        std::memcpy(values.data(), data.data(), values.size() * sizeof(T));
-        return values;
-    }
 };
 // Takes all frames out of a pipe and deletes them.
-std::vector<FrameCopy> takeFrames(Pipe *pipe);
+inline std::vector<FrameCopy> takeFrames(Pipe *pipe)
+{
+    std::vector<FrameCopy> copies;
+    while (Frame *frame = pipeGetFrame(pipe)) {
+        FrameCopy copy{frame->start, 0, frame->length, frame->capacity, {}};
+        if (frame->aux)
+            std::memcpy(&copy.aux, &frame->aux[1], sizeof copy.aux);
+        const auto *data = static_cast<const uint8_t *>(frame->data);
+        copy.data.assign(data, data + size_t{frame->length} * frame->element_size);
+        frameDelete(frame);
+        copies.push_back(copy);
+    }
+    return copies;
+}
 // All samples of all frames in a pipe, which is empty afterwards.
 template <typename T>
 std::vector<T> takeSamples(Pipe *pipe)
 {
     std::vector<T> all;
     for (const FrameCopy &frame : takeFrames(pipe))
-        for (const T sample : frame.as<T>())
-            all.push_back(sample);
+        for (size_t at = 0; at + sizeof(T) <= frame.data.size(); at += sizeof(T))
+            std::memcpy(&all.emplace_back(), &frame.data[at], sizeof(T));
     return all;
 }
 
-// What a host owns of a channel, gone with the object: node and all that hangs on it, pipes, both sockets.
-// Signals and sets on the node stay the test's. A node that could not be made is null.
-class TestChannel {
+class TestChannel : public SocketNode {
 public:
-    explicit TestChannel(const std::string &stanza, double pipeRate = 10.0);
-    ~TestChannel();
-    TestChannel(const TestChannel &) = delete;
-    TestChannel &operator=(const TestChannel &) = delete;
-
-    int far = -1;  // the peer's end, non-blocking; -1 after hangUp()
-    int near = -1; // the end that the node was given
-    ProxyNode *const node;
-    ProxyNode *operator->() const { return node; }
-
-    Pipe *listen() { return pipeAttachPipe(&node->pipes); }
+    using SocketNode::SocketNode;
 
     // The peer: sends everything, running the loop while the socket is full, then runs the loop.
-    void send(std::span<const uint8_t> bytes);
+    void send(std::span<const uint8_t> bytes)
+    {
+        while (!bytes.empty()) {
+            const ssize_t sent = ::send(far, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (sent > 0)
+                bytes = bytes.subspan(static_cast<size_t>(sent));
+            else if (errno != EAGAIN || run() == 0)
+                break; // nobody reads any more
+        }
+        run();
+    }
     void sendMarker(bool big = true) { send(big ? Bytes{0xFE, 0xED} : Bytes{0xED, 0xFE}); }
-    void hangUp();
-    std::string heard(); // what the node has sent to the peer
+    // What the node has sent to the peer.
+    std::string heard()
+    {
+        char text[64];
+        const ssize_t got = recv(far, text, sizeof text, MSG_DONTWAIT);
+        return {text, got > 0 ? static_cast<size_t>(got) : 0};
+    }
 
     // Runs the loop until it would sleep; returns the node's events. Fails the test if that never comes.
-    int run();
+    int run()
+    {
+        int events = 0;
+        for (pollfd asked{near, POLLIN, 0}; events < kSpinning; events++) {
+            if (!ev_is_active(node->watcher) || node->fd < 0 || poll(&asked, 1, 0) != 1)
+                return events;
+            ev_run(ev_default_loop(0), EVRUN_NOWAIT);
+        }
+        ADD_FAILURE() << "the loop spins";
+        return events;
+    }
     // Events beyond those, as if more data had arrived, until no record waits in the buffer.
-    void runLeftovers();
+    void runLeftovers()
+    {
+        for (int events = 0; node->read_count != 0 && events < kSpinning; events++)
+            node->reader(node);
+    }
+
+private:
+    static constexpr int kSpinning = 200'000; // events at a stretch that no test needs
 };
 
 } // namespace vu::test

@@ -6,17 +6,16 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace vu::test {
 
 RunningVu::RunningVu(const std::vector<std::string> &arguments, uint64_t fileLimit)
 {
-    std::vector<std::string> words = {VU_COMMAND};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char *> argv;
-    for (std::string &word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
+    std::vector<const char *> words = {VU_COMMAND};
+    for (const std::string &argument : arguments)
+        words.push_back(argument.c_str());
+    words.push_back(nullptr);
     const std::string out = folder_.path("out"), err = folder_.path("err");
     int input[2];
     if (pipe2(input, O_CLOEXEC) != 0)
@@ -26,11 +25,10 @@ RunningVu::RunningVu(const std::vector<std::string> &arguments, uint64_t fileLim
         dup2(input[0], STDIN_FILENO);
         dup2(open(out.c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
         dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-        if (fileLimit > 0) {
-            const rlimit limit{fileLimit, fileLimit};
+        const rlimit limit{fileLimit, fileLimit};
+        if (fileLimit > 0)
             setrlimit(RLIMIT_FSIZE, &limit);
-        }
-        execv(VU_COMMAND, argv.data());
+        execv(VU_COMMAND, const_cast<char **>(words.data()));
         _exit(127);
     }
     close(input[0]);
@@ -42,8 +40,8 @@ RunningVu::~RunningVu()
     if (input_ >= 0)
         close(input_);
     if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+        signal(SIGKILL);
+        wait();
     }
 }
 
@@ -73,8 +71,7 @@ bool RunningVu::waitForBytes(const std::filesystem::path &file, uintmax_t bytes)
 int RunningVu::wait()
 {
     int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
+    waitpid(std::exchange(pid_, -1), &status, 0);
     return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
 

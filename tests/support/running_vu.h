@@ -16,8 +16,7 @@ public:
     // `fileLimit`: bytes beyond which the process can write no file; 0: none.
     explicit RunningVu(const std::vector<std::string> &arguments, uint64_t fileLimit = 0);
     ~RunningVu(); // kills what still runs
-    RunningVu(const RunningVu &) = delete;
-    RunningVu &operator=(const RunningVu &) = delete;
+    RunningVu(RunningVu &&) = delete;
 
     void write(const std::string &line) const; // to its standard input
     void signal(int number) const;

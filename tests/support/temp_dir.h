@@ -2,7 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <span>
 #include <string>
 #include <vector>
@@ -11,26 +14,51 @@ namespace vu::test {
 
 class TempDir {
 public:
-    explicit TempDir(const std::filesystem::path &under = std::filesystem::temp_directory_path());
-    ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
+    TempDir()
+    {
+        if (!mkdtemp(path_.data()))
+            std::abort();
+    }
+    ~TempDir()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TempDir(TempDir &&) = delete;
     std::filesystem::path path(const std::string &name = {}) const
     {
-        return name.empty() ? path_ : path_ / name;
+        return name.empty() ? path_ : path_ + '/' + name;
     }
 
 private:
-    std::filesystem::path path_;
+    std::string path_ = std::filesystem::temp_directory_path() / "vu-test-XXXXXX";
 };
 
-std::vector<uint8_t> readBytes(const std::filesystem::path &file);
-std::string readText(const std::filesystem::path &file);
-void writeBytes(const std::filesystem::path &file, std::span<const uint8_t> bytes);
-void writeText(const std::filesystem::path &file, const std::string &text);
+inline std::string readText(const std::filesystem::path &file)
+{
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+inline std::vector<uint8_t> readBytes(const std::filesystem::path &file)
+{
+    const std::string text = readText(file);
+    return {text.begin(), text.end()};
+}
+inline void writeText(const std::filesystem::path &file, const std::string &text)
+{
+    std::ofstream(file, std::ios::binary) << text;
+}
+inline void writeBytes(const std::filesystem::path &file, std::span<const uint8_t> bytes)
+{
+    writeText(file, std::string(bytes.begin(), bytes.end()));
+}
 
 // The folder of real recordings, or an empty path; a test that needs it skips then.
-std::filesystem::path recordings();
+inline std::filesystem::path recordings()
+{
+    const auto folder = std::filesystem::path(VU_SOURCE_DIR).parent_path() / "shared" / "data";
+    return std::filesystem::is_directory(folder) ? folder : std::filesystem::path();
+}
 
 } // namespace vu::test
 
