@@ -1,19 +1,18 @@
-// The vocabulary of the bus tests: records as they come over the wire, stanzas, and both ways to a signal.
+// The vocabulary of the bus tests: records as they come over the wire, stanzas, and every way to a signal.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
 #include "libvu/bus/can_set.h"
 #include "libvu/bus/can_signal.h"
-#include "libvu/core/callbacks.h"
+#include "libvu/bus/xcp_set.h"
 #include "libvu/core/wire_private.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/error_trap.h"
 #include "tests/support/split.h"
 #include "tests/support/streams.h"
+#include "tests/support/temp_dir.h"
 
 namespace vu::test {
 
@@ -35,19 +34,23 @@ struct Batch {
     std::vector<CanRecord> records;
 };
 
-inline json field(const json &format, const json &start, const json &length)
+inline uint32_t hexNumber(const std::string &text)
+{
+    return static_cast<uint32_t>(std::stoul(text, nullptr, 16));
+}
+// What is missing of the payload is 0.
+inline uint64_t payloadOf(const std::string &hex)
+{
+    return std::stoull((hex + std::string(16, '0')).substr(0, 16), nullptr, 16);
+}
+
+inline json field(const std::string &format, int start, int length)
 {
     return {{"db_data_format", format}, {"db_bit_start", start}, {"db_bit_length", length}};
 }
 
-inline json mode(const json &format, const json &at, const json &bits, const json &is)
-{
-    return {
-        {"db_mode_format", format}, {"db_mode_start", at}, {"db_mode_length", bits}, {"db_mode_value", is}};
-}
-
 // A complete stanza for all three kinds of signal, with changes. A text stands for itself.
-inline std::string stanza(const json &changes = {})
+inline std::string stanza(const json &changes)
 {
     if (changes.is_string())
         return changes;
@@ -60,103 +63,103 @@ inline std::string stanza(const json &changes = {})
     return base.dump();
 }
 
-// The signals that a host holds, and what it releases at the end.
-template <typename Signal>
-struct Held {
-    // Names and streams, while the records still tell them.
-    void release()
+// Signals as a host holds them: of a "set", single ones in a "list", or measurements of "xcp".
+struct Signals {
+    explicit Signals(std::string ofKind) : kind(std::move(ofKind)) {}
+    ~Signals()
     {
-        for (Signal *signal : signals)
-            releaseSignal(signal);
+        for (size_t i = 0; i < streams.size(); i++) { // while the records still tell them
+            free(names[i]);
+            releaseStream(streams[i]);
+        }
+        for (CanSignalNode *node : list) {
+            free(node->config);
+            free(node);
+        }
+        can_set_destroy(set);
+        can_set_destroy(set); // harmless
+        free(set);
+        xcp_ip_set_destroy(xcp);
     }
-    Signal *keep(Signal *signal)
+    Signals(const Signals &) = delete;
+
+    // False if the stanza is refused.
+    bool add(const json &changes)
     {
-        if (signal)
-            signals.push_back(signal);
-        return signal;
+        const std::string text = stanza(changes);
+        if (kind == "set")
+            return keep(can_set_add_signal(set, text.c_str()));
+        if (kind == "xcp")
+            return keep(xcp_ip_set_add_measurement(xcp, text.c_str()));
+        CanSignalNode *const node = canSignalInit(text.c_str());
+        if (node && !list.empty())
+            list.back()->next = node;
+        if (node)
+            list.push_back(node);
+        return keep(node);
     }
     // One thing of every stream, in the order of the signals' making.
     template <typename T>
     std::vector<T> each(T Sequentializer::*what) const
     {
         std::vector<T> all;
-        for (const Signal *signal : signals)
-            all.push_back(signal->sequentializer->*what);
+        for (const Sequentializer *stream : streams)
+            all.push_back(stream->*what);
         return all;
     }
-    auto values() const { return each(&Sequentializer::value); }
-    auto samples() const { return each(&Sequentializer::sample_count); }
-    // What they hold behind a batch whose end is guarded: every timestamp is turned, whatever matches.
-    template <typename Process>
-    auto behind(const Batch &batch, Process process) const
+    // What they hold behind a batch whose end is guarded: every timestamp is turned, whatever matches. A set
+    // is finalized anew each time: no signal may come twice by that.
+    std::vector<double> after(const Batch &batch)
     {
         std::vector<CanRecord> records = batch.records;
-        process(records.data(), static_cast<uint32_t>(records.size()));
+        can_set_finalize(set);
+        if (kind == "set")
+            can_set_process(set, records.data(), static_cast<uint32_t>(records.size()));
+        else
+            canProcessSignals(list.at(0), records.data(), static_cast<int32_t>(records.size()));
         for (size_t i = 0; i < records.size(); i++)
             EXPECT_EQ(loadHost<int64_t>(records[i].timestamp), loadBig<int64_t>(batch.records[i].timestamp));
-        return values();
+        return each(&Sequentializer::value);
     }
-    std::vector<Signal *> signals;
-};
+    std::vector<double> after(const std::vector<uint8_t> &message, int64_t time = 0)
+    {
+        xcp_ip_set_process(xcp, time, message.data(), static_cast<uint32_t>(message.size()));
+        return each(&Sequentializer::value);
+    }
 
-struct Set : Held<CanSetSignal> {
-    ~Set()
-    {
-        release();
-        can_set_destroy(set);
-        can_set_destroy(set); // harmless
-        free(set);
-    }
-    CanSetSignal *add(const json &changes = {})
-    {
-        return keep(can_set_add_signal(set, stanza(changes).c_str()));
-    }
-    // Finalized anew each time: no signal may come twice by that.
-    std::vector<double> after(const Batch &batch)
-    {
-        can_set_finalize(set);
-        return behind(batch, [&](CanRecord *records, uint32_t n) { can_set_process(set, records, n); });
-    }
-    CanSet *set = can_set_create();
-};
+    const std::string kind;
+    CanSet *const set = can_set_create();
+    XcpIpSet *const xcp = xcp_ip_set_create();
+    std::vector<CanSignalNode *> list;
+    std::vector<char *> names;
+    std::vector<Sequentializer *> streams;
+    std::vector<int32_t *> pending; // requests for a zero
 
-// Single signals in a list.
-struct List : Held<CanSignalNode> {
-    ~List()
+private:
+    bool keep(auto *signal)
     {
-        release();
-        for (CanSignalNode *node : signals) {
-            free(node->config);
-            free(node);
-        }
-    }
-    CanSignalNode *add(const json &changes = {})
-    {
-        CanSignalNode *const last = signals.empty() ? nullptr : signals.back();
-        CanSignalNode *node = keep(canSignalInit(stanza(changes).c_str()));
-        if (last)
-            last->next = node;
-        return node;
-    }
-    std::vector<double> after(const Batch &batch)
-    {
-        CanSignalNode *const first = signals.empty() ? nullptr : signals[0];
-        return behind(batch, [&](CanRecord *records, int32_t n) { canProcessSignals(first, records, n); });
+        if (!signal)
+            return false;
+        names.push_back(signal->name);
+        streams.push_back(signal->sequentializer);
+        if constexpr (requires { signal->rezero_pending; })
+            pending.push_back(&signal->rezero_pending);
+        return true;
     }
 };
 
 class Bus : public testing::Test {
 protected:
-    template <typename Holder>
-    void refuses(Holder &holder, const json &changes,
-                 const testing::Matcher<const std::vector<std::string> &> &said)
-    {
-        EXPECT_EQ(holder.add(changes), nullptr) << changes;
-        EXPECT_THAT(errors.texts(), said) << changes;
-    }
-
     ErrorTrap errors;
     AllocationFaults memory;
 };
+
+// The lines of a file beside these tests, without empty ones and comments.
+inline Strings linesOf(const std::string &file)
+{
+    Strings lines = split(readText(VU_SOURCE_DIR "/tests/bus/" + file), '\n');
+    std::erase_if(lines, [](const std::string &line) { return line.empty() || line.starts_with("//"); });
+    return lines;
+}
 
 } // namespace vu::test

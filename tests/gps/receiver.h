@@ -21,25 +21,14 @@ constexpr double kSilent = -98765.4375; // what a signal hears that is given not
 // Every channel of a receiver, and what it makes of whole sentences.
 inline std::map<std::string, double> channelsOf(const std::string &type)
 {
-    std::string text =
-        R"(utc_nanoseconds 500000000 utc_seconds_floor 12 utc_seconds 12.5 utc_minute 15 utc_hour 10
-        altitude 545.4 geoidal_height 46.9 number_of_satellites_in_use 8 fix_quality 2 utc_day 15 utc_month 3
-        utc_year 2024 pps_sync_active 0 magnetic_variation -2 )";
-    text += type == "Garmin GPS" ? R"(latitude 52.50833333333333 longitude 13.379166666666666 fix_type 3
-        horizontal_dilution_of_precision 1.3 position_dilution_of_precision 2.5 vertical_dilution_of_precision 2.1
-        ground_speed_knots 10 ground_heading 90 ground_speed_km/h 18.52 ground_speed_m/s 5.144444444444445
-        ground_speed_mph 11.507794480235429)"
-                                 : R"(latitude -52.50833333333333 longitude -13.379166666666666 faa_mode 65
-        heading 72.25 gradient 72.5 speed_3d 86.25 speed_raw2d 83.25 speed_raw3d 83.5 accel_x 65.25 accel_y 65.5
-        accel_z -65.75 trigger 1 )";
-    if (type == "TRKR-300-Plus")
-        text += R"(yaw_rate 71.25 pitch_rate 71.5 roll_rate -71.75 rtk_yaw 82.25 rtk_pitch 82.5
-            rtk_baseline -82.75 rtk_accuracy 7)";
+    constexpr const char *kTable =
+#include "tests/gps/channels.txt"
+        ;
+    std::istringstream words(kTable);
     std::map<std::string, double> channels;
-    std::istringstream words(text);
-    std::string name;
-    for (double value; words >> name >> value;)
-        channels[name] = value;
+    for (std::string name, garmin, small, plus; words >> name >> garmin >> small >> plus;)
+        if (const auto &value = type[0] == 'G' ? garmin : type.ends_with("Plus") ? plus : small; value != "-")
+            channels[name] = std::stod(value);
     return channels;
 }
 

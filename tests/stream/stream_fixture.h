@@ -31,10 +31,7 @@ inline Bytes metainfo(uint32_t number, std::string_view json)
 {
     return streamRecord(kMetainfo, number, Bytes().zeros(4).add(json));
 }
-inline std::string subscribe(const std::string &names)
-{
-    return R"({"method":"subscribe","params":[)" + names + "]}";
-}
+constexpr char kBindTorque[] = R"({"method":"subscribe","params":["torque"]})";
 inline std::string signalStanza(const std::string &name, const std::string &rate = "100",
                                 const std::string &type = "float64")
 {
@@ -61,9 +58,8 @@ struct StreamChannel : TestChannel {
     ~StreamChannel()
     {
         for (CanSignalNode *signal : {rawSpeed, speed, torque}) {
-            releaseStream(signal->sequentializer);
+            releaseSignal(signal);
             free(signal->config);
-            free(signal->name);
             free(signal);
         }
     }
