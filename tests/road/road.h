@@ -2,31 +2,39 @@
 #pragma once
 
 #include <cstring>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <map>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
+#include <optional>
 
+#include "tests/road/table.h"
 #include "tests/support/command.h"
 #include "tests/support/running_vu.h"
-#include "tests/support/temp_dir.h"
 
 namespace vu::test {
 
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::json;
+using namespace nlohmann::literals;
+using Status = ::testing::Matcher<int>;
 
 class Road : public ::testing::Test {
 protected:
     // A channel of the test with its source; `more` is merged into it.
-    void addChannel(const std::string &name, const Json &stanza, const Json &source,
+    void addChannel(const std::string &name, Json stanza, const Json &source,
                     const Json &more = Json::object())
     {
-        Json channel = {{"address", "unix:" + folder.path(name + ".sock").string()}, {"source", source}};
-        channel["stanza"] = stanza;
-        channel["stanza"]["name"] = name;
-        channel["stanza"].emplace("connector", "x");
+        stanza.emplace("connector", "x");
+        stanza["name"] = name;
+        Json channel = {{"address", "unix:" + name + ".sock"}, {"stanza", stanza}, {"source", source}};
         channel.update(more);
         description["channels"].push_back(channel);
+    }
+    // A stanza with what makes a stream of values that come when they like.
+    static Json held(double rate, Json stanza)
+    {
+        stanza.update(
+            {{"sample_rate", rate}, {"invalid_data_output_value", -1}, {"stale_data_expiration_time", 10}});
+        return stanza;
     }
 
     std::string descriptionFile()
@@ -35,73 +43,70 @@ protected:
         return folder.path("test.json");
     }
 
-    // `vu run`, then `vu verify`.
-    void run(int status = 0)
+    // `vu run`, which can write no file beyond `fileLimit`, and its end.
+    void start(uint64_t fileLimit = 0)
     {
-        const CommandResult ran = runVu({"run", descriptionFile(), "--force", "--json"});
-        ASSERT_EQ(ran.status, status) << ran.err;
-        summary = Json::parse(ran.out);
-        verify();
+        std::filesystem::remove(file);
+        recorder.emplace(Strings{"run", descriptionFile(), "--json"}, fileLimit);
     }
-
-    void verify()
+    void finish(const Status &status = 0)
+    {
+        ASSERT_THAT(recorder->wait(), status) << recorder->err();
+        summary = Json::parse(recorder->out());
+        ledger.clear();
+        events.clear();
+        for (const Json &event : summary["events"])
+            events[event["kind"]]++;
+        for (const Json &entry : summary["ledger"]) {
+            ledger[entry["name"]] = entry;
+            uint64_t sum = entry["stored"];
+            for (const auto &[cause, count] : entry["discarded"].items())
+                sum += count.get<uint64_t>();
+            EXPECT_EQ(entry["received"], sum) << entry;
+        }
+    }
+    // Both, then `vu verify` and `vu export`.
+    void run(const Status &status = 0)
+    {
+        start();
+        finish(status);
+        exportAll();
+    }
+    void exportAll(const Status &status = 0, const Strings &arguments = {"--format", "npy"})
     {
         const CommandResult verified = runVu({"verify", file});
-        EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
+        EXPECT_THAT(verified.status, status) << verified.out << verified.err;
+        Strings all = {"export", file, "-o", out, "--force"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        const CommandResult exported = runVu(all);
+        EXPECT_THAT(exported.status, status) << exported.err;
     }
 
-    void exportAs(const std::string &format, const std::vector<std::string> &more = {})
-    {
-        std::vector<std::string> arguments = {"export", file, "-o", out, "--force", "--format", format};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        const CommandResult exported = runVu(arguments);
-        ASSERT_EQ(exported.status, 0) << exported.err;
-    }
-
-    // The samples of an exported .npy file; an empty vector if they are of another type.
-    template <typename T>
-    std::vector<T> samples(const std::string &name) const
+    // The samples of an exported .npy file, float32 or float64.
+    std::vector<double> samples(const std::string &name) const
     {
         const std::string bytes = readText(out / (name + ".npy"));
-        if (bytes.size() < 10 || bytes.find(sizeof(T) == 4 ? "'<f4'" : "'<f8'") == std::string::npos)
-            return {};
-        const size_t head = 10u + static_cast<uint8_t>(bytes[8]) + 256u * static_cast<uint8_t>(bytes[9]);
-        std::vector<T> values((bytes.size() - head) / sizeof(T));
-        if (!values.empty())
-            std::memcpy(values.data(), bytes.data() + head, values.size() * sizeof(T));
+        const size_t size = bytes.find("'<f4'") < bytes.size() ? 4 : 8;
+        std::vector<double> values;
+        for (size_t at = bytes.find('\n') + 1; at != 0 && at + size <= bytes.size(); at += size) {
+            float narrow;
+            std::memcpy(&narrow, &bytes[at], 4);
+            std::memcpy(&values.emplace_back(narrow), &bytes[at], size == 8 ? 8 : 0);
+        }
         return values;
     }
 
-    const Json &ledger(const std::string &name) const
-    {
-        static const Json none;
-        for (const Json &entry : summary["ledger"])
-            if (entry["name"] == name)
-                return entry;
-        return none;
-    }
-    size_t events(const std::string &kind) const
-    {
-        size_t count = 0;
-        for (const Json &event : summary["events"])
-            count += event["kind"] == kind;
-        return count;
-    }
-
     TempDir folder;
-    const std::filesystem::path file = folder.path("road.krd");
-    const std::filesystem::path out = folder.path("out");
+    const std::filesystem::path file = folder.path("road.krd"), out = folder.path("out");
     Json description = {{"name", "road"},
                         {"start_time", "2026-03-15T10:15:30.0"},
                         {"duration", 60},
                         {"file", file.string()},
                         {"channels", Json::array()}};
+    std::optional<RunningVu> recorder;
     Json summary;
+    std::map<std::string, Json> ledger;   // of the summary, by channel
+    std::map<std::string, size_t> events; // how many of each kind
 };
-
-// The text of a file, unpacked if it is gzip.
-std::string unpacked(const std::filesystem::path &file);
-// Its lines, split at every comma.
-std::vector<std::vector<std::string>> table(const std::filesystem::path &file);
 
 } // namespace vu::test

@@ -1,15 +1,11 @@
 // DBC files: real ones against what two other decoders made of them, and the corners that they do not have.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
-#include <zlib.h>
 
-#include "libvu/libvu.h"
-#include "tests/support/error_trap.h"
-#include "tests/support/split.h"
-#include "tests/support/streams.h"
-#include "tests/support/temp_dir.h"
+#include "tests/road/table.h"
+#include "tests/vu/cases.h"
 #include "vu/command.h"
 #include "vu/dbc/dbc.h"
 
@@ -17,63 +13,42 @@ namespace vu::test {
 namespace {
 
 using dbc::Stanzas;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using Json = nlohmann::json;
-using Row = std::map<std::string, std::string>;
 
-std::string unzipped(const std::filesystem::path &file) // plain files as well
+// A stanza as a row of the tables that come with the real files.
+Strings rowOf(const dbc::SignalStanza &signal)
 {
-    std::string text(1 << 16, '\0'), all;
-    gzFile in = gzopen(file.c_str(), "rb");
-    for (int got; (got = gzread(in, text.data(), 1 << 16)) > 0;)
-        all.append(text, 0, static_cast<size_t>(got));
-    gzclose(in);
-    return all;
-}
-
-std::vector<Row> csvRows(const std::filesystem::path &file)
-{
-    const Strings lines = split(readText(file), '\n'), names = split(lines[0], ',');
-    std::vector<Row> rows(lines.size() - 1);
-    for (size_t i = 0; i < rows.size(); ++i) {
-        const Strings cells = split(lines[i + 1], ',');
-        for (size_t k = 0; k < cells.size(); ++k)
-            rows[i][names[k]] = cells[k];
-    }
-    return rows;
-}
-
-// A stanza as such a row.
-Row rowOf(const Json &stanza)
-{
+    const Json stanza = Json::parse(signal.json);
     const std::string format = stanza["db_data_format"], mode = stanza.value("db_mode_format", "");
     const auto order = [](const std::string &of) { return of.ends_with("MSB") ? "motorola" : "intel"; };
-    Row row = {{"id", stanza["db_msg_id"]},
-               {"mask", stanza["db_msg_mask"]},
-               {"start", stanza["db_bit_start"].dump()},
-               {"length", stanza["db_bit_length"].dump()},
-               {"byte_order", order(format)},
-               {"signed", format[0] != 'U' ? "1" : "0"},
-               {"float", format[0] == 'F' ? "1" : "0"},
-               {"scale", stanza["scale"].dump()},
-               {"offset", stanza["offset"].dump()}};
-    if (!mode.empty())
-        row.insert({{"mux_start", stanza["db_mode_start"].dump()},
-                    {"mux_length", stanza["db_mode_length"].dump()},
-                    {"mux_byte_order", order(mode)},
-                    {"mux_value", stanza["db_mode_value"].dump()}});
+    Strings row = {signal.name,
+                   stanza["db_msg_id"],
+                   "",
+                   stanza["db_msg_mask"],
+                   stanza["db_bit_start"].dump(),
+                   stanza["db_bit_length"].dump(),
+                   order(format),
+                   format[0] != 'U' ? "1" : "0",
+                   format[0] == 'F' ? "1" : "0",
+                   stanza["scale"].dump(),
+                   stanza["offset"].dump()};
+    row.resize(17);
+    if (!mode.empty()) {
+        row[12] = stanza["db_mode_start"].dump();
+        row[13] = stanza["db_mode_length"].dump();
+        row[14] = order(mode);
+        row[16] = stanza["db_mode_value"].dump();
+    }
     return row;
 }
 
-// What decides how a signal is decoded.
-std::string meaning(Row row)
+// What of it decides how the signal is decoded.
+std::string meaning(const Strings &row)
 {
-    std::string all = fmt::format("{} + {}", std::stod(row["scale"]), std::stod(row["offset"]));
-    for (const char *name : {"id", "mask", "start", "length", "byte_order", "signed", "float", "mux_start",
-                             "mux_length", "mux_byte_order", "mux_value"})
-        all += " " + row[name];
-    return all;
+    std::string text = fmt::format("{} + {}", std::stod(row[9]), std::stod(row[10]));
+    for (const size_t column : {1, 3, 4, 5, 6, 7, 8, 12, 13, 14, 16})
+        text += row[column].empty() ? "" : ' ' + row[column];
+    return text;
 }
 
 TEST(Dbc, RealFilesMeanWhatOtherDecodersMakeOfThem)
@@ -86,97 +61,50 @@ TEST(Dbc, RealFilesMeanWhatOtherDecodersMakeOfThem)
             continue;
         dbc::StanzaOptions options;
         options.match = name.starts_with("canboat") ? dbc::Match::kPgn : dbc::Match::kExact;
-        std::map<std::string, std::vector<std::string>> signals; // meanings by name
-        for (const auto &signal : toStanzas(dbc::parse(unzipped(entry), name), options).signals) {
-            Row row = rowOf(Json::parse(signal.json));
-            const std::string mode = ".m" + row["mux_value"]; // ends the names of several selector values
+        std::map<std::string, Strings> meanings; // by name
+        for (const auto &signal : toStanzas(dbc::parse(unpacked(entry), name), options).signals) {
+            const Strings row = rowOf(signal);
+            const std::string mode = ".m" + row[16]; // ends the names of several selector values
             const size_t cut = signal.name.ends_with(mode) ? mode.size() : 0;
-            signals[signal.name.substr(0, signal.name.size() - cut)].push_back(meaning(row));
+            meanings[signal.name.substr(0, signal.name.size() - cut)].push_back(meaning(row));
         }
-        for (Row row : csvRows(entry.path().parent_path() / "signals.csv")) {
-            if (row.contains("dbc") && row["dbc"] != name)
+        for (Strings row : table(entry.path().parent_path() / "signals.csv")) {
+            if (row.back() == "mux_value" || (row[0].ends_with(".dbc") && row[0] != name))
                 continue;
-            EXPECT_THAT(signals[row["signal"]], ::testing::Contains(meaning(row))) << row["signal"];
+            if (row[0] == name)
+                row.erase(row.begin());
+            row.resize(17);
+            EXPECT_THAT(meanings[row[0]], ::testing::Contains(meaning(row))) << row[0];
             ++compared;
         }
     }
     EXPECT_EQ(compared, 1797u);
 }
 
-Stanzas stanzasOf(const char *file, const dbc::StanzaOptions &options = {})
-{
-    return toStanzas(dbc::read(VU_SOURCE_DIR "/tests/vu/" + std::string(file)), options);
-}
-
-Strings names(const Stanzas &stanzas)
-{
-    Strings list;
-    for (const auto &signal : stanzas.signals)
-        list.push_back(signal.name);
-    return list;
-}
-
-TEST(Dbc, StanzasCarryWhatTheFileSaysAndTheLibraryTakesThem)
-{
-    dbc::StanzaOptions options{"float32", 50.0, 5.0, 0.5, -99.0, dbc::Match::kPgn, {}};
-    const Stanzas stanzas = stanzasOf("bus.dbc", options);
-    EXPECT_THAT(stanzas.warnings, ElementsAre());
-    EXPECT_THAT(names(stanzas), ElementsAre("Engine.Speed", "Engine.Torque", "Wheels.Sel", "Wheels.One",
-                                            "Wheels.Few.m2", "Wheels.Few.m3", "Wheels.Few.m9"));
-    EXPECT_EQ(stanzas.signals[0].unit, "U\u00B0");
-    EXPECT_EQ(stanzas.signals[1].unit, "say \"Nm\"");
-    const Json torque = Json::parse(stanzas.signals[1].json), one = Json::parse(stanzas.signals[3].json);
-    EXPECT_EQ(torque["scale"], 1e-3);
-    EXPECT_EQ(torque["offset"], 0.5);
-    EXPECT_EQ(torque["db_data_format"], "SMSB");
-    EXPECT_EQ(torque["db_msg_mask"], "FFFFFFFF"); // 11 bits have no priority to leave out
-    EXPECT_EQ(one["db_msg_id"], "F00400");
-    EXPECT_EQ(one["db_msg_mask"], "3FFFF00");
-    EXPECT_EQ(one["stale_data_expiration_time"], 0.5);
-    EXPECT_EQ(one["invalid_data_output_value"], -99);
-
-    ErrorTrap errors;
-    CanSet *set = can_set_create();
-    for (const auto &signal : stanzas.signals) {
-        CanSetSignal *added = can_set_add_signal(set, signal.json.c_str());
-        ASSERT_NE(added, nullptr) << signal.json;
-        EXPECT_EQ(added->sequentializer->element_size, 4u);
-        releaseStream(added->sequentializer);
-        free(added->name);
-    }
-    can_set_destroy(set);
-    free(set);
-    EXPECT_THAT(errors.texts(), ElementsAre());
-}
-
-TEST(Dbc, SelectTakesGlobsOverSignalsAndMessages)
+TEST(Dbc, EverySignalIsTranslatedOrNamed)
 {
     dbc::StanzaOptions options;
+    options.match = dbc::Match::kPgn;
+    for (const std::string file : {"bus", "left_out"}) {
+        const std::string base = VU_SOURCE_DIR "/tests/vu/" + file;
+        const Stanzas stanzas = toStanzas(dbc::read(base + ".dbc"), options);
+        Strings said = stanzas.warnings;
+        for (const auto &signal : stanzas.signals)
+            said.push_back(fmt::format("{} [{}]: {}", signal.name, signal.unit, meaning(rowOf(signal))));
+        EXPECT_EQ(said, split(readText(base + ".txt"), '\n'));
+    }
     options.select = {"Eng*", "*.O?e", "Nobody"};
-    const Stanzas some = stanzasOf("bus.dbc", options);
-    EXPECT_THAT(names(some), ElementsAre("Engine.Speed", "Engine.Torque", "Wheels.One"));
-    EXPECT_THAT(some.warnings, ElementsAre("'Nobody' selects no signal"));
-}
-
-TEST(Dbc, WhatCanNotBeDecodedIsNamedAndTheRestWorks)
-{
-    const Stanzas stanzas = stanzasOf("left_out.dbc");
-    EXPECT_THAT(names(stanzas), ElementsAre("M.High", "M.Good", "M.S", "M.N", "Lone.Own"));
-    EXPECT_EQ(stanzas.warnings, split(readText(VU_SOURCE_DIR "/tests/vu/left_out.txt"), '\n'));
+    const Stanzas some = toStanzas(dbc::read(VU_SOURCE_DIR "/tests/vu/bus.dbc"), options);
+    EXPECT_THAT(some.warnings, ::testing::ElementsAre("'Nobody' selects no signal"));
+    EXPECT_EQ(some.signals.size(), 3u);
 }
 
 TEST(Dbc, ASyntaxErrorNamesFileAndLine)
 {
-    for (const std::string &line : split(readText(VU_SOURCE_DIR "/tests/vu/dbc_errors.txt"), '\n')) {
-        const size_t said = line.find(" > ");
-        std::string text = line.substr(0, said);
-        std::replace(text.begin(), text.end(), '~', '\n');
-        if (line[0] == '/')
-            continue;
-        EXPECT_THAT([&] { dbc::parse(text, "t.dbc"); },
-                    ::testing::ThrowsMessage<InputError>(HasSubstr(line.substr(said + 3))))
-            << line;
-    }
+    for (const Strings &parts : cases("dbc_errors.txt"))
+        EXPECT_THAT([&] { dbc::parse(parts[0], "t.dbc"); },
+                    ::testing::ThrowsMessage<InputError>(::testing::HasSubstr(parts[1])))
+            << parts[0];
     EXPECT_THROW(dbc::read("/nowhere.dbc"), InputError);
 }
 

@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <zlib.h>
 
-#include "tests/support/split.h"
+#include "tests/vu/cases.h"
 #include "tests/vu/source_process.h"
 #include "vu/source/can_live.h"
 #include "vu/source/candump_line.h"
@@ -67,40 +67,9 @@ std::string shown(const CandumpLine &line)
 
 TEST(CandumpLine, OfEveryFormIsTakenOrToldApart)
 {
-    for (const std::string &row : split(readText(VU_SOURCE_DIR "/tests/vu/candump_lines.txt"), '\n')) {
-        const size_t middle = row.find(" => ");
-        EXPECT_EQ(shown(parseCandumpLine(row.substr(0, middle))), row.substr(middle + 4)) << row;
-    }
+    for (const Strings &parts : cases("candump_lines.txt"))
+        EXPECT_EQ(shown(parseCandumpLine(parts[0])), parts[1]) << parts[0];
 }
-
-// Random traffic with silences, bursts and steps back, as a log and as what must come of it.
-struct RandomLog {
-    std::string text;
-    std::vector<Timed> expected;
-
-    explicit RandomLog(int frames)
-    {
-        uint64_t n = 0;
-        const auto random = [&](uint32_t below) {
-            return static_cast<uint32_t>(referenceUnit(42, n++) * below);
-        };
-        for (int64_t i = 0, time = 0; i < frames; ++i) { // in microseconds
-            const bool extended = random(2) != 0;
-            const uint32_t id = random(extended ? 0x20000000 : 0x800);
-            std::string payload;
-            for (uint32_t bytes = random(9); bytes > 0; --bytes)
-                payload += fmt::format("{:02X}", random(256));
-            text += fmt::format("({}.{:06}) can0 {:0{}X}#{}{}\n", 1'600'000'000 + time / 1'000'000,
-                                time % 1'000'000, id, extended ? 8 : 3, payload,
-                                i % 50 == 7 ? "\r\nrubbish" : "");
-            expected.emplace_back(
-                time * 40,
-                fmt::format("{:X} {:02X} {:0<16}", id, payload.size() / 2 + (extended ? 0x80 : 0), payload));
-            time += random(10) == 0 ? random(70'000) : random(700);
-            time -= time > 300 && random(100) == 0 ? 300 : 0;
-        }
-    }
-};
 
 class CandumpLog : public ::testing::Test {
 protected:
@@ -115,16 +84,24 @@ protected:
 
 TEST_F(CandumpLog, BringsEveryFrameAtItsTimePlainOrCompressed)
 {
-    const RandomLog log(5000);
-    writeText(folder.path("a.log"), log.text);
-    EXPECT_EQ(play("a.log"), log.expected);
+    std::string text;
+    std::vector<Timed> expected;
+    for (int64_t i = 0, time = 0; i < 5000; ++i) { // in microseconds, with silences and steps back
+        const auto id = static_cast<uint32_t>(referenceUnit(42, static_cast<uint64_t>(i)) * 0x800);
+        text += fmt::format("({}.{:06}) can0 {:03X}#{:02X}\n{}", 1'600'000'000 + time / 1'000'000,
+                            time % 1'000'000, id, i % 256, i % 50 == 7 ? "rubbish\r\n" : "");
+        expected.emplace_back(time * 40, fmt::format("{:X} 01 {:02X}00000000000000", id, i % 256));
+        time += i % 100 == 50 ? -300 : i % 10 == 9 ? 70'000 : 700;
+    }
+    writeText(folder.path("a.log"), text);
+    EXPECT_EQ(play("a.log"), expected);
     EXPECT_THAT(said, HasSubstr("lines that are no frame left out: 100"));
     EXPECT_THAT(said, HasSubstr("a.log:9: 'rubbish'"));
 
     const gzFile packed = gzopen(folder.path("a.gz").c_str(), "wb");
-    gzwrite(packed, log.text.data(), static_cast<unsigned>(log.text.size()));
+    gzwrite(packed, text.data(), static_cast<unsigned>(text.size()));
     gzclose(packed);
-    EXPECT_EQ(play("a.gz"), log.expected);
+    EXPECT_EQ(play("a.gz"), expected);
 
     Bytes bytes = readBytes(folder.path("a.gz"));
     bytes[bytes.size() * 3 / 4] ^= 0x40; // what can be unpacked before the damage is kept
@@ -132,7 +109,7 @@ TEST_F(CandumpLog, BringsEveryFrameAtItsTimePlainOrCompressed)
     const std::vector<Timed> whole = play("bad.gz", 2);
     EXPECT_THAT(said, HasSubstr("bad.gz:"));
     EXPECT_GT(whole.size(), 1000u);
-    EXPECT_TRUE(std::equal(whole.begin(), whole.begin() + 1000, log.expected.begin()));
+    EXPECT_TRUE(std::equal(whole.begin(), whole.begin() + 1000, expected.begin()));
 }
 
 TEST_F(CandumpLog, WithoutTimesHasItsFramesEvenlySpaced)
@@ -190,25 +167,6 @@ TEST(LiveCan, BringsFramesWithKernelTimesAndTellsTimeBetween)
     EXPECT_EQ(messagesOf(cut(wire)), expected);
     EXPECT_THAT(can.notes(), ElementsAre("FD frames left out: 30", "error frames left out: 30",
                                          "frames lost in the kernel, which had no room for them: 2"));
-}
-
-TEST(SimulatedCan, HasItsSignalsInEveryForm)
-{
-    std::vector<Timed> expected;
-    for (size_t i = 0; i < 120; ++i) {
-        const double value = 400 * (2 * referenceUnit(3, i / 2) - 1) + static_cast<double>(i % 2);
-        const auto hundredths =
-            static_cast<uint16_t>(std::lround(std::clamp(value * 100, -32768.0, 32767.0)));
-        expected.emplace_back(
-            std::lround(static_cast<double>(i / 2) * 4e7 / 30),
-            fmt::format("{} {:04X}{:04X}{:08X}", i % 2 ? "18FEF100 88" : "100 08",
-                        __builtin_bswap16(hundredths), hundredths,
-                        __builtin_bswap32(std::bit_cast<uint32_t>(static_cast<float>(value)))));
-    }
-    EXPECT_EQ(
-        messagesOf(replay("sim --data-type message_can --can-ids 0x100,18FEF100 --rate 30 --signal noise "
-                          "--amplitude 400 --seed 3 --duration 2 --speed 0")),
-        expected);
 }
 
 } // namespace

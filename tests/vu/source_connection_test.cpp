@@ -1,4 +1,4 @@
-#include <algorithm>
+// The road from a source to its reader: nothing lost, nothing cut, whatever either does.
 #include <bit>
 #include <csignal>
 #include <gmock/gmock.h>
@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "tests/support/command.h"
-#include "tests/support/split.h"
+#include "tests/vu/cases.h"
 #include "tests/vu/source_process.h"
 
 namespace vu::test {
@@ -30,58 +30,45 @@ std::vector<float> count(size_t samples)
     return numbers;
 }
 
-TEST(SourceConnection, OfEveryKindBringsTheMarkerAndEverySample)
-{
-    for (const auto socket : {Socket::Unix, Socket::Tcp})
-        for (const std::string endian : {"big", "little"}) {
-            const Stream stream = replay(counting("--endian " + endian), 0, nullptr, socket);
-            EXPECT_EQ(stream.bigEndian, endian == "big");
-            EXPECT_EQ(samplesOf<float>(stream), count(2000));
-            EXPECT_TRUE(stream.rest.empty());
-        }
-}
-
 TEST(SourceConnection, ASlowReaderLosesNothing)
 {
-    // Far more than socket and queue hold, read late and in pieces that fit no record.
-    Source source(counting("--sample-rate 1000000"));
-    Bytes all;
-    usleep(200000);
-    for (Bytes piece = source.read(7777); !piece.empty(); piece = source.read(7777))
-        all.insert(all.end(), piece.begin(), piece.end());
-    EXPECT_EQ(source.end(), 0);
-    EXPECT_EQ(samplesOf<float>(cut(all)), count(2'000'000));
+    for (const auto &[socket, endian] : {std::pair(Socket::Unix, "little"), {Socket::Tcp, "big"}}) {
+        // Far more than socket and queue hold, read late and in pieces that fit no record.
+        Source source(counting("--sample-rate 1000000 --endian ") + endian, socket);
+        Bytes all;
+        usleep(200000);
+        for (Bytes piece = source.read(7777); !piece.empty(); piece = source.read(7777))
+            all.insert(all.end(), piece.begin(), piece.end());
+        EXPECT_EQ(source.end(), 0);
+        const Stream stream = cut(all);
+        EXPECT_EQ(stream.bigEndian, socket == Socket::Tcp);
+        EXPECT_EQ(samplesOf<float>(stream), count(2'000'000));
+    }
 }
 
-TEST(SourceConnection, StopEndsItEvenWhenItComesInPieces)
+TEST(SourceConnection, EndsWithAWholeRecordWhenItIsAskedTo)
 {
-    Source source(counting("", kEndless, "1"));
-    EXPECT_FALSE(source.read(100).empty());
-    source.say("xSt");
-    usleep(20000);
-    source.say("op");
-    source.read();
-    EXPECT_EQ(source.wait(), 0) << source.err();
-
-    Source blocked(counting("", kEndless)); // nobody reads: "Stop" comes against a full socket
-    usleep(100000);
-    blocked.say("Stop");
-    EXPECT_EQ(blocked.wait(), 0);
-}
-
-TEST(SourceConnection, TerminationLeavesWholeRecords)
-{
-    for (const int number : {SIGTERM, SIGINT}) {
+    for (const int number : {0, SIGTERM, SIGINT}) { // 0: by "Stop", in pieces
         Source source(counting("", kEndless, "1"));
         Bytes all = source.read(100);
-        source.signal(number);
+        if (number == 0) {
+            source.say("xSt");
+            usleep(20000);
+            source.say("op");
+        } else {
+            source.signal(number);
+        }
         const Bytes more = source.read();
         all.insert(all.end(), more.begin(), more.end());
-        EXPECT_EQ(source.end(), 0);
+        EXPECT_EQ(source.end(), 0) << source.err();
         const Stream stream = cut(all);
         EXPECT_TRUE(stream.rest.empty());
         EXPECT_EQ(samplesOf<float>(stream), count(stream.records.size() * 10));
     }
+    Source blocked(counting("", kEndless)); // nobody reads: "Stop" comes against a full socket
+    usleep(100000);
+    blocked.say("Stop");
+    EXPECT_EQ(blocked.wait(), 0);
 }
 
 TEST(SourceConnection, AReaderThatLeavesEarlyIsAFailure)
@@ -153,14 +140,12 @@ TEST(SourceFaults, AreWhatTheyAreToldToBe)
 
 TEST(SourceUsage, MistakesAreToldInOneLineBeforeAnybodyListens)
 {
-    const Strings table = split(readText(VU_SOURCE_DIR "/tests/vu/source_mistakes.txt"), '\n');
-    EXPECT_GT(table.size(), 20u);
-    for (const std::string &row : table) {
-        const Strings told = split(row, '|');
-        const std::string address = row.find("--listen") < row.size() ? "" : "--listen unix:/proc/none";
-        const CommandResult result = runVu(words("source " + told[0] + address));
-        EXPECT_EQ(result.status, 2) << row;
-        EXPECT_THAT(result.err, HasSubstr(told.at(1).substr(1)));
+    for (const Strings &parts : cases("source_mistakes.txt")) {
+        const std::string address =
+            parts[0].find("--listen") < parts[0].size() ? "" : " --listen unix:/proc/none";
+        const CommandResult result = runVu(words("source " + parts[0] + address));
+        EXPECT_EQ(result.status, 2) << parts[0];
+        EXPECT_THAT(result.err, HasSubstr(parts[1]));
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }
 }

@@ -3,8 +3,9 @@
 #include <deque>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
-#include "tests/support/split.h"
+#include "tests/vu/cases.h"
 #include "tests/vu/source_process.h"
 #include "vu/source/nmea_live.h"
 #include "vu/source/nmea_log.h"
@@ -16,7 +17,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 constexpr int64_t kSecond = 40'000'000;
-constexpr int64_t kQuarter = kSecond / 4;
 
 // Every record without its line end.
 std::vector<Timed> eventsOf(const Stream &stream)
@@ -31,52 +31,16 @@ std::vector<Timed> eventsOf(const Stream &stream)
     return events;
 }
 
-// The sentences, after a look at what came between them: heartbeats a third of a second apart that never
-// overtake a value, and, where `pulses`, one at each whole second ahead of what came after it.
-std::vector<Timed> sentencesOf(const std::vector<Timed> &events, bool pulses)
-{
-    std::vector<Timed> sentences;
-    int64_t pulse = 0, told = -kQuarter, latest = 0;
-    for (size_t i = 0; i < events.size(); ++i) {
-        const auto &[ticks, text] = events[i];
-        if (text == "#pps") {
-            EXPECT_TRUE(pulses);
-            EXPECT_EQ(ticks, pulse);
-            pulse += kSecond;
-        } else if (text == "#hb") {
-            EXPECT_GT(ticks, told);
-            EXPECT_LE(ticks - told,
-                      i + 1 < events.size() ? kSecond / 3 + 1 : kSecond * 2); // the last: the end
-            told = ticks;
-        } else {
-            EXPECT_GE(ticks, told + kQuarter);
-            latest = std::max(latest, ticks);
-            EXPECT_TRUE(!pulses || pulse > latest - kSecond);
-            sentences.push_back(events[i]);
-        }
-    }
-    EXPECT_TRUE(!events.empty() && events.back().second == "#hb");
-    return sentences;
-}
-
 TEST(NmeaLine, IsASentenceWithAFittingChecksumOrNone)
 {
-    using Kind = NmeaLine::Kind;
-    const std::string sound = "$GPZDA,000000.70,01,08,2014,,*6F";
-    const std::tuple<Kind, int64_t, Strings> table[] = {
-        {Kind::Sentence, -1, {sound, "  $GPZDA,000000.70,01,08,2014,,*6f \r", "$GPGSA,A,3"}},
-        {Kind::Sentence, 1406851200 * kSecond + 32'560'000, {"2014-08-01T00:00:00.814000Z " + sound}},
-        {Kind::Sentence, kSecond * 25 / 2, {"12.5 " + sound}},
-        {Kind::Bad, -1, {"2014-13-01T00:00:00Z " + sound, "$GPZDA,000000.71,01,08,2014,,*6F", sound + "F"}},
-        {Kind::Bad, -1, {"$GPGSA*", "$", "$GP\x01GSA", "GPGSA,A,3"}},
-        {Kind::Blank, -1, {"", "   \r", "# Name: a receiver"}}};
-    for (const auto &[kind, arrival, lines] : table)
-        for (const std::string &line : lines) {
-            const NmeaLine got = parseNmeaLine(line);
-            EXPECT_EQ(got.kind, kind) << line;
-            EXPECT_EQ(got.arrival.value_or(-1), arrival) << line;
-            EXPECT_EQ(got.sentence.starts_with('$'), kind == Kind::Sentence) << line;
-        }
+    const char *const kinds[] = {"sentence", "blank", "bad"};
+    for (const Strings &parts : cases("nmea_lines.txt")) {
+        const std::string line = nlohmann::json::parse(parts[0]);
+        const NmeaLine got = parseNmeaLine(line);
+        const std::string arrival = got.arrival ? fmt::format(" {}", *got.arrival) : "";
+        EXPECT_EQ(kinds[static_cast<size_t>(got.kind)] + arrival, parts[1]) << line;
+        EXPECT_EQ(got.sentence.starts_with('$'), got.kind == NmeaLine::Kind::Sentence) << line;
+    }
 }
 
 TEST(FixTimes, FollowTheTimesOfDay)
@@ -92,39 +56,23 @@ TEST(FixTimes, FollowTheTimesOfDay)
                                      3607.5, 3608, 3608, 3609, 3610));
 }
 
-class ReceiverLog : public ::testing::Test {
-protected:
-    std::vector<Timed> play(const std::string &text, const std::string &more = "--pps")
-    {
-        const TempDir folder;
-        const std::string log = folder.path("a.nmea");
-        writeText(log, text);
-        return eventsOf(replay("nmea --speed 0 " + log + ' ' + more, 0, &said));
+TEST(ReceiverSource, BringsWhatTheFileSays)
+{
+    const TempDir folder;
+    const std::string log = folder.path("a.nmea");
+    for (const Strings &parts : cases("receiver_events.txt")) {
+        writeText(log, parts[1]);
+        std::string line = parts[0] + " --speed 0", said, got;
+        if (const size_t at = line.find('@'); at < line.size())
+            line.replace(at, 1, log);
+        for (const auto &[ticks, text] : eventsOf(replay(line, 0, &said)))
+            got +=
+                fmt::format("{}{} {}", got.empty() ? "" : "\n", static_cast<double>(ticks) / kSecond, text);
+        EXPECT_EQ(got, parts[2]) << parts[0];
+        EXPECT_EQ(said.find("a.nmea:4: '$GPRMC,120000.500,A*00'") < said.size(),
+                  parts[1].find('*') < parts[1].size())
+            << said;
     }
-    std::string said;
-};
-
-TEST_F(ReceiverLog, OfBareSentencesIsPacedByThem)
-{
-    const std::string log = "# a comment\n$GPRMC,120000.000,A\n$GPGGA,120000.000,1\n"
-                            "$GPRMC,120000.500,A*00\n$GPRMC,120001.500,A\n";
-    const auto events = play(log, "--pps --latency 0.2 --tail 0.4");
-    EXPECT_THAT(sentencesOf(events, true), ElementsAre(Timed(kSecond / 5, "$GPRMC,120000.000,A"),
-                                                       Timed(kSecond / 5, "$GPGGA,120000.000,1"),
-                                                       Timed(kSecond * 17 / 10, "$GPRMC,120001.500,A")));
-    EXPECT_EQ(events.back(), (Timed(kSecond * 21 / 10, "#hb")));
-    EXPECT_EQ(events.front(), (Timed(0, "#pps")));
-    EXPECT_THAT(said, HasSubstr("a.nmea:4: '$GPRMC,120000.500,A*00'"));
-    sentencesOf(play(log, ""), false);
-}
-
-TEST_F(ReceiverLog, OfTimedSentencesIsPacedByTheirArrival)
-{
-    EXPECT_THAT(sentencesOf(play("2014-08-01T00:00:59.75Z $GPGSA,A\n2014-08-01T00:01:01.5Z $GPGSA,B\n"
-                                 "2014-08-01T00:01:01.45Z $GPGSA,C\n$GPGSA,D\n"),
-                            true),
-                ElementsAre(Timed(kSecond * 3 / 4, "$GPGSA,A"), Timed(kSecond * 5 / 2, "$GPGSA,B"),
-                            Timed(kSecond * 49 / 20, "$GPGSA,C"), Timed(kSecond * 5 / 2, "$GPGSA,D")));
 }
 
 // The wires of a receiver, played by a script.
@@ -182,33 +130,6 @@ TEST(LiveReceiver, StampsSentencesByTheirBeginningAndPulsesByTheirOwn)
     EXPECT_THAT(got, ElementsAre("0.05 #hb", "0.50 #pps", "0.35 #hb", "0.60 $GPGSA,A", "0.70 $GPGSV,1",
                                  "0.75 #hb", "1.05 #hb", "1.50 #pps", "1.35 #hb", "1.60 $GPGSA,B"));
     EXPECT_THAT(receiver.notes(), ElementsAre(HasSubstr("left out: 1"), HasSubstr("/dev/receiver: 'noise'")));
-}
-
-TEST(SimulatedReceiver, PassesMidnightAndLosesThePulsesItIsToldTo)
-{
-    const Stream stream = replay(
-        "sim --data-type message_raw --connector gps --receiver tracker --rate 10 --utc 2024-02-28T23:59:58 "
-        "--latency 0.05 --jitter 0.04 --lost-pulses 1:3 --signal ramp --frequency 0.25 --duration 4 --speed "
-        "0");
-    std::vector<int64_t> pulses;
-    int fixes = 0;
-    for (const auto &[ticks, text] : eventsOf(stream)) {
-        if (text == "#pps")
-            pulses.push_back(ticks / kSecond);
-        EXPECT_EQ(parseNmeaLine(text).kind == NmeaLine::Kind::Sentence, text[0] == '$') << text;
-        if (!text.starts_with("$GPRMC"))
-            continue;
-        const int second = (58 + fixes / 10) % 60;
-        EXPECT_THAT(text, HasSubstr(fmt::format("{}{:02}.{}00,A,48", fixes < 20 ? "2359" : "0000", second,
-                                                fixes % 10)));
-        EXPECT_THAT(text, HasSubstr(fixes < 20 ? ",280224," : ",290224,"));
-        EXPECT_THAT(text, HasSubstr(fmt::format(",E,{:.3f},", 0.25 * fixes / 10)));
-        const double latency = static_cast<double>(ticks) / kSecond - fixes / 10.0;
-        EXPECT_TRUE(latency >= 0.0099 && latency <= 0.0901) << latency;
-        ++fixes;
-    }
-    EXPECT_THAT(pulses, ElementsAre(0, 3));
-    EXPECT_EQ(fixes, 40);
 }
 
 } // namespace

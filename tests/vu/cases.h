@@ -1,0 +1,28 @@
+// Cases that stand in text files beside the tests: a line each, its parts between " > ", "~" being the end of
+// a line within one. Lines that begin with "//" are comments.
+#pragma once
+
+#include <algorithm>
+
+#include "tests/support/split.h"
+#include "tests/support/temp_dir.h"
+
+namespace vu::test {
+
+inline std::vector<Strings> cases(const std::string &file)
+{
+    std::vector<Strings> all;
+    for (std::string line : split(readText(VU_SOURCE_DIR "/tests/vu/" + file), '\n')) {
+        if (line.starts_with("//"))
+            continue;
+        std::replace(line.begin(), line.end(), '~', '\n');
+        Strings &parts = all.emplace_back();
+        for (size_t at = 0, end; at <= line.size(); at = end + 3) {
+            end = std::min(line.find(" > ", at), line.size());
+            parts.push_back(line.substr(at, end - at));
+        }
+    }
+    return all;
+}
+
+} // namespace vu::test
