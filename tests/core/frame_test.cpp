@@ -24,6 +24,8 @@ TEST(Frame, PayloadIsInsideOrExternalAndAuxMayBeItsOwn)
     Frame *untouched = frameCreateMessage(external, 4);
     EXPECT_EQ(untouched->is_message, 1);
     EXPECT_EQ(untouched->element_size, 1U);
+    uint32_t elsewhere[2] = {};
+    outside->aux = elsewhere; // only a message frees what is not its own
     own->aux = static_cast<uint32_t *>(calloc(2, sizeof(uint32_t)));
     for (Frame *frame : {inside, outside, own, untouched, static_cast<Frame *>(nullptr)})
         frameDelete(frame); // the sanitizer tells a leak or a wrong free

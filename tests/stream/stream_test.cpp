@@ -1,5 +1,6 @@
 #include <bit>
 #include <cmath>
+#include <cstring>
 #include <random>
 
 #include "libvu/core/callbacks.h"
@@ -37,7 +38,7 @@ TEST(StreamRecords, AreTheSameWhereverTheyAreCut)
     const Bytes bind = metainfo(20, kBindTorque);
     const auto value = [](float number) { return sample(false, {kStartSecond, 0}, number); };
     Bytes stream = Bytes(bind).add(streamRecord(1, 20, value(7.0f))).add(streamRecord(0, 21, value(8.0f)));
-    stream.add(streamRecord(3, 3000, value(9.0f))).add(streamRecord(kMetainfo, 0, Bytes().zeros(3)));
+    stream.add(streamRecord(3, STREAM_SLOTS, value(9.0f))).add(streamRecord(kMetainfo, 0, Bytes().zeros(3)));
     stream.add(metainfo(16, R"({"method":"fill","params":[99]})" + std::string(300, ' ')));
     for (size_t cut = 0; cut <= stream.size() && !HasFailure(); cut++) {
         StreamChannel channel;
@@ -97,7 +98,7 @@ TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
         for (int64_t batch = 0; batch < effort(20'000, 2'000) && !HasFailure(); batch++) {
             signal->rezero_pending = random() % 8 == 0;
             libvuRezeroCallback = random() % 2 ? onZero : nullptr;
-            Bytes payload;
+            Bytes payload, times;
             for (uint32_t i = 0, count = 1 + random() % 4; i < count; i++) {
                 time += static_cast<double>(random() % 30'000) * 1e-6;
                 const uint32_t words[2] = {static_cast<uint32_t>(kStartSecond + int64_t(std::floor(time))),
@@ -106,6 +107,7 @@ TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
                 const auto odd = isZero || random() % 2 ? std::bit_cast<float>(kNoValue) : NAN;
                 const auto value = random() % 8 ? static_cast<float>(random()) * 1e-6f : odd;
                 payload.add(sample(form.little, words, value));
+                times.le(words[0]).le(words[1]);
 
                 const bool isValue = std::bit_cast<uint32_t>(value) != kNoValue;
                 if (isZero)
@@ -119,6 +121,9 @@ TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
                     sequentialize(slow, ticks);
             }
             channel.send(streamRecord(random() % 2, 16, payload.zeros(random() % 12)));
+            for (size_t i = 0; i < times.size() / 8;
+                 i++) // seconds first, in host order, behind a word of head
+                EXPECT_EQ(std::memcmp(channel->inbuf.buf + 4 + 12 * i, &times[8 * i], 8), 0);
             EXPECT_EQ(std::tuple(signal->rezero_offset, stream->invalid_value, stream->last_target),
                       std::tuple(zero, slow->invalid_value, slow->last_target));
             EXPECT_THAT(drain(pipes[0], next),

@@ -68,18 +68,23 @@ TEST_F(Sequentialized, LandsOnTheNearestSampleAndExpires)
     EXPECT_THAT(later.taken(), ElementsAre(-1, -1, -1, 1, 1, 1, 1, 1, -1, -1));
 }
 
-TEST_F(Sequentialized, LifeOfWholePeriodsGivesAsManySamples)
+// However many samples a call writes: one, some or all.
+TEST_F(Sequentialized, LifeGivesAsManySamplesAsItHasPeriodsBegun)
 {
     for (const double rate : {1000.0, 12.5, 20000.0})
-        for (const auto &[periods, samples] :
-             {std::pair{-3.0, 0}, {0.0, 0}, {0.3, 1}, {1.0, 1}, {1.5, 2}, {2.0, 2}, {7.0, 7}, {40.0, 40}}) {
-            Stream stream({.sampleRate = rate, .pipeRate = rate, .stale = periods / rate});
-            stream.value(3.2 * 4e7 / rate, 5.0);
-            stream.until(60 * 4e7 / rate);
-            const auto taken = stream.taken();
-            EXPECT_EQ(std::count(taken.begin(), taken.end(), 5.0), samples) << rate << " x " << periods;
-            EXPECT_EQ(taken.size(), 60u);
-        }
+        for (const int stride : {1, 3, 56})
+            for (const double periods : {-3.0, 0.0, 0.3, 1.0, 1.5, 2.0, 7.0, 40.0})
+                for (const int more : {-1, 0, 1, 2}) {
+                    const double period = 4e7 / rate, life = std::floor(periods * period) + more;
+                    Stream stream({.sampleRate = rate, .pipeRate = rate, .stale = (life + 0.5) / 4e7});
+                    stream.value(3.2 * period, 5.0);
+                    for (int at = 4; at <= 60; at += stride)
+                        stream.until(at * period);
+                    const auto taken = stream.taken();
+                    EXPECT_EQ(std::count(taken.begin(), taken.end(), 5.0),
+                              std::max(0.0, std::ceil(life / period)))
+                        << rate << " " << stride << " " << life;
+                }
 }
 
 // Random messages against the meaning of the stream, sample by sample from closed forms.
