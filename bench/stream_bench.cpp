@@ -124,6 +124,6 @@ void Stream(benchmark::State &state)
     state.SetLabel(std::string(module.connector) + (module.scaled ? " scaled" : ""));
     state.SetItemsProcessed(state.iterations() * kSignals * samples);
 }
-BENCHMARK(Stream)->UseManualTime()->ArgsProduct({{0, 1, 2, 3}, {1, 10, 100}});
+BENCHMARK(Stream)->UseManualTime()->ArgsProduct({{0, 1, 2, 3}, {1, 2, 3, 4, 10, 100}});
 
 } // namespace

@@ -17,6 +17,10 @@ std::vector<double> vibration(const std::filesystem::path &file)
 
 // As many channels of the same source, all at once.
 struct Replay {
+    friend void PrintTo(const Replay &replay, std::ostream *out)
+    {
+        *out << replay.width << " " << replay.endian << (replay.tcp ? " tcp " : " unix ") << replay.channels;
+    }
     const char *width;
     const char *endian;
     bool tcp;
