@@ -66,6 +66,44 @@ TEST(Sequential, AHostsByteSwapGetsEveryFullFrameInWireOrder)
     EXPECT_EQ(std::bit_cast<float>(vu::loadBig<uint32_t>(channel->frame->data)), 7);
 }
 
+// Of four consumers the second gets no clone; the report of it detaches one of them, or none.
+TEST(Sequential, AMissedCloneIsToldAndItsReportMayDetachPipes)
+{
+    for (const size_t gone : {0u, 1u, 2u, 3u, 4u}) {
+        SCOPED_TRACE(gone);
+        ErrorTrap errors;
+        AllocationFaults faults;
+        TestChannel channel(stanza("sequential_float32", R"("sample_rate":20)"));
+        static std::vector<Pipe *> pipes;
+        static ProxyNode *node;
+        static size_t leaves;
+        pipes = {channel.listen(), channel.listen(), channel.listen(), channel.listen()};
+        node = channel.node;
+        leaves = gone;
+        channel.sendMarker();
+        channel.send(sampleRecord<float>({1}));
+        const auto expectQueued = [&](int64_t served, int64_t missed) {
+            for (size_t i = 0; i < pipes.size(); i++) {
+                if (i != gone) {
+                    EXPECT_EQ(pipes[i]->queued, i == 1 ? missed : served) << i;
+                }
+            }
+        };
+        const auto noting = libvuErrorCallback;
+        libvuErrorCallback = [](const char *text) {
+            if (leaves < pipes.size() && std::string_view(text) == "Frame not given")
+                pipeDetachPipe(&node->pipes, pipes[leaves]);
+            return 1;
+        };
+        faults.failAt(0);
+        channel.send(sampleRecord<float>({2}));
+        libvuErrorCallback = noting;
+        expectQueued(2, 0);
+        channel.send(sampleRecord<float>({3, 4}));
+        expectQueued(4, 2);
+    }
+}
+
 TEST(Sequential, UnheardOrWithoutAFrameOneRecordIsTakenAnEvent)
 {
     ErrorTrap errors;
