@@ -43,7 +43,7 @@ TEST(Description, EveryLineOfTheFile)
     for (const Strings &parts : cases("descriptions.txt")) {
         Strings said;
         try {
-            said = parseDescription(changed(parts[0]), "t.json").warnings;
+            said = parseDescription(changed(parts[0]), "t.json", Sources::kHere).warnings;
         } catch (const InputError &error) {
             said = split(error.what(), '\n');
         }

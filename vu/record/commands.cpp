@@ -6,6 +6,7 @@
 #include "vu/command.h"
 #include "vu/record/forecast.h"
 #include "vu/record/live_channel.h"
+#include "vu/record/mistakes.h"
 #include "vu/record/progress.h"
 #include "vu/record/run.h"
 #include "vu/record/say.h"
@@ -35,11 +36,11 @@ void tryStanzas(const Description &test)
     makeChannels(test, std::move(sockets));
 }
 
-Description load(const Options &options)
+Description load(const Options &options, Sources sources)
 {
-    Description test = readDescription(options.description);
+    Description test = readDescription(options.description, sources);
     for (const std::string &warning : test.warnings)
-        say("{} (warning)\n", warning);
+        say("{}\n", warningLine(warning));
     if (!options.output.empty())
         test.file = options.output;
     if (options.seconds > 0.0)
@@ -50,7 +51,7 @@ Description load(const Options &options)
 
 int check(const Options &options)
 {
-    const Description test = load(options);
+    const Description test = load(options, Sources::kHere);
     const Forecast expected = forecast(test);
     if (options.record.json) {
         Json out = {{"test", test.name},
@@ -84,18 +85,19 @@ CLI::App *addDescription(CLI::App &app, const char *name, const char *about,
     return command;
 }
 
-void addRecording(CLI::App &app, Action &chosen, const char *name, const char *about, bool startSources)
+void addRecording(CLI::App &app, Action &chosen, const char *name, const char *about, Sources sources)
 {
     auto options = std::make_shared<Options>();
-    options->record.start_sources = startSources;
+    options->record.start_sources = sources == Sources::kHere;
     CLI::App *command = addDescription(app, name, about, options);
     command->add_option("-o,--output", options->output,
                         "The data file, in place of the one in the description");
     command->add_option("--for", options->seconds, "Ends after this many seconds")
         ->check(CLI::PositiveNumber);
     command->add_flag("--force", options->record.force, "Replaces an existing data file");
-    command->callback(
-        [options, &chosen] { chosen = [options] { return recordTest(load(*options), options->record); }; });
+    command->callback([options, &chosen, sources] {
+        chosen = [options, sources] { return recordTest(load(*options, sources), options->record); };
+    });
 }
 
 } // namespace
@@ -117,7 +119,7 @@ void addRun(CLI::App &app, Action &chosen)
                  "Starts the sources of a test, records it, and stops them\n"
                  "A line `zero CHANNEL` on standard input zeroes a channel.\n"
                  "Example: vu run examples/drive/drive.json -o drive.krd",
-                 true);
+                 Sources::kHere);
 }
 
 void addRecord(CLI::App &app, Action &chosen)
@@ -126,7 +128,7 @@ void addRecord(CLI::App &app, Action &chosen)
                  "Records a test from sources that somebody else runs\n"
                  "A line `zero CHANNEL` on standard input zeroes a channel.\n"
                  "Example: vu record test.json --for 60",
-                 false);
+                 Sources::kElsewhere);
 }
 
 } // namespace vu

@@ -12,6 +12,7 @@
 #include "vu/command.h"
 #include "vu/record/mistakes.h"
 #include "vu/record/signal_lists.h"
+#include "vu/record/source_trial.h"
 #include "vu/record/stanza_rules.h"
 #include "vu/record/store_rules.h"
 #include "vu/source/address.h"
@@ -25,6 +26,7 @@ struct Reading {
     Mistakes &mistakes;
     Description &test;
     std::filesystem::path folder;
+    Sources sources;
 };
 
 std::string resolved(const Reading &reading, const std::string &path)
@@ -76,7 +78,7 @@ std::string optionText(const Json &value)
 Source readSource(Fields &keys, const Reading &reading, const Channel &channel, const Json &stanza)
 {
     Source source;
-    source.kind = keys.text("kind");
+    source.kind = keys.word("kind", {"sim", "wav", "csv", "candump", "can", "nmea"}, "");
     const auto add = [&](std::string key, const Json &value) {
         std::replace(key.begin(), key.end(), '_', '-');
         if (value.is_boolean() && !value.get<bool>())
@@ -107,6 +109,25 @@ Source readSource(Fields &keys, const Reading &reading, const Channel &channel, 
                               : Json(reading.test.start_time));
     source.arguments.push_back("--listen=" + channel.address);
     return source;
+}
+
+// Devices may be plugged in later, and what is read from a pipe is gone: only files are opened ahead of time.
+bool isOpenable(Fields &keys, const Source &source)
+{
+    if (keys.has("device") || keys.has("interface"))
+        return false;
+    std::error_code ignored;
+    const auto type = keys.has("file") ? std::filesystem::status(source.arguments.front(), ignored).type()
+                                       : std::filesystem::file_type::not_found;
+    return type == std::filesystem::file_type::regular || type == std::filesystem::file_type::not_found;
+}
+
+void checkSource(Fields &keys, const Source &source, bool isRestSound)
+{
+    if (source.kind.empty())
+        return;
+    for (const std::string &refusal : refusalsOf(source, isRestSound && isOpenable(keys, source)))
+        keys.mistakes().add(keys.path(), refusal);
 }
 
 Store readChannelStore(Fields &keys, const Reading &reading, const Channel &channel)
@@ -142,6 +163,7 @@ Channel readChannel(const Json &value, const std::string &path, const Reading &r
     Channel channel;
     channel.path = path;
     channel.where = reading.mistakes.line(path, "");
+    const size_t mistakesBefore = reading.mistakes.count();
     channel.address = readAddress(keys, reading);
     channel.pipe_rate = keys.number("pipe_rate", kPipeRate, 10.0);
     channel.unit = keys.text("unit", "");
@@ -151,6 +173,8 @@ Channel readChannel(const Json &value, const std::string &path, const Reading &r
         Fields options(reading.mistakes, *source, keys.pathOf("source"));
         channel.source =
             readSource(options, reading, channel, value.contains("stanza") ? value["stanza"] : Json());
+        if (reading.sources == Sources::kHere)
+            checkSource(options, *channel.source, reading.mistakes.count() == mistakesBefore);
     }
     readSignals(keys, reading.folder, channel, reading.test.warnings);
     keys.close();
@@ -274,27 +298,27 @@ void checkWatched(Description &test, Mistakes &mistakes)
 
 } // namespace
 
-Description parseDescription(std::string_view text, const std::filesystem::path &file)
+Description parseDescription(std::string_view text, const std::filesystem::path &file, Sources sources)
 {
     const LocatedJson json(file.string(), text);
     Mistakes mistakes(json);
     Description test;
-    Reading reading{mistakes, test, file.parent_path()};
+    Reading reading{mistakes, test, file.parent_path(), sources};
     Fields keys(mistakes, json.root(), "");
     readTop(keys, reading);
     checkUnique(test, mistakes);
     checkWatched(test, mistakes);
-    mistakes.throwIfAny();
+    mistakes.throwIfAny(test.warnings);
     return test;
 }
 
-Description readDescription(const std::filesystem::path &file)
+Description readDescription(const std::filesystem::path &file, Sources sources)
 {
     std::ifstream in(file, std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(in), {}};
     if (!in.is_open() || in.bad())
         throw InputError(fmt::format("{}: can not be read", file.string()));
-    return parseDescription(text, file);
+    return parseDescription(text, file, sources);
 }
 
 } // namespace vu

@@ -91,10 +91,15 @@ struct Description {
     std::vector<std::string> warnings; // one line each
 };
 
+// Who starts the sources. Those that this command is to start are tried while it reads: what they would
+// refuse is a mistake of the description.
+enum class Sources { kElsewhere, kHere };
+
 // Reads a description. Paths in it are relative to its folder. Throws InputError with one line for every
 // mistake in it: "FILE:LINE: channels[2].stanza.sample_rate: expected a number above 0".
-Description readDescription(const std::filesystem::path &file);
+Description readDescription(const std::filesystem::path &file, Sources sources);
 // The same of a text; `file` gives its name and folder.
-Description parseDescription(std::string_view text, const std::filesystem::path &file);
+Description parseDescription(std::string_view text, const std::filesystem::path &file,
+                             Sources sources = Sources::kElsewhere);
 
 } // namespace vu

@@ -11,10 +11,19 @@
 
 namespace vu {
 
-void Mistakes::throwIfAny() const
+std::string warningLine(const std::string &warning)
 {
-    if (!lines_.empty())
-        throw InputError(fmt::format("{}", fmt::join(lines_, "\n")));
+    return warning + " (warning)";
+}
+
+void Mistakes::throwIfAny(const std::vector<std::string> &warnings) const
+{
+    if (lines_.empty())
+        return;
+    std::string text = fmt::format("{}", fmt::join(lines_, "\n"));
+    for (const std::string &warning : warnings)
+        text += "\n" + warningLine(warning);
+    throw InputError(text);
 }
 
 Fields::Fields(Mistakes &mistakes, const Json &value, std::string path)

@@ -11,6 +11,9 @@
 
 namespace vu {
 
+// How a warning of a description is told.
+std::string warningLine(const std::string &warning);
+
 class Mistakes {
 public:
     explicit Mistakes(const LocatedJson &text) : text_(text) {}
@@ -22,8 +25,8 @@ public:
         return text_.mistake(path, what);
     }
     size_t count() const { return lines_.size(); }
-    // InputError with all lines, if there are any.
-    void throwIfAny() const;
+    // InputError with all lines, if there are any, and behind them those of the warnings.
+    void throwIfAny(const std::vector<std::string> &warnings) const;
 
 private:
     const LocatedJson &text_;

@@ -42,6 +42,7 @@ std::shared_ptr<CommonOptions> addCommonOptions(CLI::App &kind)
     group(kind.add_option("--seed", serve.seed, "of everything random [1]"));
     group(kind.add_option("--faults", common->faults,
                           fmt::format("misbehave: {}. N counts records", FaultSpec::help())));
+    group(kind.add_flag("--try", serve.tryOnly, "tells what would be refused, and serves nobody"));
     return common;
 }
 

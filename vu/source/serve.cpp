@@ -145,8 +145,11 @@ int Service::finish()
 template <class P, class Run>
 int serveWith(const ServeOptions &options, P &producer, Run run)
 {
+    const Address wanted = parseAddress(options.listen);
+    if (options.tryOnly)
+        return kDone;
     const StopSignals signals;
-    Listener listener(parseAddress(options.listen));
+    Listener listener(wanted);
     if (const Address &address = listener.address(); address.text() != options.listen) {
         fmt::print("{}\n", address.text());
         std::fflush(stdout);

@@ -22,6 +22,7 @@ struct ServeOptions {
     uint64_t seed = 1;
     FaultSpec faults;
     double duration = 0.0; // seconds of source time; 0: until the data ends
+    bool tryOnly = false;  // ends where it would listen
 };
 
 // Both return an ExitStatus: kDone when everything was taken or the reader said "Stop", kFailed when the
