@@ -5,10 +5,10 @@
 #include <ev.h>
 #include <malloc.h>
 #include <memory>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
+#include "bench/sockets.h"
 #include "bench/turns.h"
 #include "libvu/core/wire_private.h"
 #include "libvu/proxy/proxy_node.h"
@@ -16,27 +16,12 @@
 namespace {
 
 constexpr size_t kBuffer = 65536; // of either side
-
-struct Sockets {
-    int ends[2];
-    Sockets()
-    {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends))
-            std::abort();
-    }
-    ~Sockets() { close(ends[0]), close(ends[1]); }
-    Sockets(const Sockets &) = delete;
-    void send(const std::vector<uint8_t> &bytes) const
-    {
-        if (write(ends[1], bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
-            std::abort();
-    }
-};
+constexpr uint8_t kMarker[] = {0xFE, 0xED};
 
 // A float32 channel in frames of 1000. For the limit its watcher is lent to a callback that makes the one
 // read of an event, into the same buffer, and nothing else.
 struct Channel {
-    Sockets sockets;
+    vu::bench::Sockets sockets;
     ProxyNode *node;
     Pipe *pipe;
     static inline int64_t received = 0; // bytes, by all channels on loan
@@ -44,10 +29,10 @@ struct Channel {
     Channel()
         : node(proxyNode_Create(
               R"({"name":"n","data_type":"sequential_float32","connector":"c","sample_rate":16384})",
-              sockets.ends[0], 16.384)),
+              sockets.channelEnd(), 16.384)),
           pipe(pipeAttachPipe(&node->pipes))
     {
-        sockets.send({0xFE, 0xED});
+        sockets.send(kMarker);
         ev_run(ev_default_loop(0), EVRUN_NOWAIT);
         if (node->state != PROXY_NODE_RECORDS_FLOW || node->inbuf.capacity != kBuffer)
             std::abort();

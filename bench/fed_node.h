@@ -14,8 +14,9 @@ namespace vu::bench {
 
 class FedNode {
 public:
-    explicit FedNode(const std::string &stanza, double pipeRate = 10.0)
-        : node(proxyNode_Create(stanza.c_str(), open("/dev/null", O_RDONLY), pipeRate))
+    // `fd` is closed with the node.
+    explicit FedNode(const std::string &stanza, double pipeRate = 10.0, int fd = open("/dev/null", O_RDONLY))
+        : node(proxyNode_Create(stanza.c_str(), fd, pipeRate))
     {
         node->state = PROXY_NODE_RECORDS_FLOW;
         node->reader = node->main_reader;

@@ -1,9 +1,11 @@
 // A module's data records through the stream reader into 200 signals, beside a loop that only decodes the
-// same payloads and stores times and values.
+// same payloads and stores times and values; both out of memory, and both out of a socket.
 #include <bit>
 #include <cmath>
+#include <utility>
 
 #include "bench/fed_node.h"
+#include "bench/sockets.h"
 #include "bench/turns.h"
 #include "libvu/bus/can_signal.h"
 #include "libvu/core/wire_private.h"
@@ -60,7 +62,7 @@ struct Decoded {
 };
 
 template <bool little>
-void decodeAndStore(const Bytes &wire, const ProxyNode *node, std::vector<Decoded> &out)
+void decodeAndStore(std::span<const uint8_t> wire, const ProxyNode *node, std::vector<Decoded> &out)
 {
     const auto word = [](const uint8_t *at) {
         return little ? vu::loadHost<uint32_t>(at) : vu::loadBig<uint32_t>(at);
@@ -81,49 +83,125 @@ void decodeAndStore(const Bytes &wire, const ProxyNode *node, std::vector<Decode
     benchmark::ClobberMemory();
 }
 
-void bindSignals(ProxyNode *node, std::vector<Pipe *> &pipes)
-{
-    const std::string bind = R"({"method":"subscribe","params":["s"]})";
-    for (uint32_t i = 0; i < kSignals; i++) {
-        node->cs_list = streamCANSignalInit(
-            R"({"data_type":"float64","name":"s","scale":1,"offset":0,"pipe_rate":1,"sample_rate":100,
-                "invalid_data_output_value":0,"stale_data_expiration_time":10})"); // lives as long as the
-                                                                                   // process
-        node->cs_list->proxy = node;
-        process_metainfo(node, 16 + i, bind.data(), static_cast<uint32_t>(bind.size()));
-        pipes.push_back(pipeAttachPipe(&node->cs_list->pipes));
-    }
-}
+// The loop as the callback of a node's watcher, with one read an event.
+struct DecodingLoop {
+    bool little;
+    std::vector<Decoded> decoded;
+    size_t taken = 0; // bytes
+    static inline DecodingLoop *running = nullptr;
 
-// Arguments: form of the module, samples a record.
-void Stream(benchmark::State &state)
-{
-    const Module &module = kModules[state.range(0)];
-    const auto samples = static_cast<uint32_t>(state.range(1));
-    vu::bench::FedNode channel(R"({"name":"m","data_type":"d","connector":")" +
-                               std::string(module.connector) + '"' + module.settings + '}');
-    channel.node->start_time = (946684800 + int64_t{kStart}) * vu::kTicksPerSecond;
-    std::vector<Pipe *> pipes;
-    bindSignals(channel.node, pipes);
-    std::vector<Decoded> decoded(size_t{kSignals} * samples);
-    vu::bench::Turns turns;
-    uint64_t number = 0;
-    for (auto _ : state) {
-        const Bytes wire = records(module, samples, number);
-        number += samples;
-        turns.limit([&] {
-            (module.little ? decodeAndStore<true> : decodeAndStore<false>)(wire, channel.node, decoded);
-        });
-        channel.bring(wire);
-        turns.work([&] { channel.read(); });
-        state.SetIterationTime(turns.lastWork());
+    void decode(std::span<const uint8_t> wire, const ProxyNode *node)
+    {
+        (little ? decodeAndStore<true> : decodeAndStore<false>)(wire, node, decoded);
+        taken += wire.size();
+    }
+    static void onReadable(struct ev_loop *, ev_io *watcher, int)
+    {
+        const auto *node = static_cast<const ProxyNode *>(watcher->data);
+        const ssize_t got = read(node->fd, node->inbuf.buf, node->inbuf.capacity);
+        running->decode({node->inbuf.buf, static_cast<size_t>(got)}, node);
+    }
+};
+
+constexpr int64_t kStartTicks = (946684800 + int64_t{kStart}) * vu::kTicksPerSecond;
+
+// A module with its signals bound, and what the loop beside it needs. Arguments of a benchmark: form of the
+// module, samples a record.
+struct Side {
+    explicit Side(const benchmark::State &state, int fd)
+        : module(kModules[state.range(0)]), samples(static_cast<uint32_t>(state.range(1))),
+          channel(stanzaOf(module), 10.0, fd), decoding{module.little,
+                                                        std::vector<Decoded>(size_t{kSignals} * samples)}
+    {
+        node->start_time = kStartTicks;
+        const std::string bind = R"({"method":"subscribe","params":["s"]})";
+        for (uint32_t i = 0; i < kSignals; i++) {
+            node->cs_list = streamCANSignalInit(
+                R"({"data_type":"float64","name":"s","scale":1,"offset":0,"pipe_rate":1,"sample_rate":100,
+                    "invalid_data_output_value":0,"stale_data_expiration_time":10})"); // lives as long as the
+                                                                                       // process
+            node->cs_list->proxy = node;
+            process_metainfo(node, 16 + i, bind.data(), static_cast<uint32_t>(bind.size()));
+            pipes.push_back(pipeAttachPipe(&node->cs_list->pipes));
+        }
+    }
+    Bytes nextRecords() { return records(module, samples, std::exchange(number, number + samples)); }
+    void flush()
+    {
         for (Pipe *pipe : pipes)
             pipeFlushFrames(pipe);
     }
-    state.counters["of_limit"] = turns.ratio();
-    state.SetLabel(std::string(module.connector) + (module.scaled ? " scaled" : ""));
-    state.SetItemsProcessed(state.iterations() * kSignals * samples);
+    void tell(benchmark::State &state, const vu::bench::Turns &turns) const
+    {
+        state.counters["of_limit"] = turns.ratio();
+        state.SetLabel(std::string(module.connector) + (module.scaled ? " scaled" : ""));
+        state.SetItemsProcessed(state.iterations() * kSignals * samples);
+    }
+
+    const Module &module;
+    const uint32_t samples;
+    vu::bench::FedNode channel;
+    ProxyNode *const node = channel.node;
+    DecodingLoop decoding;
+    std::vector<Pipe *> pipes;
+    uint64_t number = 0;
+
+private:
+    static std::string stanzaOf(const Module &module)
+    {
+        return R"({"name":"m","data_type":"d","connector":")" + std::string(module.connector) + '"' +
+               module.settings + '}';
+    }
+};
+
+void Stream(benchmark::State &state)
+{
+    Side side(state, open("/dev/null", O_RDONLY));
+    vu::bench::Turns turns;
+    for (auto _ : state) {
+        const Bytes wire = side.nextRecords();
+        turns.limit([&] { side.decoding.decode(wire, side.node); });
+        side.channel.bring(wire);
+        turns.work([&] { side.channel.read(); });
+        state.SetIterationTime(turns.lastWork());
+        side.flush();
+    }
+    side.tell(state, turns);
 }
 BENCHMARK(Stream)->UseManualTime()->ArgsProduct({{0, 1, 2, 3}, {1, 2, 3, 4, 10, 100}});
+
+// The same from the readable event on, as a recorder meets it. What a module sends at a time comes in one
+// read.
+void StreamFromSocket(benchmark::State &state)
+{
+    const vu::bench::Sockets sockets;
+    Side side(state, dup(sockets.channelEnd()));
+    membufExpand(&side.node->inbuf, 1 << 16); // as it has grown after some time
+    DecodingLoop::running = &side.decoding;
+    struct ev_loop *const loop = ev_default_loop(0);
+    const int64_t &reached = side.node->cs_list->sequentializer->last_target; // of the last signal
+    vu::bench::Turns turns;
+    for (auto _ : state) {
+        const Bytes wire = side.nextRecords();
+        ev_set_cb(side.node->watcher, DecodingLoop::onReadable);
+        sockets.send(wire);
+        side.decoding.taken = 0;
+        turns.limit([&] {
+            while (side.decoding.taken < wire.size())
+                ev_run(loop, EVRUN_NOWAIT);
+        });
+        ev_set_cb(side.node->watcher, proxyNode_IoEvent);
+        sockets.send(wire);
+        const int64_t before = reached;
+        turns.work([&] {
+            while (reached == before)
+                ev_run(loop, EVRUN_NOWAIT);
+        });
+        state.SetIterationTime(turns.lastWork());
+        side.flush();
+    }
+    side.tell(state, turns);
+}
+BENCHMARK(StreamFromSocket)->UseManualTime()->ArgsProduct({{0, 1, 2, 3}, {1, 2, 4, 10}});
 
 } // namespace
