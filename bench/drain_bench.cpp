@@ -51,7 +51,12 @@ struct Channel {
         const ProxyNode &node = *static_cast<const ProxyNode *>(watcher->data);
         received += read(node.fd, node.inbuf.buf, node.inbuf.capacity);
     }
-    void lend(bool lent) const { ev_set_cb(node->watcher, lent ? readOnly : proxyNode_IoEvent); }
+    // A consumer that keeps up: its frames are gone, and their memory free, before the next event.
+    static void readAndTake(struct ev_loop *loop, ev_io *watcher, int events)
+    {
+        proxyNode_IoEvent(loop, watcher, events);
+        pipeFlushFrames(static_cast<const ProxyNode *>(watcher->data)->pipes.first);
+    }
 };
 using Channels = std::vector<std::unique_ptr<Channel>>;
 
@@ -71,11 +76,14 @@ void keepHeap()
     mallopt(M_MMAP_THRESHOLD, 256 << 20);
 }
 
-// Arguments: channels, bytes of a record with its length word, records waiting in each socket.
+// Arguments: channels, bytes of a record with its length word, records waiting in each socket; whether the
+// frames are taken after every event, which then counts as work, or wait in their pipes until all are
+// drained.
 void Drain(benchmark::State &state)
 {
     const auto count = static_cast<size_t>(state.range(0));
     const auto waiting = static_cast<size_t>(state.range(2));
+    const auto worker = state.range(3) != 0 ? Channel::readAndTake : proxyNode_IoEvent;
     std::vector<uint8_t> record(static_cast<size_t>(state.range(1)));
     vu::storeBig(record.data(), static_cast<uint32_t>(record.size() - 4));
     keepHeap();
@@ -84,9 +92,9 @@ void Drain(benchmark::State &state)
     const auto bytes = static_cast<int64_t>(count * waiting * record.size());
     const auto samples = static_cast<int64_t>(waiting * (record.size() - 12) / 4); // of a channel
     // One write a record, as an acquisition process sends them.
-    const auto fill = [&](bool forTheLimit) {
+    const auto fill = [&](auto *reader) {
         for (const auto &channel : channels) {
-            channel->lend(forTheLimit);
+            ev_set_cb(channel->node->watcher, reader);
             for (size_t i = 0; i < waiting; i++)
                 channel->sockets.send(record);
         }
@@ -98,13 +106,13 @@ void Drain(benchmark::State &state)
     int64_t expected = 0;
     vu::bench::Turns turns;
     for (auto _ : state) {
-        fill(true);
+        fill(Channel::readOnly);
         Channel::received = 0;
         turns.limit([&] {
             while (Channel::received < bytes)
                 ev_run(loop, EVRUN_NOWAIT);
         });
-        fill(false);
+        fill(worker);
         expected += samples;
         turns.work([&] {
             while (wantMore(expected))
@@ -119,10 +127,10 @@ void Drain(benchmark::State &state)
     state.counters["of_read_only"] = turns.ratio();
 }
 BENCHMARK(Drain)
-    ->ArgNames({"channels", "record", "waiting"})
-    ->ArgsProduct({{1, 16, 256}, {20}, {1, 100}})
-    ->ArgsProduct({{1, 16, 256}, {412}, {1, 50}})
-    ->ArgsProduct({{1, 16, 256}, {4012}, {1, 20}})
+    ->ArgNames({"channels", "record", "waiting", "taken"})
+    ->ArgsProduct({{1, 16, 256}, {20}, {1, 100}, {0, 1}})
+    ->ArgsProduct({{1, 16, 256}, {412}, {1, 50}, {0, 1}})
+    ->ArgsProduct({{1, 16, 256}, {4012}, {1, 20}, {0, 1}})
     ->UseManualTime();
 
 // What a node that waits costs: the heap's growth, a node's sockets left out.
