@@ -1,10 +1,16 @@
 // Loops that are worth more than the baseline instruction set.
 //
-// A kernel is written once, as an always-inlined loop, and instantiated twice: plainly, and inside a function
-// that carries VU_AVX2. Which one runs is asked of the machine once. Both give the same bits.
+// A kernel is written once, as an always-inlined loop, and instantiated for each: plainly, and inside a
+// function that carries VU_AVX2 or VU_AVX512. Which one runs is asked of the machine once. All give the same
+// bits.
 #pragma once
 
 #define VU_AVX2 __attribute__((target("avx2,fma")))
+#ifdef __clang__
+#define VU_AVX512 __attribute__((target("avx512bw,avx512vl"), min_vector_width(512)))
+#else
+#define VU_AVX512 __attribute__((target("avx512bw,avx512vl,prefer-vector-width=512")))
+#endif
 #define VU_INLINE_KERNEL __attribute__((always_inline)) inline
 
 namespace vu {
@@ -12,6 +18,12 @@ namespace vu {
 inline bool hasAvx2()
 {
     static const bool has = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+    return has;
+}
+
+inline bool hasAvx512()
+{
+    static const bool has = __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl");
     return has;
 }
 

@@ -10,7 +10,9 @@ constexpr size_t kValueOffset = 8; // of a message entry: its timestamp stands b
 template <typename Word>
 void swap(uint8_t *to, const uint8_t *from, size_t count)
 {
-    static const auto kernel = vu::hasAvx2() ? vu::swapAvx2<Word> : vu::swapPlain<Word>;
+    static const auto kernel = vu::hasAvx512() ? vu::swapAvx512<Word>
+                               : vu::hasAvx2() ? vu::swapAvx2<Word>
+                                               : vu::swapPlain<Word>;
     kernel(to, from, count);
 }
 

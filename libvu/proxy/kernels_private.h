@@ -2,6 +2,7 @@
 // change between integers and floats, so every access is a copy.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 
@@ -52,6 +53,18 @@ template <typename Word>
 VU_AVX2 void swapAvx2(uint8_t *to, const uint8_t *from, size_t count)
 {
     swapLoop<Word>(to, from, count);
+}
+
+// A whole line a store, from the first line that begins within: a frame out of the cache takes in half as
+// many.
+template <typename Word>
+VU_AVX512 void swapAvx512(uint8_t *to, const uint8_t *from, size_t count)
+{
+    constexpr size_t kLine = 64; // bytes
+    const size_t ahead = std::min(count, -reinterpret_cast<uintptr_t>(to) % kLine / sizeof(Word));
+    for (size_t i = 0; i < ahead; i++)
+        storeHost(to + i * sizeof(Word), loadBig<Word>(from + i * sizeof(Word)));
+    swapLoop<Word>(to + ahead * sizeof(Word), from + ahead * sizeof(Word), count - ahead);
 }
 
 } // namespace vu

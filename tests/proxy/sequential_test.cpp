@@ -226,7 +226,8 @@ void everyPathIsExact()
             kernel(data.data() + 1, samples.size(), scale, offset);
             EXPECT_EQ(data, calibrated) << scale << " " << offset;
         }
-        for (const auto kernel : {vu::swapPlain<Word>, wide ? vu::swapAvx2<Word> : vu::swapPlain<Word>}) {
+        for (const auto kernel : {vu::swapPlain<Word>, wide ? vu::swapAvx2<Word> : vu::swapPlain<Word>,
+                                  vu::hasAvx512() ? vu::swapAvx512<Word> : vu::swapPlain<Word>}) {
             Bytes data = given;
             kernel(data.data() + 1, data.data() + 1, samples.size());
             EXPECT_EQ(data, reversed);
