@@ -27,4 +27,11 @@ inline bool hasAvx512()
     return has;
 }
 
+// Which of a kernel's instances this machine runs.
+template <typename Kernel>
+Kernel *fastest(Kernel *plain, Kernel *avx2, Kernel *avx512)
+{
+    return hasAvx512() ? avx512 : hasAvx2() ? avx2 : plain;
+}
+
 } // namespace vu

@@ -10,9 +10,7 @@ constexpr size_t kValueOffset = 8; // of a message entry: its timestamp stands b
 template <typename Word>
 void swap(uint8_t *to, const uint8_t *from, size_t count)
 {
-    static const auto kernel = vu::hasAvx512() ? vu::swapAvx512<Word>
-                               : vu::hasAvx2() ? vu::swapAvx2<Word>
-                                               : vu::swapPlain<Word>;
+    static const auto kernel = vu::fastest(vu::swapPlain<Word>, vu::swapAvx2<Word>, vu::swapAvx512<Word>);
     kernel(to, from, count);
 }
 
@@ -68,6 +66,5 @@ void vu::completeFrame(ProxyNode &node, Frame &frame, const uint8_t *source, uin
         return;
     }
     appendSamples(frame, source, count);
-    if (node.byte_swap)
-        node.byte_swap(&node, &frame);
+    toHost(&node, &frame);
 }

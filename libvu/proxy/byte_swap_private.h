@@ -1,4 +1,5 @@
-// A frame that gets its last samples turns from wire order to host order.
+// From wire order to host order, as a node's byte_swap has it: a frame of samples at once with its last ones,
+// a message or an entry by itself.
 #pragma once
 
 #include <cstring>
@@ -6,6 +7,13 @@
 #include "libvu/proxy/proxy_node.h"
 
 namespace vu {
+
+// A stream channel's node has no byte_swap, and a host may give it a reader of another kind.
+inline void toHost(ProxyNode *node, void *target)
+{
+    if (node->byte_swap)
+        node->byte_swap(node, target);
+}
 
 // Behind the samples that the frame has, in wire order.
 inline void appendSamples(Frame &frame, const uint8_t *source, uint32_t count)

@@ -9,7 +9,7 @@ template <typename Sample>
 void applyPlain(const ProxyNode &node, Frame &frame)
 {
     static const auto scaleOffset =
-        vu::hasAvx2() ? vu::scaleOffsetAvx2<Sample> : vu::scaleOffsetPlain<Sample>;
+        vu::fastest(vu::scaleOffsetPlain<Sample>, vu::scaleOffsetAvx2<Sample>, vu::scaleOffsetAvx512<Sample>);
     // The zero is taken off in double precision, whatever the samples' width.
     scaleOffset(frame.data, frame.length, static_cast<Sample>(node.scale),
                 static_cast<Sample>(node.offset - node.rezero_offset));

@@ -55,15 +55,29 @@ VU_AVX2 void swapAvx2(uint8_t *to, const uint8_t *from, size_t count)
     swapLoop<Word>(to, from, count);
 }
 
-// A whole line a store, from the first line that begins within: a frame out of the cache takes in half as
-// many.
+// Elements in front of the first cache line that begins within. From there on each store fills a whole line:
+// data that has left the cache takes in half as many.
+template <typename Element>
+inline size_t aheadOfLine(const void *data, size_t count)
+{
+    constexpr size_t kLine = 64; // bytes
+    return std::min(count, -reinterpret_cast<uintptr_t>(data) % kLine / sizeof(Element));
+}
+
+template <typename Sample>
+VU_AVX512 void scaleOffsetAvx512(void *data, size_t count, Sample scale, Sample offset)
+{
+    const size_t ahead = aheadOfLine<Sample>(data, count);
+    scaleOffsetLoop<Sample>(data, ahead, scale, offset);
+    scaleOffsetLoop<Sample>(static_cast<uint8_t *>(data) + ahead * sizeof(Sample), count - ahead, scale,
+                            offset);
+}
+
 template <typename Word>
 VU_AVX512 void swapAvx512(uint8_t *to, const uint8_t *from, size_t count)
 {
-    constexpr size_t kLine = 64; // bytes
-    const size_t ahead = std::min(count, -reinterpret_cast<uintptr_t>(to) % kLine / sizeof(Word));
-    for (size_t i = 0; i < ahead; i++)
-        storeHost(to + i * sizeof(Word), loadBig<Word>(from + i * sizeof(Word)));
+    const size_t ahead = aheadOfLine<Word>(to, count);
+    swapLoop<Word>(to, from, ahead);
     swapLoop<Word>(to + ahead * sizeof(Word), from + ahead * sizeof(Word), count - ahead);
 }
 

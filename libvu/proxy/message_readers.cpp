@@ -12,6 +12,7 @@
 #include "libvu/core/report.h"
 #include "libvu/core/wire_private.h"
 #include "libvu/gps/gps_signal.h"
+#include "libvu/proxy/byte_swap_private.h"
 #include "libvu/proxy/framing_private.h"
 #include "libvu/proxy/ntp_private.h"
 #include "libvu/proxy/proxy_node.h"
@@ -66,7 +67,7 @@ Event takeRaw(ProxyNode *node, Body body)
     Frame *frame = byteMessage(body, vu::loadBig<int64_t>(body.data()));
     if (!frame)
         return Event::leavesEarly;
-    node->byte_swap(node, frame);
+    vu::toHost(node, frame);
     vu::deliver(node->pipes, frame);
     return Event::goesOn;
 }
@@ -81,7 +82,7 @@ Event takeNmea(ProxyNode *node, Body body)
     if (!anybodyListens(node)) {
         node->sample_count += static_cast<int64_t>(body.size());
     } else if (Frame *frame = byteMessage(body, time)) {
-        node->byte_swap(node, frame);
+        vu::toHost(node, frame);
         vu::deliver(node->pipes, frame);
     }
     gpsProcessSignals(node->gps_set, body.data() - kLengthWord, time);
@@ -215,7 +216,7 @@ Event takeValues(ProxyNode *node, Body body)
     Elements<Value> elements(frame);
     for (uint32_t i = 0; i < count; i++) {
         uint8_t *entry = body.data() + size_t{i} * kEntry<Value>;
-        node->byte_swap(node, entry);
+        vu::toHost(node, entry);
         const auto value = vu::loadHost<Value>(entry + kTimestamp);
         if (!std::isnan(value))
             elements.append(vu::loadHost<int64_t>(entry), identity ? value : calibrated(value));

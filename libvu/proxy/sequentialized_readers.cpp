@@ -12,6 +12,7 @@
 #include "libvu/core/report.h"
 #include "libvu/core/saturate_private.h"
 #include "libvu/core/wire_private.h"
+#include "libvu/proxy/byte_swap_private.h"
 #include "libvu/proxy/framing_private.h"
 #include "libvu/proxy/ntp_private.h"
 #include "libvu/proxy/proxy_node.h"
@@ -30,7 +31,7 @@ struct MessageTimes {
     static constexpr uint32_t kHead = 0; // bytes in front of the entries
     static constexpr bool kZeroAtFullFrame = true;
 
-    static void valueToHost(ProxyNode *node, uint8_t *entry) { node->byte_swap(node, entry); }
+    static void valueToHost(ProxyNode *node, uint8_t *entry) { vu::toHost(node, entry); }
     // The time less half a period: a value counts from the sample nearest to its time.
     static int64_t target(ProxyNode *node, uint8_t *entry)
     {

@@ -219,15 +219,16 @@ void everyPathIsExact()
             calibrated.le(std::isnan(x) ? quiet : y);
             reversed.be(x);
         }
-        const bool wide = vu::hasAvx2();
+        const bool wide = vu::hasAvx2(), wider = vu::hasAvx512();
         for (const auto kernel :
-             {vu::scaleOffsetPlain<T>, wide ? vu::scaleOffsetAvx2<T> : vu::scaleOffsetPlain<T>}) {
+             {vu::scaleOffsetPlain<T>, wide ? vu::scaleOffsetAvx2<T> : vu::scaleOffsetPlain<T>,
+              wider ? vu::scaleOffsetAvx512<T> : vu::scaleOffsetPlain<T>}) {
             Bytes data = given;
             kernel(data.data() + 1, samples.size(), scale, offset);
             EXPECT_EQ(data, calibrated) << scale << " " << offset;
         }
         for (const auto kernel : {vu::swapPlain<Word>, wide ? vu::swapAvx2<Word> : vu::swapPlain<Word>,
-                                  vu::hasAvx512() ? vu::swapAvx512<Word> : vu::swapPlain<Word>}) {
+                                  wider ? vu::swapAvx512<Word> : vu::swapPlain<Word>}) {
             Bytes data = given;
             kernel(data.data() + 1, data.data() + 1, samples.size());
             EXPECT_EQ(data, reversed);
