@@ -23,11 +23,17 @@ bool isUsablePipeRate(double rate)
     return rate > 0.0 && rate <= kHighestPipeRate;
 }
 
+// Every size but that of a double makes a stream of floats: its frames hold these, whatever the caller said.
+uint32_t sampleSize(const Sequentializer &seq)
+{
+    return seq.element_size == sizeof(double) ? sizeof(double) : sizeof(float);
+}
+
 // Puts up to `count` new frames on the pool; tells how many it got.
 int64_t growPool(Sequentializer &seq, int64_t count)
 {
     for (int64_t made = 0; made < count; made++) {
-        Frame *frame = frameCreate(static_cast<uint32_t>(seq.frame_samples), seq.element_size, nullptr);
+        Frame *frame = frameCreate(static_cast<uint32_t>(seq.frame_samples), sampleSize(seq), nullptr);
         if (!frame)
             return made;
         // The head is read after the frame is made: a report of the making may have brought frames back.

@@ -36,9 +36,9 @@ static_assert(offsetof(Sequentializer, pipe_rate) == 16 && offsetof(Sequentializ
               "Sequentializer layout");
 
 /* A stream at tick 0 that carries `invalid_value`, with a pool of five seconds' frames, or as many as memory
- * allows. `element_size` 4 or 8 bytes, rates per second, life of a value in seconds. Null after a report:
- * "Invalid pipe rate: %g" (not above 0, above 1,000,000 or not finite), what sampleClockInit() says of the
- * sample rate, or no memory for the record or its clock. */
+ * allows. `element_size` 4 or 8 bytes (any other makes frames of float32), rates per second, life of a value
+ * in seconds. Null after a report: "Invalid pipe rate: %g" (not above 0, above 1,000,000 or not finite), what
+ * sampleClockInit() says of the sample rate, or no memory for the record or its clock. */
 VU_API Sequentializer *createSequentializer(uint32_t element_size, double pipe_rate, double sample_rate,
                                             double stale_seconds, double invalid_value);
 /* Writes every sample up to `time`, in ticks, with the value held. A call with a time that is not finite does
