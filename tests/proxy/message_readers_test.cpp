@@ -126,4 +126,28 @@ TEST(MessageRecords, BecomeFramesAndReachSignalsAndEndTheEventOrNot)
     }
 }
 
+// A module's node has no byte_swap, whoever reads its channel.
+TEST(MessageRecords, StayAsTheyCameOnANodeWithoutByteSwap)
+{
+    ErrorTrap errors;
+    for (const auto reader :
+         {proxyNode_ProxyReaderMessageRaw, proxyNode_ProxyReaderMessageNMEA,
+          proxyNode_ProxyReaderMessageFloat, proxyNode_ProxyReaderSequentializedMessage}) {
+        TestChannel channel(stanza("message_float32",
+                                   R"("sample_rate":1000,"stale_data_expiration_time":1,)"
+                                   R"("invalid_data_output_value":-1)",
+                                   "pd806h"),
+                            500);
+        channel->main_reader = reader;
+        Pipe *const pipe = channel.listen();
+        channel.sendMarker();
+        channel.send(record(Bytes().be(int64_t{20'000}).le(1.5F).be(int64_t{60'000}).le(2.5F)));
+        EXPECT_EQ(channel->inbuf.size, 0u);
+        const auto frames = takeFrames(pipe);
+        ASSERT_EQ(frames.size(), 1u);
+        const Bytes end(frames[0].data.end() - 4, frames[0].data.end());
+        EXPECT_EQ(end, Bytes().le(reader == proxyNode_ProxyReaderSequentializedMessage ? 1.5F : 2.5F));
+    }
+}
+
 } // namespace
