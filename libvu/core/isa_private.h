@@ -2,14 +2,16 @@
 //
 // A kernel is written once, as an always-inlined loop, and instantiated for each: plainly, and inside a
 // function that carries VU_AVX2 or VU_AVX512. Which one runs is asked of the machine once. All give the same
-// bits.
+// bits. VU_INDEPENDENT stands before a loop of which no round needs what another stores.
 #pragma once
 
 #define VU_AVX2 __attribute__((target("avx2,fma")))
 #ifdef __clang__
 #define VU_AVX512 __attribute__((target("avx512bw,avx512vl"), min_vector_width(512)))
+#define VU_INDEPENDENT _Pragma("clang loop vectorize(assume_safety)")
 #else
 #define VU_AVX512 __attribute__((target("avx512bw,avx512vl,prefer-vector-width=512")))
+#define VU_INDEPENDENT _Pragma("GCC ivdep")
 #endif
 #define VU_INLINE_KERNEL __attribute__((always_inline)) inline
 

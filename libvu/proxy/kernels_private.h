@@ -26,7 +26,7 @@ VU_INLINE_KERNEL void scaleOffsetLoop(void *data, size_t count, Sample scale, Sa
 template <typename Word>
 VU_INLINE_KERNEL void swapLoop(uint8_t *to, const uint8_t *from, size_t count)
 {
-#pragma GCC ivdep
+    VU_INDEPENDENT
     for (size_t i = 0; i < count; i++)
         storeHost(to + i * sizeof(Word), loadBig<Word>(from + i * sizeof(Word)));
 }
