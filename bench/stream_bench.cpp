@@ -107,8 +107,8 @@ constexpr int64_t kStartTicks = (946684800 + int64_t{kStart}) * vu::kTicksPerSec
 
 // A module with its signals bound, and what the loop beside it needs. Arguments of a benchmark: form of the
 // module, samples a record.
-struct Side {
-    explicit Side(const benchmark::State &state, int fd)
+struct BoundModule {
+    explicit BoundModule(const benchmark::State &state, int fd)
         : module(kModules[state.range(0)]), samples(static_cast<uint32_t>(state.range(1))),
           channel(stanzaOf(module), 10.0, fd), decoding{module.little,
                                                         std::vector<Decoded>(size_t{kSignals} * samples)}
@@ -156,17 +156,17 @@ private:
 
 void Stream(benchmark::State &state)
 {
-    Side side(state, open("/dev/null", O_RDONLY));
+    BoundModule bound(state, open("/dev/null", O_RDONLY));
     vu::bench::Turns turns;
     for (auto _ : state) {
-        const Bytes wire = side.nextRecords();
-        turns.limit([&] { side.decoding.decode(wire, side.node); });
-        side.channel.bring(wire);
-        turns.work([&] { side.channel.read(); });
+        const Bytes wire = bound.nextRecords();
+        turns.limit([&] { bound.decoding.decode(wire, bound.node); });
+        bound.channel.bring(wire);
+        turns.work([&] { bound.channel.read(); });
         state.SetIterationTime(turns.lastWork());
-        side.flush();
+        bound.flush();
     }
-    side.tell(state, turns);
+    bound.tell(state, turns);
 }
 BENCHMARK(Stream)->UseManualTime()->ArgsProduct({{0, 1, 2, 3}, {1, 2, 3, 4, 10, 100}});
 
@@ -175,22 +175,22 @@ BENCHMARK(Stream)->UseManualTime()->ArgsProduct({{0, 1, 2, 3}, {1, 2, 3, 4, 10, 
 void StreamFromSocket(benchmark::State &state)
 {
     const vu::bench::Sockets sockets;
-    Side side(state, dup(sockets.channelEnd()));
-    membufExpand(&side.node->inbuf, 1 << 16); // as it has grown after some time
-    DecodingLoop::running = &side.decoding;
+    BoundModule bound(state, dup(sockets.channelEnd()));
+    membufExpand(&bound.node->inbuf, 1 << 16); // as it has grown after some time
+    DecodingLoop::running = &bound.decoding;
     struct ev_loop *const loop = ev_default_loop(0);
-    const int64_t &reached = side.node->cs_list->sequentializer->last_target; // of the last signal
+    const int64_t &reached = bound.node->cs_list->sequentializer->last_target; // of the last signal
     vu::bench::Turns turns;
     for (auto _ : state) {
-        const Bytes wire = side.nextRecords();
-        ev_set_cb(side.node->watcher, DecodingLoop::onReadable);
+        const Bytes wire = bound.nextRecords();
+        ev_set_cb(bound.node->watcher, DecodingLoop::onReadable);
         sockets.send(wire);
-        side.decoding.taken = 0;
+        bound.decoding.taken = 0;
         turns.limit([&] {
-            while (side.decoding.taken < wire.size())
+            while (bound.decoding.taken < wire.size())
                 ev_run(loop, EVRUN_NOWAIT);
         });
-        ev_set_cb(side.node->watcher, proxyNode_IoEvent);
+        ev_set_cb(bound.node->watcher, proxyNode_IoEvent);
         sockets.send(wire);
         const int64_t before = reached;
         turns.work([&] {
@@ -198,9 +198,9 @@ void StreamFromSocket(benchmark::State &state)
                 ev_run(loop, EVRUN_NOWAIT);
         });
         state.SetIterationTime(turns.lastWork());
-        side.flush();
+        bound.flush();
     }
-    side.tell(state, turns);
+    bound.tell(state, turns);
 }
 BENCHMARK(StreamFromSocket)->UseManualTime()->ArgsProduct({{0, 1, 2, 3}, {1, 2, 4, 10}});
 

@@ -23,17 +23,18 @@ bool isUsablePipeRate(double rate)
     return rate > 0.0 && rate <= kHighestPipeRate;
 }
 
-// Every size but that of a double makes a stream of floats: its frames hold these, whatever the caller said.
-uint32_t sampleSize(const Sequentializer &seq)
+// Every other size makes a stream of floats: its frames hold these, whatever the caller said.
+bool holdsDoubles(const Sequentializer &seq)
 {
-    return seq.element_size == sizeof(double) ? sizeof(double) : sizeof(float);
+    return seq.element_size == sizeof(double);
 }
 
 // Puts up to `count` new frames on the pool; tells how many it got.
 int64_t growPool(Sequentializer &seq, int64_t count)
 {
     for (int64_t made = 0; made < count; made++) {
-        Frame *frame = frameCreate(static_cast<uint32_t>(seq.frame_samples), sampleSize(seq), nullptr);
+        Frame *frame = frameCreate(static_cast<uint32_t>(seq.frame_samples),
+                                   holdsDoubles(seq) ? sizeof(double) : sizeof(float), nullptr);
         if (!frame)
             return made;
         // The head is read after the frame is made: a report of the making may have brought frames back.
@@ -278,7 +279,7 @@ Sequentializer *createSequentializer(uint32_t element_size, double pipe_rate, do
 
 void vu::advanceTo(Sequentializer &seq, int64_t target)
 {
-    if (seq.element_size == sizeof(double))
+    if (holdsDoubles(seq))
         advanceBy<double>(seq, target);
     else
         advanceBy<float>(seq, target);
@@ -292,7 +293,7 @@ void vu::advance(Sequentializer &seq, double time)
     const double target = std::min(time - static_cast<double>(seq.half_period_ticks), kLastTick);
     const auto passed = saturated<int64_t>(target);
     if (target < 0.0 || target >= static_cast<double>(kWholeNumbers)) {
-        if (seq.element_size == sizeof(double))
+        if (holdsDoubles(seq))
             advanceFar<double>(seq, target);
         else
             advanceFar<float>(seq, target);
