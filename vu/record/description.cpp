@@ -92,6 +92,8 @@ Source readSource(Fields &keys, const Reading &reading, const Channel &channel, 
             continue;
         if (value.is_object() || value.is_null())
             keys.mistakes().add(keys.pathOf(key), "expected a text, a number, true, false or an array");
+        else if (value == "")
+            keys.mistakes().add(keys.pathOf(key), "expected a text that is not empty");
         else if (key == "file" || key == "device")
             source.arguments.insert(source.arguments.begin(), resolved(reading, optionText(value)));
         else if (key == "interface")
