@@ -35,13 +35,15 @@ protected:
 TEST_F(SimRoad, EveryValueIsOnItsSample)
 {
     for (const std::string module : {"pd806h", "pd806k"}) {
+        // Records of one sample, and of 50, whose size stands behind the header.
+        const double gather = module == "pd806h" ? 0 : 0.5;
         Json names, numbers;
         for (int k = 0; k < 200; k++) {
             names.push_back(module + "." + std::to_string(k));
             numbers.push_back(16 + 10 * k);
         }
         addSim(module, {{"data_type", "sequential_float32"}, {"connector", module}},
-               {{"names", names}, {"numbers", numbers}, {"no_value_every", 10}});
+               {{"names", names}, {"numbers", numbers}, {"no_value_every", 10}, {"gather", gather}});
         for (size_t k = 0; k < names.size(); k++)
             addSignal(names[k], {{"pipe_rate", 10}}, {static_cast<double>(k), 1, 1e9, 10});
     }

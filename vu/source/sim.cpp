@@ -123,6 +123,9 @@ void addMessageOptions(CLI::App &kind, SimOptions &sim)
                      ->delimiter(','));
     in("Stream",
        kind.add_option("--numbers", sim.numbers, "of the signals [16, 17 and so on]")->delimiter(','));
+    in("Stream", kind.add_option("--gather", sim.gather,
+                                 "seconds of samples that a module sends as one record; 0: what each 10 ms "
+                                 "bring [0.05]"));
     in("Stream",
        kind.add_option("--fill", sim.fill, "percent told each second, in turn [10]")->delimiter(','));
     in("Stream",

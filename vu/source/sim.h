@@ -26,6 +26,7 @@ struct SimOptions {
     std::string lostPulses; // "FROM:TO", seconds of source time
     std::vector<std::string> names{"sig0"};
     std::vector<uint32_t> numbers; // of the stream's signals; counted from 16 where none is given
+    double gather = 0.05;          // seconds of samples in a record of the stream
     std::vector<double> fill{10.0};
     uint64_t noValueEvery = 0;
 

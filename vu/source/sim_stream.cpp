@@ -17,6 +17,8 @@ constexpr uint32_t kFirstNumber = 16;         // a recorder has no handler below
 constexpr uint32_t kNumberLimit = 1u << 20;   // what a header can name
 constexpr uint32_t kNoValueBits = 0x58E35FA9; // a sample that carries only its time
 constexpr size_t kShortLimit = 255;
+constexpr double kLongestGather = 60.0; // seconds
+constexpr double kMostGathered = 1e6;   // samples
 
 enum class Type : uint32_t { Data = 0, Metainfo = 2 };
 
@@ -29,6 +31,7 @@ private:
     void step(WireWriter &wire, int64_t begin, int64_t end) override;
     void close(WireWriter &wire) override;
     void introduce(WireWriter &wire);
+    void sendGathered(WireWriter &wire);
     void data(WireWriter &wire, size_t signal, uint64_t first, uint64_t last);
     void sample(uint64_t n, size_t signal);
     void metainfo(WireWriter &wire, uint32_t number, const char *method, const Json &params);
@@ -38,15 +41,27 @@ private:
     MessageTimes times_;
     Endian order_;
     std::vector<uint32_t> numbers_;
-    WireWriter payload_; // of the record in hand
+    WireWriter payload_;   // of the record in hand
+    const int64_t gather_; // ticks
+    int64_t reached_ = 0;  // what lies before has happened
+    int64_t sent_ = 0;     // what lies before has gone out
     uint64_t next_ = 0;
     int64_t second_ = 0; // the next one to be told as alive
 };
 
+int64_t gatherTicks(const SimOptions &sim)
+{
+    if (!(sim.gather >= 0.0 && sim.gather <= kLongestGather && sim.gather * sim.rate <= kMostGathered))
+        throw InputError(
+            fmt::format("--gather: expected 0 to {} seconds, {:.0f} samples at most, got {} at {} a second",
+                        kLongestGather, kMostGathered, sim.gather, sim.rate));
+    return static_cast<int64_t>(sim.gather * kTicksPerSecond);
+}
+
 StreamProducer::StreamProducer(const SimOptions &sim, const ServeOptions &serving)
     : SteppedProducer(serving.duration), sim_(sim), times_(sim.rate, 0.0, serving.seed),
       order_(serving.connector.find("pd806k") != std::string::npos ? Endian::Little : Endian::Big),
-      numbers_(sim.numbers)
+      numbers_(sim.numbers), gather_(gatherTicks(sim))
 {
     if (sim.fill.empty() || sim.names.empty())
         throw InputError("--names, --fill: expected one at least");
@@ -122,16 +137,25 @@ void StreamProducer::step(WireWriter &wire, int64_t begin, int64_t end)
         metainfo(wire, 0, "fill", Json::array({sim_.fill[static_cast<size_t>(second_) % sim_.fill.size()]}));
         ++second_;
     }
+    reached_ = end;
+    if (reached_ - sent_ >= gather_)
+        sendGathered(wire);
+}
+
+void StreamProducer::sendGathered(WireWriter &wire)
+{
     uint64_t last = next_;
-    while (times_.nominal(last) < end)
+    while (times_.nominal(last) < reached_)
         ++last;
     for (size_t signal = 0; signal < numbers_.size(); ++signal)
         data(wire, signal, next_, last);
     next_ = last;
+    sent_ = reached_;
 }
 
 void StreamProducer::close(WireWriter &wire)
 {
+    sendGathered(wire);
     for (size_t i = 0; i < numbers_.size(); ++i)
         metainfo(wire, numbers_[i], "unsubscribe", Json::array({sim_.names[i]}));
     metainfo(wire, 0, "disconnect", Json::array());
