@@ -106,7 +106,7 @@ struct DecodingLoop {
 constexpr int64_t kStartTicks = (946684800 + int64_t{kStart}) * vu::kTicksPerSecond;
 
 // A module with its signals bound, and what the loop beside it needs. Arguments of a benchmark: form of the
-// module, samples a record: five, where a module gathers 50 ms of 100 samples a second.
+// module, samples a record. Five are what 50 ms bring at 100 a second.
 struct BoundModule {
     explicit BoundModule(const benchmark::State &state, int fd)
         : module(kModules[state.range(0)]), samples(static_cast<uint32_t>(state.range(1))),
