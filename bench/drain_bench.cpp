@@ -1,11 +1,15 @@
-// Sockets filled beforehand, drained into frames: beside the same drain that only reads. Both take turns in
-// the same run, so they see the same noise; "of_read_only" is the ratio of their medians.
+// Sockets filled beforehand, drained into frames: beside the same drain that only reads, and beside one that
+// does no more than frames need, a block from malloc and one copy of their samples. All take turns in the
+// same run, so they see the same noise.
+#include <algorithm>
 #include <benchmark/benchmark.h>
 #include <cstdlib>
+#include <cstring>
 #include <ev.h>
 #include <malloc.h>
 #include <memory>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "bench/sockets.h"
@@ -18,12 +22,68 @@ namespace {
 constexpr size_t kBuffer = 65536; // of either side
 constexpr uint8_t kMarker[] = {0xFE, 0xED};
 
-// A float32 channel in frames of 1000. For the limit its watcher is lent to a callback that makes the one
-// read of an event, into the same buffer, and nothing else.
+// What a drain has to do for frames of 1000 samples, and nothing of what else a reader does: no marker, no
+// swap, no pipe.
+class BareFrames {
+public:
+    // Of whole records in `arrived`; returns how many bytes they are.
+    size_t take(const uint8_t *arrived, size_t size)
+    {
+        size_t at = 0;
+        while (size - at >= 4) {
+            const size_t whole = 4 + size_t{vu::loadBig<uint32_t>(arrived + at)};
+            if (size - at < whole)
+                break;
+            store(arrived + at + kHead, whole - kHead);
+            at += whole;
+        }
+        return at;
+    }
+    ~BareFrames()
+    {
+        release();
+        std::free(frame_);
+    }
+    void release()
+    {
+        for (void *block : full_)
+            std::free(block);
+        full_.clear();
+    }
+
+private:
+    static constexpr size_t kHead = 12, kSamples = 4000; // bytes
+
+    void store(const uint8_t *from, size_t bytes)
+    {
+        while (bytes > 0) {
+            if (!frame_)
+                frame_ = static_cast<uint8_t *>(std::malloc(sizeof(Frame) + kSamples));
+            const size_t taken = std::min(bytes, kSamples - filled_);
+            std::memcpy(frame_ + sizeof(Frame) + filled_, from, taken);
+            from += taken;
+            bytes -= taken;
+            filled_ += taken;
+            if (filled_ < kSamples)
+                continue;
+            full_.push_back(std::exchange(frame_, nullptr));
+            filled_ = 0;
+        }
+    }
+
+    uint8_t *frame_ = nullptr;
+    size_t filled_ = 0;
+    std::vector<void *> full_;
+};
+
+// A float32 channel in frames of 1000. For the limits its watcher is lent to callbacks that make the one read
+// of an event, into the same buffer, and no frame or bare ones.
 struct Channel {
     vu::bench::Sockets sockets;
     ProxyNode *node;
     Pipe *pipe;
+    BareFrames bare;
+    size_t waiting = 0;                 // bytes of an unfinished record, for the bare frames
     static inline int64_t received = 0; // bytes, by all channels on loan
 
     Channel()
@@ -46,10 +106,30 @@ struct Channel {
                             static_cast<void *>(node->watcher), static_cast<void *>(node)})
             std::free(owned);
     }
+    // Lends the watcher out; a callback of the library's finds its node there, one of ours its channel.
+    void lend(void (*callback)(struct ev_loop *, ev_io *, int), void *data)
+    {
+        ev_set_cb(node->watcher, callback);
+        node->watcher->data = data;
+    }
     static void readOnly(struct ev_loop *, ev_io *watcher, int)
     {
-        const ProxyNode &node = *static_cast<const ProxyNode *>(watcher->data);
+        const ProxyNode &node = *static_cast<const Channel *>(watcher->data)->node;
         received += read(node.fd, node.inbuf.buf, node.inbuf.capacity);
+    }
+    template <bool taken>
+    static void readBare(struct ev_loop *, ev_io *watcher, int)
+    {
+        auto &channel = *static_cast<Channel *>(watcher->data);
+        const Membuf &in = channel.node->inbuf;
+        const ssize_t got = read(channel.node->fd, in.buf + channel.waiting, in.capacity - channel.waiting);
+        received += got;
+        channel.waiting += static_cast<size_t>(got);
+        const size_t used = channel.bare.take(in.buf, channel.waiting);
+        channel.waiting -= used;
+        std::memmove(in.buf, in.buf + used, channel.waiting);
+        if (taken)
+            channel.bare.release();
     }
     // A consumer that keeps up: its frames are gone, and their memory free, before the next event.
     static void readAndTake(struct ev_loop *loop, ev_io *watcher, int events)
@@ -83,7 +163,7 @@ void Drain(benchmark::State &state)
 {
     const auto count = static_cast<size_t>(state.range(0));
     const auto waiting = static_cast<size_t>(state.range(2));
-    const auto worker = state.range(3) != 0 ? Channel::readAndTake : proxyNode_IoEvent;
+    const bool taken = state.range(3) != 0;
     std::vector<uint8_t> record(static_cast<size_t>(state.range(1)));
     vu::storeBig(record.data(), static_cast<uint32_t>(record.size() - 4));
     keepHeap();
@@ -91,28 +171,38 @@ void Drain(benchmark::State &state)
     const Channels channels = openChannels(count);
     const auto bytes = static_cast<int64_t>(count * waiting * record.size());
     const auto samples = static_cast<int64_t>(waiting * (record.size() - 12) / 4); // of a channel
+    int64_t expected = 0;
     // One write a record, as an acquisition process sends them.
-    const auto fill = [&](auto *reader) {
-        for (const auto &channel : channels) {
-            ev_set_cb(channel->node->watcher, reader);
+    const auto fill = [&] {
+        for (const auto &channel : channels)
             for (size_t i = 0; i < waiting; i++)
                 channel->sockets.send(record);
-        }
+    };
+    vu::bench::Turns turns;
+    const auto limit = [&](size_t which, auto *callback) {
+        for (const auto &channel : channels)
+            channel->lend(callback, channel.get());
+        fill();
+        Channel::received = 0;
+        turns.limit(
+            [&] {
+                while (Channel::received < bytes)
+                    ev_run(loop, EVRUN_NOWAIT);
+            },
+            which);
+        for (const auto &channel : channels)
+            channel->bare.release();
     };
     const auto wantMore = [&](int64_t expected) {
         return channels.back()->node->sample_count < expected ||
                channels.front()->node->sample_count < expected;
     };
-    int64_t expected = 0;
-    vu::bench::Turns turns;
     for (auto _ : state) {
-        fill(Channel::readOnly);
-        Channel::received = 0;
-        turns.limit([&] {
-            while (Channel::received < bytes)
-                ev_run(loop, EVRUN_NOWAIT);
-        });
-        fill(worker);
+        limit(0, Channel::readOnly);
+        limit(1, taken ? Channel::readBare<true> : Channel::readBare<false>);
+        for (const auto &channel : channels)
+            channel->lend(taken ? Channel::readAndTake : proxyNode_IoEvent, channel->node);
+        fill();
         expected += samples;
         turns.work([&] {
             while (wantMore(expected))
@@ -125,6 +215,7 @@ void Drain(benchmark::State &state)
     const auto records = static_cast<double>(state.iterations()) * static_cast<double>(count * waiting);
     state.counters["records"] = benchmark::Counter(records, benchmark::Counter::kIsRate);
     state.counters["of_read_only"] = turns.ratio();
+    state.counters["of_bare_frames"] = turns.ratio(1);
 }
 BENCHMARK(Drain)
     ->ArgNames({"channels", "record", "waiting", "taken"})

@@ -1,5 +1,5 @@
-// Two pieces of work in turn, so that both see the same noise, and the ratio of their lower quartiles: what a
-// neighbour on the machine takes away is no part of either.
+// Pieces of work in turn, so that all see the same noise, and the ratio of their lower quartiles: what a
+// neighbour on the machine takes away is no part of them.
 #pragma once
 
 #include <algorithm>
@@ -10,10 +10,11 @@ namespace vu::bench {
 
 class Turns {
 public:
+    // The work may have two limits.
     template <typename Limit>
-    void limit(Limit &&limit)
+    void limit(Limit &&limit, size_t which = 0)
     {
-        time(limits_, limit);
+        time(limits_[which], limit);
     }
     template <typename Work>
     void work(Work &&work)
@@ -21,7 +22,7 @@ public:
         time(works_, work);
     }
     // How much of the limit's speed the work has.
-    double ratio() const { return quartile(limits_) / quartile(works_); }
+    double ratio(size_t which = 0) const { return quartile(limits_[which]) / quartile(works_); }
     double lastWork() const { return works_.back(); }
 
 private:
@@ -39,7 +40,7 @@ private:
         return *place;
     }
 
-    std::vector<double> limits_, works_;
+    std::vector<double> limits_[2], works_;
 };
 
 } // namespace vu::bench
