@@ -41,17 +41,15 @@ void fuzz(const uint8_t *data, size_t size)
     }
     if (bytes.ConsumeBool())
         can_set_finalize(made.set);
-    const auto body = bytes.ConsumeRemainingBytes<uint8_t>();
-    const size_t count = body.size() / sizeof(CanRecord);
-    std::vector<CanRecord> batch(count), alone;
-    for (size_t i = 0; i < count; i++) {
-        std::memcpy(&batch[i], &body[i * sizeof(CanRecord)], sizeof(CanRecord));
-        std::memset(batch[i].id, 0, 3); // so that many of them match
+    std::vector<CanRecord> given;
+    while (bytes.remaining_bytes() >= sizeof(CanRecord)) {
+        bytes.ConsumeData(&given.emplace_back(), sizeof(CanRecord));
+        std::memset(given.back().id, 0, 3); // so that many of them match
     }
-    alone = batch;
-    can_set_process(made.set, batch.data(), static_cast<uint32_t>(count));
-    canProcessSignals(made.list, alone.data(), static_cast<int32_t>(count));
-    for (size_t i = 0; i < count; i++)
+    std::vector<CanRecord> batch = given, alone = given;
+    can_set_process(made.set, batch.data(), static_cast<uint32_t>(given.size()));
+    canProcessSignals(made.list, alone.data(), static_cast<int32_t>(given.size()));
+    for (size_t i = 0; i < given.size(); i++)
         require(std::memcmp(&batch[i], &alone[i], sizeof(CanRecord)) == 0 &&
-                batch[i].timestamp[0] == body[i * sizeof(CanRecord) + 7]);
+                batch[i].timestamp[0] == given[i].timestamp[7]);
 }

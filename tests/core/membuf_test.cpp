@@ -10,10 +10,9 @@
 
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
-class ABuffer : public testing::Test {
+class ABuffer : public Test {
 protected:
     ~ABuffer() override { free(m.buf); }
     void hold(const char *text) { membufAppend(&m, text, static_cast<uint32_t>(strlen(text))); }

@@ -9,13 +9,12 @@
 
 namespace {
 
-using testing::ElementsAre;
-using testing::Pair;
+using namespace testing;
 
 std::vector<std::string> offered;
 int32_t answer;
 
-class Reporting : public testing::Test {
+class Reporting : public Test {
 protected:
     Reporting()
     {
@@ -74,7 +73,7 @@ TEST_F(Reporting, FormattingOrDeathEndsTheProcess)
 {
     char *text = nullptr;
     memory.failAt(0); // inherited by the process that dies
-    EXPECT_EXIT(asprintf_or_die(&text, "%d", 1), testing::ExitedWithCode(-42 & 0xFF), "");
+    EXPECT_EXIT(asprintf_or_die(&text, "%d", 1), ExitedWithCode(-42 & 0xFF), "");
     memory.failNone();
     asprintf_or_die(&text, "%s-%d", "a", 1);
     EXPECT_STREQ(text, "a-1");

@@ -1,10 +1,9 @@
 // Detectors over real pipes: worked windows, a slow reference, and everything that can go wrong.
+#include <cfloat>
 #include <cmath>
 #include <gmock/gmock.h>
-#include <limits>
 #include <random>
 
-#include "libvu/core/callbacks.h"
 #include "libvu/monitor/element_access.h"
 #include "libvu/monitor/over_range.h"
 #include "tests/support/allocation_faults.h"
@@ -14,15 +13,12 @@
 #include "tests/support/split.h"
 #include "tests/support/temp_dir.h"
 
+using namespace testing;
 using namespace vu::test;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 namespace {
 
 using Doubles = std::vector<double>;
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 Frame *frameOf(const Doubles &samples, uint32_t elementSize, int64_t start = 0)
 {
@@ -33,8 +29,8 @@ Frame *frameOf(const Doubles &samples, uint32_t elementSize, int64_t start = 0)
     return frame;
 }
 
-// A module with its channels' pipes and its output's; channels are added before start().
-class OverRange : public ::testing::Test {
+// A module with its output's pipe and its channels', which are added before start() with limits of -5 and 5.
+class OverRange : public Test {
 protected:
     ErrorTrap errors;
     LogTrap log;
@@ -59,10 +55,10 @@ protected:
         channels.clear();
         positions.clear();
     }
-    void watch(double rate, int mode, double lower, double upper, bool report = true, int size = 8)
+    void watch(double rate, int mode = OVER_RNG_BOTH_LIMITS, bool report = true, int size = 8)
     {
-        channels.push_back({"c", rate, static_cast<uint8_t>(mode), report, static_cast<uint16_t>(size), lower,
-                            upper, pipeAttachPipe(&inputs)});
+        channels.push_back({"c", rate, static_cast<uint8_t>(mode), report, static_cast<uint16_t>(size), -5, 5,
+                            pipeAttachPipe(&inputs)});
         positions.push_back(0);
     }
     int start(double rate)
@@ -104,7 +100,7 @@ TEST_F(OverRange, WorkedWindows)
             for (size_t i = 4; i < words.size(); i += 2)
                 samples.at(std::stoul(words[i])) = std::stod(words[i + 1]);
             clear();
-            watch(std::strtod(words[1].c_str(), nullptr), std::stoi(words[2]), -5, 5, true, size);
+            watch(std::strtod(words[1].c_str(), nullptr), std::stoi(words[2]), true, size);
             start(std::strtod(words[0].c_str(), nullptr));
             feed(0, samples);
             std::string said = "|";
@@ -135,7 +131,7 @@ TEST_F(OverRange, AgreesWithAReferenceOverRandomFrames)
             const int64_t rate = int64_t{1} << (3 + random() % 6);
             factors.push_back(rate == 8 ? 4 : 1);
             rates.push_back(rate * factors[c]);
-            watch(double(rate), 1 + int(random() % 3), -1, 1, true, random() % 2 ? 4 : 8);
+            watch(double(rate), 1 + int(random() % 3), true, random() % 2 ? 4 : 8);
         }
         start(8);
         std::vector<bool> loud(4000);
@@ -145,7 +141,7 @@ TEST_F(OverRange, AgreesWithAReferenceOverRandomFrames)
             Doubles samples(1 + random() % 40);
             int64_t first = -1, last = -1;
             for (double &sample : samples) {
-                sample = random() % 30 ? 0 : random() % 2 ? 2 : -2;
+                sample = random() % 30 ? 0 : random() % 2 ? 6 : -6;
                 if (sample == 0 || channels[c].mode == (sample > 0 ? 3 : 2))
                     continue;
                 last = positions[c] + (&sample - samples.data());
@@ -170,7 +166,7 @@ TEST_F(OverRange, AgreesWithAReferenceOverRandomFrames)
 TEST_F(OverRange, NoticesOfManyChannelsOverflowIntoACount)
 {
     for (int c = 0; c < 256; c++)
-        watch(100, 2, 0, 5, c != 7);
+        watch(100, OVER_RNG_UPPER_LIMIT, c != 7);
     start(10);
     for (size_t c = 0; c < 256; c++)
         feed(c, quiet(11, {{1, 6}}));
@@ -184,8 +180,8 @@ TEST_F(OverRange, NoticesOfManyChannelsOverflowIntoACount)
 
 TEST_F(OverRange, TheRingNeverWraps)
 {
-    watch(100, 1, -5, 5);
-    watch(1000, 1, -5, 5);
+    watch(100);
+    watch(1000);
     start(100);
     feed(1, quiet(100'000, {{5, 6}, {99'990, 7}})); // 10,000 windows ahead of the other
     EXPECT_THAT(run(), IsEmpty());
@@ -206,8 +202,8 @@ TEST_F(OverRange, TheRingNeverWraps)
 TEST_F(OverRange, EveryFailedAllocationIsSurvived)
 {
     AllocationFaults faults;
-    watch(10, 1, -5, 5);
-    watch(100, 1, -5, 5);
+    watch(10);
+    watch(100);
     for (int nth = 0; id < 0; nth++) {
         faults.failAt(nth);
         start(10);
@@ -229,8 +225,8 @@ TEST_F(OverRange, EveryFailedAllocationIsSurvived)
 TEST_F(OverRange, AReportMayStopTheModuleAtWork)
 {
     static int stopped;
-    watch(100, 0, -5, 5);
-    watch(100, 1, -5, 5);
+    watch(100, 0);
+    watch(100);
     stopped = start(10);
     const auto callback = libvuCriticalErrorCallback;
     libvuCriticalErrorCallback = [](const char *) { return Over_Rng_Detect_stop(stopped), 1; };
@@ -249,11 +245,10 @@ TEST_F(OverRange, AReportMayStopTheModuleAtWork)
 
 TEST_F(OverRange, ElementAccessPutsFramesAndFindsExtremes)
 {
-    constexpr double kMost = std::numeric_limits<double>::max();
     // Numbers of one frame each; the least and the most of them, and whether there was any.
-    const std::tuple<Doubles, Doubles, int> rows[] = {{{kNaN}, {kMost, -kMost}, -1},
-                                                      {{3, kNaN, -2, 7}, {-2, 7}, 0},
-                                                      {{INFINITY}, {kMost, INFINITY}, 0},
+    const std::tuple<Doubles, Doubles, int> rows[] = {{{NAN}, {DBL_MAX, -DBL_MAX}, -1},
+                                                      {{3, NAN, -2, 7}, {-2, 7}, 0},
+                                                      {{INFINITY}, {DBL_MAX, INFINITY}, 0},
                                                       {{-0.0, 0.0}, {-0.0, -0.0}, 0}};
     for (const auto &[samples, extremes, result] : rows)
         for (const uint32_t size : {4u, 8u}) {

@@ -1,22 +1,13 @@
 // A connection from its marker to its end, with a peer that does everything wrong.
-#include <cerrno>
 #include <csignal>
-#include <ev.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <utility>
 
-#include "libvu/core/callbacks.h"
 #include "libvu/core/wire_private.h"
-#include "tests/proxy/pair_channel.h"
-#include "tests/support/allocation_faults.h"
-#include "tests/support/error_trap.h"
-#include "tests/support/interpose.h"
+#include "tests/proxy/proxy_fixture.h"
 
 using namespace vu::test;
-using ::testing::ElementsAre;
+using testing::ElementsAre;
 
 namespace {
 
@@ -26,12 +17,7 @@ using Texts = std::vector<std::string>;
 constexpr char kLost[] =
     "Channel ch: a record of {} bytes can not be, the rest of the connection is discarded";
 
-class Connection : public ::testing::Test {
-protected:
-    ScopedCalls calls;
-    ErrorTrap errors;
-    PairChannel channel;
-};
+class Connection : public Channels {};
 
 TEST_F(Connection, OnlyMarkersAndPossibleLengthsKeepItOpen)
 {
@@ -62,7 +48,7 @@ TEST_F(Connection, TheEndIsToldOnceAndWhatCameBeforeIsKept)
 {
     LogTrap log;
     int raised = 0;
-    vu::test::calls.raise = [&](int signal) { return raised += signal, 0; };
+    calls.raise = [&](int signal) { return raised += signal, 0; };
     static ProxyNode *current;
     const auto stopsAndDetaches = [](const char *) {
         pipeDetachPipe(&current->pipes, current->pipes.first);
@@ -100,12 +86,12 @@ TEST_F(Connection, ReadErrorsEndItAndNobodyUsesTheNumberAgain)
         fresh.sendMarker();
         fresh->last_errno = 5;
         bool failed = false;
-        vu::test::calls.read = [&](int fd, void *to, size_t size) {
+        calls.read = [&](int fd, void *to, size_t size) {
             return fd == fresh.near && !std::exchange(failed, true) ? (errno = error, -1)
                                                                     : real_read(fd, to, size);
         };
         fresh.send(Bytes(8));
-        vu::test::calls.read = nullptr;
+        calls.read = nullptr;
         const bool ends = error != EAGAIN, closes = ends && error != EINVAL;
         EXPECT_EQ(errors.critical().size(), ends);
         EXPECT_EQ(ev_is_active(fresh->watcher), !ends);
@@ -120,41 +106,42 @@ TEST_F(Connection, ReadErrorsEndItAndNobodyUsesTheNumberAgain)
 
 TEST_F(Connection, NothingIsReadIntoNoRoomAndNothingIsLost)
 {
+    PairChannel channel;
     channel.sendMarker();
-    AllocationFaults faults;
-    faults.failAt(0, 1'000'000);
+    memory.failAt(0, 1'000'000);
     const Bytes data = sampleRecord(Floats(100, 1.0F));
     ASSERT_EQ(real_send(channel.far, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
     for (int event = 0; event < 5; event++)
         ev_run(ev_default_loop(0), EVRUN_NOWAIT);
     EXPECT_EQ(channel->inbuf.size, channel->inbuf.capacity);
     EXPECT_FALSE(errors.texts().empty());
-    faults.failNone();
+    memory.failNone();
     channel.run();
     EXPECT_EQ(channel.samples(), Floats(100, 1.0F));
 }
 
 TEST_F(Connection, StopTriesTenTimes)
 {
+    PairChannel channel;
+    const std::string fd = std::to_string(channel.near);
     for (const int last : {0, EPIPE, ECONNRESET, EBADF}) // the answer behind so many times EAGAIN
         for (int waits = 0; waits <= 10; waits++) {
             LogTrap log;
             int sends = 0, sleeps = 0;
-            vu::test::calls.usleep = [&](useconds_t pause) { return sleeps += pause == 100, 0; };
-            vu::test::calls.send = [&](int, const void *, size_t size, int) {
+            calls.usleep = [&](useconds_t pause) { return sleeps += pause == 100, 0; };
+            calls.send = [&](int, const void *, size_t size, int) {
                 errno = sends++ < waits ? EAGAIN : last;
                 return errno ? ssize_t{-1} : static_cast<ssize_t>(size);
             };
             proxyNode_Stop(channel.node);
             EXPECT_THAT((std::array{sends, sleeps}), ElementsAre(std::min(waits, 9) + 1, std::min(waits, 9)));
             const bool isLate = waits > 9 || (waits == 9 && last != 0);
-            Texts said;
+            std::string said;
             for (const auto &[priority, text] : log.lines())
-                said.push_back(text);
-            const std::string fd = std::to_string(channel.near);
-            EXPECT_EQ(said, isLate          ? Texts{"Stop send timeout " + fd}
-                            : last == EBADF ? Texts{"Unexpected write error on " + fd}
-                                            : Texts());
+                said += text;
+            EXPECT_EQ(said, isLate          ? "Stop send timeout " + fd
+                            : last == EBADF ? "Unexpected write error on " + fd
+                                            : "");
         }
     EXPECT_FALSE(ev_is_active(channel->watcher));
 }

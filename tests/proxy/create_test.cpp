@@ -2,15 +2,9 @@
 #include <clocale>
 #include <dlfcn.h>
 #include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <map>
 
 #include "libvu/stream/stream_signal.h"
-#include "tests/support/allocation_faults.h"
-#include "tests/support/error_trap.h"
-#include "tests/support/node_fixture.h"
-#include "tests/support/split.h"
-#include "tests/support/temp_dir.h"
+#include "tests/proxy/proxy_fixture.h"
 
 using namespace vu::test;
 
@@ -41,33 +35,31 @@ std::string told(const ProxyNode &node, const std::string &pattern)
 }
 
 // In the host's locale, whatever its decimal point.
-class ProxyNodeCreate : public ::testing::TestWithParam<const char *> {};
+class ProxyNodeCreate : public Channels, public testing::WithParamInterface<const char *> {};
 
 TEST_P(ProxyNodeCreate, EveryStanzaBecomesItsNodeOrIsRefused)
 {
-    ErrorTrap errors;
     if (!setlocale(LC_ALL, GetParam()))
         GTEST_SKIP() << "no such locale on this machine";
     setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    const std::map<std::string, std::string> shorthand = {
-        {"-", ""},
-        {"hold", R"("sample_rate":100,"stale_data_expiration_time":1,"invalid_data_output_value":-1)"}};
+    const char *const hold =
+        R"("sample_rate":100,"stale_data_expiration_time":1,"invalid_data_output_value":-1)";
     std::string shown;
-    for (const std::string &line : split(readText(VU_SOURCE_DIR "/tests/proxy/nodes.txt"), '\n')) {
-        if (line.starts_with("show "))
+    for (const std::string &line : linesOf("nodes.txt")) {
+        if (line.starts_with("show ")) {
             shown = line.substr(5);
-        const size_t end = line.find(" > ");
-        if (line.starts_with("//") || end == std::string::npos)
             continue;
+        }
+        const size_t end = line.find(" > ");
         std::string json = line.substr(0, end), rate = "10";
         if (json[0] != '{') {
             const Strings words = split(json, ' '), connector = split(words[1] + "@10", '@');
-            const auto keys = shorthand.find(words[2]);
-            json = stanza(words[0], keys == shorthand.end() ? words[2] : keys->second, connector[0]);
+            const std::string &keys = words[2];
+            json = stanza(words[0], keys == "-" ? "" : keys == "hold" ? hold : keys, connector[0]);
             rate = connector[1];
         }
         const TestChannel channel(json, std::stod(rate));
-        EXPECT_EQ(channel.node ? told(*channel.node, shown) : ::testing::PrintToString(errors.texts()),
+        EXPECT_EQ(channel.node ? told(*channel.node, shown) : testing::PrintToString(errors.texts()),
                   line.substr(end + 3))
             << line;
         EXPECT_TRUE(!channel.node || channel->reader == proxyNode_ProxyReaderMarker);
@@ -78,17 +70,17 @@ TEST_P(ProxyNodeCreate, EveryStanzaBecomesItsNodeOrIsRefused)
     proxyNode_SetStartTime(&node, nullptr);
     EXPECT_EQ(node.start_time, INT64_MAX);
 }
-INSTANTIATE_TEST_SUITE_P(, ProxyNodeCreate, ::testing::Values("C", "de_DE.UTF-8"));
+INSTANTIATE_TEST_SUITE_P(, ProxyNodeCreate, testing::Values("C", "de_DE.UTF-8"));
 
-TEST(ProxyNodes, ReportEveryFailedAllocationAndLeaveNothing)
+class ProxyNodes : public Channels {};
+
+TEST_F(ProxyNodes, ReportEveryFailedAllocationAndLeaveNothing)
 {
-    ErrorTrap errors;
-    AllocationFaults faults;
-    const std::string sequential = stanza("sequential_float32"), gps = stanza("message_raw", "", "gps");
-    for (const std::string &json : {sequential, gps, stanza("x", "", "pd806h")}) {
+    for (const auto &json :
+         {stanza("sequential_float32"), stanza("message_raw", "", "gps"), stanza("x", "", "pd806h")}) {
         bool made = false;
         for (int nth = 0; !made; nth++) {
-            faults.failAt(nth);
+            memory.failAt(nth);
             made = TestChannel(json).node != nullptr;
             EXPECT_EQ(errors.texts().empty(), made) << nth;
             ASSERT_LT(nth, 20);

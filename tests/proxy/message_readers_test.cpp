@@ -1,15 +1,9 @@
 #include <fmt/ranges.h>
-#include <gmock/gmock.h>
 
 #include "libvu/bus/can_set.h"
 #include "libvu/bus/xcp_set.h"
-#include "libvu/gps/gps_signal.h"
-#include "tests/support/allocation_faults.h"
-#include "tests/support/error_trap.h"
-#include "tests/support/interpose.h"
-#include "tests/support/node_fixture.h"
-#include "tests/support/split.h"
-#include "tests/support/temp_dir.h"
+#include "tests/gps/receiver.h"
+#include "tests/proxy/proxy_fixture.h"
 
 using namespace vu::test;
 
@@ -36,12 +30,8 @@ struct MessageChannel : TestChannel {
         can_set_destroy(node->can_set);
         xcp_ip_set_destroy(node->xcp_set);
         free(node->can_set);
-        if (gps) {
-            releaseSignal(gps);
-            for (void *owned :
-                 std::initializer_list<void *>{gps->json, gps->source_database, gps->extractor, gps})
-                free(owned);
-        }
+        if (gps)
+            release(gps);
     }
     CanSetSignal *can;
     XcpMeasurement *xcp;
@@ -75,16 +65,15 @@ void play(const std::string &line)
     AllocationFaults memory;
     const size_t end = line.find(" > ");
     const Strings words = split(line.substr(0, end), ' '), wanted = split(line.substr(end + 3), ' ');
-    const std::string &kind = words[0];
-    const auto given = [&](const char *what) { return words[1].find(what) != std::string::npos; };
+    const std::string &kind = words[0], &setting = words[1];
+    const auto given = [&](const char *what) { return setting.find(what) != std::string::npos; };
     const Bytes body = bytesOf(std::span(words).subspan(2));
-    MessageChannel channel(kind,
-                           given("twice_plus_one") ? R"("scale":2.0,"offset":1.0)"
-                           : given("less_two")     ? R"("rezero_offset":2.0)"
-                                                   : "",
+    MessageChannel channel(kind, given(":") ? setting.substr(setting.find('"')) : "",
                            given("gps") ? "gps" : "c");
     Pipe *pipe = given("nobody") ? nullptr : channel.listen();
     channel.sendMarker(!given("little"));
+    if (given("no_swap"))
+        channel->byte_swap = nullptr;
     if (given("no_memory"))
         memory.failAt(0);
     channel.send(record(body).add(record(body)));
@@ -117,36 +106,9 @@ void play(const std::string &line)
 
 TEST(MessageRecords, BecomeFramesAndReachSignalsAndEndTheEventOrNot)
 {
-    const Strings lines = split(readText(VU_SOURCE_DIR "/tests/proxy/messages.txt"), '\n');
-    ASSERT_FALSE(lines.empty());
-    for (const std::string &line : lines) {
+    for (const std::string &line : linesOf("messages.txt")) {
         SCOPED_TRACE(line);
-        if (!line.empty() && !line.starts_with("//"))
-            play(line);
-    }
-}
-
-// A module's node has no byte_swap, whoever reads its channel.
-TEST(MessageRecords, StayAsTheyCameOnANodeWithoutByteSwap)
-{
-    ErrorTrap errors;
-    for (const auto reader :
-         {proxyNode_ProxyReaderMessageRaw, proxyNode_ProxyReaderMessageNMEA,
-          proxyNode_ProxyReaderMessageFloat, proxyNode_ProxyReaderSequentializedMessage}) {
-        TestChannel channel(stanza("message_float32",
-                                   R"("sample_rate":1000,"stale_data_expiration_time":1,)"
-                                   R"("invalid_data_output_value":-1)",
-                                   "pd806h"),
-                            500);
-        channel->main_reader = reader;
-        Pipe *const pipe = channel.listen();
-        channel.sendMarker();
-        channel.send(record(Bytes().be(int64_t{20'000}).le(1.5F).be(int64_t{60'000}).le(2.5F)));
-        EXPECT_EQ(channel->inbuf.size, 0u);
-        const auto frames = takeFrames(pipe);
-        ASSERT_EQ(frames.size(), 1u);
-        const Bytes end(frames[0].data.end() - 4, frames[0].data.end());
-        EXPECT_EQ(end, Bytes().le(reader == proxyNode_ProxyReaderSequentializedMessage ? 1.5F : 2.5F));
+        play(line);
     }
 }
 

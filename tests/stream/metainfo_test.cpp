@@ -1,5 +1,3 @@
-#include <ev.h>
-
 #include "tests/stream/stream_fixture.h"
 #include "tests/support/split.h"
 #include "tests/support/temp_dir.h"

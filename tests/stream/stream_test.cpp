@@ -1,18 +1,12 @@
-#include <bit>
 #include <cmath>
-#include <cstring>
 #include <random>
 
-#include "libvu/core/callbacks.h"
 #include "tests/stream/stream_fixture.h"
 #include "tests/support/effort.h"
 #include "tests/support/streams.h"
 
+using namespace testing;
 using namespace vu::test;
-using testing::ElementsAre;
-using testing::FieldsAre;
-using testing::HasSubstr;
-using testing::Pair;
 
 namespace {
 
@@ -121,13 +115,12 @@ TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
                     sequentialize(slow, ticks);
             }
             channel.send(streamRecord(random() % 2, 16, payload.zeros(random() % 12)));
-            for (size_t i = 0; i < times.size() / 8;
-                 i++) // seconds first, in host order, behind a word of head
+            // Seconds first, in host order, behind a word of head.
+            for (size_t i = 0; i < times.size() / 8; i++)
                 EXPECT_EQ(std::memcmp(channel->inbuf.buf + 4 + 12 * i, &times[8 * i], 8), 0);
             EXPECT_EQ(std::tuple(signal->rezero_offset, stream->invalid_value, stream->last_target),
                       std::tuple(zero, slow->invalid_value, slow->last_target));
-            EXPECT_THAT(drain(pipes[0], next),
-                        testing::Pointwise(testing::NanSensitiveDoubleEq(), drain(pipes[1], slowNext)));
+            EXPECT_THAT(drain(pipes[0], next), Pointwise(NanSensitiveDoubleEq(), drain(pipes[1], slowNext)));
         }
         EXPECT_EQ(channel.errors.rezeros().empty(), !form.scaled);
         EXPECT_EQ(memory.count(), 0);
