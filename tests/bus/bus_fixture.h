@@ -9,10 +9,9 @@
 #include "libvu/bus/xcp_set.h"
 #include "libvu/core/wire_private.h"
 #include "tests/support/allocation_faults.h"
+#include "tests/support/cases.h"
 #include "tests/support/error_trap.h"
-#include "tests/support/split.h"
 #include "tests/support/streams.h"
-#include "tests/support/temp_dir.h"
 
 namespace vu::test {
 
@@ -44,7 +43,7 @@ inline uint64_t payloadOf(const std::string &hex)
     return std::stoull((hex + std::string(16, '0')).substr(0, 16), nullptr, 16);
 }
 
-inline json field(const std::string &format, int start, int length)
+inline json field(const std::string &format, const json &start, const json &length)
 {
     return {{"db_data_format", format}, {"db_bit_start", start}, {"db_bit_length", length}};
 }
@@ -153,13 +152,5 @@ protected:
     ErrorTrap errors;
     AllocationFaults memory;
 };
-
-// The lines of a file beside these tests, without empty ones and comments.
-inline Strings linesOf(const std::string &file)
-{
-    Strings lines = split(readText(VU_SOURCE_DIR "/tests/bus/" + file), '\n');
-    std::erase_if(lines, [](const std::string &line) { return line.empty() || line.starts_with("//"); });
-    return lines;
-}
 
 } // namespace vu::test

@@ -32,14 +32,14 @@ protected:
 
 TEST_F(Stanzas, AreRefusedInClearWords)
 {
-    for (const std::string &line : linesOf("refusals.txt")) {
-        const size_t space = line.find(' '), end = line.find(" > ");
-        const std::string kind = line.substr(0, space), report = line.substr(end + 3);
-        json all = json::parse(line.substr(space, end - space));
+    for (const Strings &parts : cases("bus/refusals.txt")) {
+        const size_t space = parts[0].find(' ');
+        const json all = json::parse(parts[0].substr(space));
         for (const json &changes : all.is_array() ? all : json::array({all})) {
-            EXPECT_FALSE(of(kind).add(changes)) << line;
+            EXPECT_FALSE(of(parts[0].substr(0, space)).add(changes)) << parts[0];
             const std::string said = fmt::format("{}", fmt::join(errors.texts(), " | "));
-            EXPECT_EQ(report.ends_with('?') ? said.substr(0, report.size() - 1) + '?' : said, report);
+            const bool begins = parts[1].ends_with('?');
+            EXPECT_EQ(begins ? said.substr(0, parts[1].size() - 1) + '?' : said, parts[1]);
         }
     }
     EXPECT_EQ(xcp.xcp->count, 0u); // a refused measurement takes no index

@@ -34,41 +34,50 @@ void tell(Signals &signals, const Strings &words)
         signals.after(batch);
 }
 
-void play(const std::string &kind, const Strings &lines, ErrorTrap &errors)
+void addFields(Signals &signals, const Strings &words)
+{
+    for (size_t i = 1; i < words.size(); i++) {
+        const Strings parts = split(words[i], ':');
+        ASSERT_TRUE(signals.add(field(parts[0], json::parse(parts[1]), json::parse(parts[2])))) << words[i];
+    }
+}
+
+void play(const std::string &kind, std::span<const Strings> lines, ErrorTrap &errors)
 {
     Signals signals(kind);
     const auto callback = libvuRezeroCallback;
-    for (const std::string &line : lines) {
-        const size_t end = line.find(" > ");
-        const Strings words = split(line.substr(0, end), ' ');
+    for (const Strings &line : lines) {
+        const Strings words = split(line[0], ' ');
         if (words[0] == "signal")
-            ASSERT_TRUE(signals.add(json::parse(line.substr(7)))) << line;
+            ASSERT_TRUE(signals.add(json::parse(line[0].substr(7)))) << line[0];
+        else if (words[0] == "fields")
+            addFields(signals, words);
         else if (words[0] == "deaf" || words[0] == "hearing")
             libvuRezeroCallback = words[0] == "deaf" ? nullptr : callback;
         else if (words[0] == "ask")
             *signals.pending.at(std::stoul(words[1])) = 1;
         else
             tell(signals, words);
-        if (end == std::string::npos)
+        if (line.size() == 1)
             continue;
         std::string held = fmt::format("{} / {}", fmt::join(signals.each(&Sequentializer::value), " "),
                                        fmt::join(signals.each(&Sequentializer::sample_count), " "));
         for (const char *sign = " !"; const auto &[name, zero] : errors.rezeros())
             held += fmt::format("{} {} {}", std::exchange(sign, ""), name, zero);
-        EXPECT_EQ(held, line.substr(end + 3)) << line;
+        EXPECT_EQ(held, line[1]) << line[0];
     }
 }
 
 TEST_F(Bus, EveryTalkGoesAsItWasWritten)
 {
-    const Strings lines = linesOf("talks.txt");
-    const auto begins = [](const std::string &line) {
-        return line.starts_with("set") || line.starts_with("list") || line.starts_with("xcp");
+    const auto lines = cases("bus/talks.txt");
+    const auto begins = [](const Strings &line) {
+        return line[0].starts_with("set") || line[0].starts_with("list") || line[0].starts_with("xcp");
     };
     for (auto at = lines.begin(); at != lines.end();) {
         const auto end = std::find_if(at + 1, lines.end(), begins);
-        for (const std::string &kind : split(*at, ' '))
-            play(kind, Strings(at + 1, end), errors);
+        for (const std::string &kind : split((*at)[0], ' '))
+            play(kind, {at + 1, end}, errors);
         at = end;
     }
 }

@@ -5,9 +5,9 @@
 #include "libvu/core/callbacks.h"
 #include "tests/gps/receiver.h"
 #include "tests/support/allocation_faults.h"
+#include "tests/support/cases.h"
 #include "tests/support/error_trap.h"
 #include "tests/support/node_fixture.h"
-#include "tests/support/temp_dir.h"
 
 namespace vu::test {
 namespace {
@@ -50,7 +50,7 @@ void primeUtcStatus()
     receiver.feed(sentence("$GPGGA"));
 }
 
-TEST_F(Gps, EveryChannelOfBothTables)
+TEST_F(Gps, EveryChannelIsHeardAndNeedsNoMemory)
 {
     primeUtcStatus();
     for (const char *type : {"trkr-300", "TRKR-300-Plus", "Garmin GPS"}) {
@@ -58,13 +58,17 @@ TEST_F(Gps, EveryChannelOfBothTables)
         std::map<std::string, double> expected = channelsOf(type), heard;
         for (const auto &[name, value] : expected)
             ASSERT_TRUE(full.listen({{"source_database", type}, {"connector", name + "_and_a_tail"}}));
-        for (const char *id : {"$GPRMC", "$GPGGA", "$GPGSA", "$PRTLH", "$PRTLS", "$PRTLR", "$PRTLV", "$PRTLA",
-                               "$PRTLG", "$PRTLT", "$GPGLL", "$GPVTG", "$GPZDA"}) {
-            const std::vector<double> values = full.say(sentence(id));
-            for (size_t i = 0; i < values.size(); i++)
-                if (values[i] != kSilent)
-                    heard[full.signals[i]->extractor->name] = values[i];
-        }
+        memory.reset();
+        for (int64_t fix = 0; fix < 300; fix++)
+            for (const std::string id :
+                 {"$GPRMC", "$GPGGA", "$GPGSA", "$PRTLH", "$PRTLS", "$PRTLR", "$PRTLV", "$PRTLA", "$PRTLG",
+                  "$PRTLT", "$GPGLL", "$GPVTG", "$GPZDA", "#pps", "#hb"}) {
+                const auto values = full.say(id[0] == '#' ? id + "\r\n" : sentence(id), fix * kSecond / 10);
+                for (size_t i = 0; i < values.size(); i++)
+                    if (values[i] != kSilent)
+                        heard[full.signals[i]->extractor->name] = values[i];
+            }
+        EXPECT_EQ(memory.count(), 0);
         EXPECT_EQ(heard, expected) << type;
     }
 }
@@ -98,6 +102,11 @@ protected:
         if (word == "receiver") {
             primeUtcStatus();
             receiver.emplace();
+            for (const std::string &name : split(rest, ' ')) {
+                const Strings parts = split(name, ':'); // its kind of receiver before it
+                receiver->listen({{"connector", parts.back()},
+                                  {"source_database", parts.size() > 1 ? parts[0] : "Garmin GPS"}});
+            }
         } else if (word == "ask") {
             for (GpsSignal *signal : receiver->signals)
                 signal->rezero_pending = 1;
@@ -125,12 +134,10 @@ protected:
 
 TEST_F(Talk, EveryLineOfTheFile)
 {
-    for (const std::string &line : split(readText(VU_SOURCE_DIR "/tests/gps/talks.txt"), '\n')) {
-        const size_t said = std::min(line.find(" > "), line.size()), word = line.find(' ');
-        const std::string rest = word < said ? line.substr(word + 1, said - word - 1) : "";
-        if (line.empty() || line[0] == '/')
-            continue;
-        EXPECT_EQ(outcome(line.substr(0, word), rest), line.substr(std::min(said + 3, line.size()))) << line;
+    for (const Strings &line : cases("gps/talks.txt")) {
+        const size_t word = line[0].find(' ');
+        const std::string rest = word < line[0].size() ? line[0].substr(word + 1) : "";
+        EXPECT_EQ(outcome(line[0].substr(0, word), rest), line.size() > 1 ? line[1] : "") << line[0];
     }
 }
 
@@ -180,17 +187,6 @@ TEST_F(Gps, RecordsAreRewrittenInPlace)
     }
     free(std::exchange(receiver.channel.channel_aux, nullptr));
     EXPECT_EQ(receiver.say("$GPGSA,A,3,")[0], kSilent);
-}
-
-TEST_F(Gps, NumbersNeedNoMemory)
-{
-    for (const auto &[name, value] : channelsOf("Garmin GPS"))
-        receiver.listen({{"connector", name}});
-    memory.reset();
-    for (int64_t fix = 0; fix < 300; fix++)
-        for (const char *text : {"$GPRMC", "$GPGGA", "$GPGSA", "#pps\r\n", "#hb\r\n"})
-            receiver.feed(text[0] == '#' ? text : sentence(text), fix * kSecond / 10);
-    EXPECT_EQ(memory.count(), 0);
 }
 
 } // namespace

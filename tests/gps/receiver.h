@@ -24,11 +24,15 @@ inline std::map<std::string, double> channelsOf(const std::string &type)
     constexpr const char *kTable =
 #include "tests/gps/channels.txt"
         ;
+    const char letter = type[0] == 'G' ? 'G' : type.ends_with("Plus") ? 'P' : 'T';
     std::istringstream words(kTable);
     std::map<std::string, double> channels;
-    for (std::string name, garmin, small, plus; words >> name >> garmin >> small >> plus;)
-        if (const auto &value = type[0] == 'G' ? garmin : type.ends_with("Plus") ? plus : small; value != "-")
-            channels[name] = std::stod(value);
+    std::string receivers;
+    for (std::string word; words >> word;)
+        if (const size_t is = word.find('='); is > word.size())
+            receivers = word;
+        else if (receivers.find(letter) < receivers.size())
+            channels[word.substr(0, is)] = std::stod(word.substr(is + 1));
     return channels;
 }
 

@@ -3,9 +3,9 @@
 #include <random>
 
 #include "tests/gps/receiver.h"
+#include "tests/support/cases.h"
 #include "tests/support/error_trap.h"
 #include "tests/support/streams.h"
-#include "tests/support/temp_dir.h"
 
 namespace vu::test {
 namespace {
@@ -26,14 +26,14 @@ protected:
 TEST_F(TimestampAdjustment, Scripts)
 {
     const auto ticks = [](const std::string &seconds) { return std::llround(std::stod(seconds) * kSecond); };
-    for (const std::string &script : split(readText(VU_SOURCE_DIR "/tests/gps/times.txt"), '\n')) {
+    for (const Strings &script : cases("gps/times.txt")) {
         gpsReinitNmeaTSAdjust();
-        for (const std::string &step : split(script[0] == '/' ? "" : script, ' ')) {
+        for (const std::string &step : split(script[0], ' ')) {
             const Strings parts = split(step, '@'), times = split(parts[1], '=');
             const int64_t answer = adjusted(parts[0], ticks(times[0]));
             const bool exact = times.size() == 1 || times[1] == "!";
             EXPECT_NEAR(answer, times.back() == "!" ? -1 : ticks(times.back()), !exact)
-                << step << " of " << script;
+                << step << " of " << script[0];
         }
     }
 }

@@ -8,7 +8,6 @@
 #include <optional>
 
 #include "tests/road/table.h"
-#include "tests/support/command.h"
 #include "tests/support/running_vu.h"
 
 namespace vu::test {

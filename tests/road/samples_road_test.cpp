@@ -37,7 +37,7 @@ protected:
         for (int i = 0; i < replay.channels; i++) {
             Json more = Json::object();
             if (replay.tcp)
-                more["address"] = "tcp:127.0.0.1:" + std::to_string(42000 + getpid() % 20000 + i);
+                more["address"] = "tcp:127.0.0.1:" + std::to_string(12000 + getpid() * 4 % 20000 + i);
             addChannel("c" + std::to_string(i),
                        {{"data_type", std::string("sequential_float") + replay.width}, {"sample_rate", rate}},
                        source, more);

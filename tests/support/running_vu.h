@@ -1,4 +1,5 @@
-// The built command running beside a test, which can watch it, send it signals and write to its input.
+// The built command running beside a test, which can watch it, send it signals and write to its input; or run
+// to its end.
 #pragma once
 
 #include <chrono>
@@ -32,5 +33,19 @@ private:
     pid_t pid_ = -1;
     int input_ = -1;
 };
+
+struct CommandResult {
+    int status = -1; // as of wait()
+    std::string out;
+    std::string err;
+};
+
+// `vu` with these arguments, each passed as it is.
+inline CommandResult runVu(const std::vector<std::string> &arguments)
+{
+    RunningVu command(arguments);
+    const int status = command.wait();
+    return {status, command.out(), command.err()};
+}
 
 } // namespace vu::test

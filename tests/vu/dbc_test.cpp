@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/road/table.h"
-#include "tests/vu/cases.h"
+#include "tests/support/cases.h"
 #include "vu/command.h"
 #include "vu/dbc/dbc.h"
 
@@ -15,34 +15,24 @@ namespace {
 using dbc::Stanzas;
 using Json = nlohmann::json;
 
-// A stanza as a row of the tables that come with the real files.
-Strings rowOf(const dbc::SignalStanza &signal)
+// What decides how a signal is decoded; at the end, if it has one, the mode in which it comes.
+std::string meaning(const dbc::SignalStanza &signal)
 {
     const Json stanza = Json::parse(signal.json);
-    const std::string format = stanza["db_data_format"], mode = stanza.value("db_mode_format", "");
+    const auto number = [&](const char *key) { return stanza[key].get<double>(); };
+    const auto text = [&](const char *key) { return stanza.value(key, ""); };
     const auto order = [](const std::string &of) { return of.ends_with("MSB") ? "motorola" : "intel"; };
-    Strings row = {signal.name,
-                   stanza["db_msg_id"],
-                   "",
-                   stanza["db_msg_mask"],
-                   stanza["db_bit_start"].dump(),
-                   stanza["db_bit_length"].dump(),
-                   order(format),
-                   format[0] != 'U' ? "1" : "0",
-                   format[0] == 'F' ? "1" : "0",
-                   stanza["scale"].dump(),
-                   stanza["offset"].dump()};
-    row.resize(17);
-    if (!mode.empty()) {
-        row[12] = stanza["db_mode_start"].dump();
-        row[13] = stanza["db_mode_length"].dump();
-        row[14] = order(mode);
-        row[16] = stanza["db_mode_value"].dump();
-    }
-    return row;
+    const std::string format = text("db_data_format"), mode = text("db_mode_format");
+    std::string all = fmt::format("{} + {} {} {} {} {} {} {:d} {:d}", number("scale"), number("offset"),
+                                  text("db_msg_id"), text("db_msg_mask"), number("db_bit_start"),
+                                  number("db_bit_length"), order(format), format[0] != 'U', format[0] == 'F');
+    if (!mode.empty())
+        all += fmt::format(" {} {} {} {}", number("db_mode_start"), number("db_mode_length"), order(mode),
+                           number("db_mode_value"));
+    return all;
 }
 
-// What of it decides how the signal is decoded.
+// The same of a row of the tables that come with the real files.
 std::string meaning(const Strings &row)
 {
     std::string text = fmt::format("{} + {}", std::stod(row[9]), std::stod(row[10]));
@@ -63,10 +53,10 @@ TEST(Dbc, RealFilesMeanWhatOtherDecodersMakeOfThem)
         options.match = name.starts_with("canboat") ? dbc::Match::kPgn : dbc::Match::kExact;
         std::map<std::string, Strings> meanings; // by name
         for (const auto &signal : toStanzas(dbc::parse(unpacked(entry), name), options).signals) {
-            const Strings row = rowOf(signal);
-            const std::string mode = ".m" + row[16]; // ends the names of several selector values
-            const size_t cut = signal.name.ends_with(mode) ? mode.size() : 0;
-            meanings[signal.name.substr(0, signal.name.size() - cut)].push_back(meaning(row));
+            const std::string meant = meaning(signal), mode = ".m" + meant.substr(meant.rfind(' ') + 1);
+            const size_t cut =
+                signal.name.ends_with(mode) ? mode.size() : 0; // one of several selector values
+            meanings[signal.name.substr(0, signal.name.size() - cut)].push_back(meant);
         }
         for (Strings row : table(entry.path().parent_path() / "signals.csv")) {
             if (row.back() == "mux_value" || (row[0].ends_with(".dbc") && row[0] != name))
@@ -90,7 +80,7 @@ TEST(Dbc, EverySignalIsTranslatedOrNamed)
         const Stanzas stanzas = toStanzas(dbc::read(base + ".dbc"), options);
         Strings said = stanzas.warnings;
         for (const auto &signal : stanzas.signals)
-            said.push_back(fmt::format("{} [{}]: {}", signal.name, signal.unit, meaning(rowOf(signal))));
+            said.push_back(fmt::format("{} [{}]: {}", signal.name, signal.unit, meaning(signal)));
         EXPECT_EQ(said, split(readText(base + ".txt"), '\n'));
     }
     options.select = {"Eng*", "*.O?e", "Nobody"};
@@ -101,7 +91,7 @@ TEST(Dbc, EverySignalIsTranslatedOrNamed)
 
 TEST(Dbc, ASyntaxErrorNamesFileAndLine)
 {
-    for (const Strings &parts : cases("dbc_errors.txt"))
+    for (const Strings &parts : cases("vu/dbc_errors.txt"))
         EXPECT_THAT([&] { dbc::parse(parts[0], "t.dbc"); },
                     ::testing::ThrowsMessage<InputError>(::testing::HasSubstr(parts[1])))
             << parts[0];

@@ -1,8 +1,8 @@
 // Files that are whole in every byte and do not say the truth, or say what no reader understands.
 #include <gmock/gmock.h>
 
+#include "tests/support/cases.h"
 #include "tests/support/krd_builder.h"
-#include "tests/vu/cases.h"
 #include "vu/command.h"
 #include "vu/krdfile/check.h"
 
@@ -20,7 +20,7 @@ TEST(KrdCheck, EachLieIsFoundAndNamed)
         {"name":"can","kind":"message_can","sample_rate":0,"element":"can","element_size":21},
         {"name":"temp","kind":"message_float","sample_rate":0,"element_size":12}])";
     TempDir folder;
-    for (const Strings &parts : cases("lies.txt")) {
+    for (const Strings &parts : cases("vu/lies.txt")) {
         SCOPED_TRACE(parts[0]);
         const Json lie = Json::parse(parts[0]);
         KrdBuilder file(folder.path("lie.krd"), channels, lie.value("catalogue", Json()));

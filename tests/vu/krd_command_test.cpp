@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "tests/support/command.h"
+#include "tests/support/cases.h"
 #include "tests/support/krd_builder.h"
-#include "tests/vu/cases.h"
+#include "tests/support/running_vu.h"
 #include "vu/krdfile/recording.h"
 
 namespace vu::test {
@@ -82,7 +82,7 @@ TEST_F(KrdCommand, EveryLineOfTheFile)
         writeText(folder.path(name), std::string(whole).replace(at, gone, put));
 
     CommandResult result;
-    for (std::string latest; const Strings &parts : cases("krd_commands.txt")) {
+    for (std::string latest; const Strings &parts : cases("vu/krd_commands.txt")) {
         SCOPED_TRACE(parts[0] + " > " + parts[1]);
         if (std::exchange(latest, parts[0]) != parts[0])
             result = run(parts[0]);
@@ -90,6 +90,9 @@ TEST_F(KrdCommand, EveryLineOfTheFile)
         EXPECT_EQ(result.status, isStatus ? parts[1][0] - '0' : 0) << result.err;
         EXPECT_THAT('^' + (isStatus ? result.out + result.err : shown(exported(parts[1]))) + '$',
                     HasSubstr(parts[2]));
+        if (parts[0].find("-o @mended") < parts[0].size()) {
+            EXPECT_THAT(run("verify @mended").out, HasSubstr("whole: "));
+        }
     }
 }
 

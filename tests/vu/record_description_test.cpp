@@ -4,8 +4,8 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "tests/support/command.h"
-#include "tests/vu/cases.h"
+#include "tests/support/cases.h"
+#include "tests/support/running_vu.h"
 #include "vu/command.h"
 #include "vu/record/description.h"
 #include "vu/record/forecast.h"
@@ -40,7 +40,7 @@ Description described(const std::string &changes)
 
 TEST(Description, EveryLineOfTheFile)
 {
-    for (const Strings &parts : cases("descriptions.txt")) {
+    for (const Strings &parts : cases("vu/descriptions.txt")) {
         Strings said;
         try {
             said = parseDescription(changed(parts[0]), "t.json", Sources::kHere).warnings;
@@ -93,12 +93,17 @@ TEST(Description, ForecastCountsWhatIsStored)
 TEST(Description, CheckAsksTheLibrary)
 {
     TempDir folder;
-    writeText(folder.path("t.json"), changed(R"({"/channels/1/signals": [{"name": "s", "data_type": "float32",
+    writeText(folder.path("t.json"), changed(R"({"/channels/0/stanza/connector": "gps",
+        "/channels/0/stanza/data_type": "message_raw",
+        "/channels/0/gps": {"receiver": "Nobody", "signals": ["latitude"], "sample_rate": 1, "stale": 1, "invalid": 0},
+        "/channels/1/signals": [{"name": "s", "data_type": "float32",
         "db_msg_id": "1", "db_bit_start": 60, "db_bit_length": 8, "db_data_format": "ULSB", "scale": 1, "offset": 0,
         "sample_rate": 1, "invalid_data_output_value": 0, "stale_data_expiration_time": 1}]})"));
     const auto refused = runVu({"check", folder.path("t.json")});
     EXPECT_EQ(refused.status, 2);
-    EXPECT_THAT(refused.err, HasSubstr("t.json:23: channels[1].signals[0]: Invalid CAN signal JSON"));
+    EXPECT_THAT(refused.err,
+                HasSubstr("channels[0].gps.signals[0]: latitude:  Unrecognized GPS type 'Nobody'"));
+    EXPECT_THAT(refused.err, HasSubstr("t.json:32: channels[1].signals[0]: Invalid CAN signal JSON"));
     EXPECT_EQ(runVu({"check", VU_SOURCE_DIR "/examples/drive/drive.json"}).status, 0);
 }
 

@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <zlib.h>
 
-#include "tests/vu/cases.h"
+#include "tests/support/cases.h"
 #include "tests/vu/source_process.h"
 #include "vu/source/can_live.h"
 #include "vu/source/candump_line.h"
@@ -67,7 +67,7 @@ std::string shown(const CandumpLine &line)
 
 TEST(CandumpLine, OfEveryFormIsTakenOrToldApart)
 {
-    for (const Strings &parts : cases("candump_lines.txt"))
+    for (const Strings &parts : cases("vu/candump_lines.txt"))
         EXPECT_EQ(shown(parseCandumpLine(parts[0])), parts[1]) << parts[0];
 }
 
@@ -103,9 +103,9 @@ TEST_F(CandumpLog, BringsEveryFrameAtItsTimePlainOrCompressed)
     gzclose(packed);
     EXPECT_EQ(play("a.gz"), expected);
 
-    Bytes bytes = readBytes(folder.path("a.gz"));
+    std::string bytes = readText(folder.path("a.gz"));
     bytes[bytes.size() * 3 / 4] ^= 0x40; // what can be unpacked before the damage is kept
-    writeBytes(folder.path("bad.gz"), bytes);
+    writeText(folder.path("bad.gz"), bytes);
     const std::vector<Timed> whole = play("bad.gz", 2);
     EXPECT_THAT(said, HasSubstr("bad.gz:"));
     EXPECT_GT(whole.size(), 1000u);

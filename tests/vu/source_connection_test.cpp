@@ -5,8 +5,7 @@
 #include <numeric>
 #include <unistd.h>
 
-#include "tests/support/command.h"
-#include "tests/vu/cases.h"
+#include "tests/support/cases.h"
 #include "tests/vu/source_process.h"
 
 namespace vu::test {
@@ -140,7 +139,7 @@ TEST(SourceFaults, AreWhatTheyAreToldToBe)
 
 TEST(SourceUsage, MistakesAreToldInOneLineBeforeAnybodyListens)
 {
-    for (const Strings &parts : cases("source_mistakes.txt")) {
+    for (const Strings &parts : cases("vu/source_mistakes.txt")) {
         const std::string address =
             parts[0].find("--listen") < parts[0].size() ? "" : " --listen unix:/proc/none";
         const CommandResult result = runVu(words("source " + parts[0] + address));

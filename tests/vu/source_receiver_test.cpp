@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "tests/vu/cases.h"
+#include "tests/support/cases.h"
 #include "tests/vu/source_process.h"
 #include "vu/source/nmea_live.h"
 #include "vu/source/nmea_log.h"
@@ -34,7 +34,7 @@ std::vector<Timed> eventsOf(const Stream &stream)
 TEST(NmeaLine, IsASentenceWithAFittingChecksumOrNone)
 {
     const char *const kinds[] = {"sentence", "blank", "bad"};
-    for (const Strings &parts : cases("nmea_lines.txt")) {
+    for (const Strings &parts : cases("vu/nmea_lines.txt")) {
         const std::string line = nlohmann::json::parse(parts[0]);
         const NmeaLine got = parseNmeaLine(line);
         const std::string arrival = got.arrival ? fmt::format(" {}", *got.arrival) : "";
@@ -60,7 +60,7 @@ TEST(ReceiverSource, BringsWhatTheFileSays)
 {
     const TempDir folder;
     const std::string log = folder.path("a.nmea");
-    for (const Strings &parts : cases("receiver_events.txt")) {
+    for (const Strings &parts : cases("vu/receiver_events.txt")) {
         writeText(log, parts[1]);
         std::string line = parts[0] + " --speed 0", said, got;
         if (const size_t at = line.find('@'); at < line.size())

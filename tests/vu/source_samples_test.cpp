@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <sndfile.hh>
 
-#include "tests/vu/cases.h"
+#include "tests/support/cases.h"
 #include "tests/vu/source_process.h"
 
 namespace vu::test {
@@ -83,7 +83,7 @@ TEST(Table, OfManyFormsIsReadUpToABadLine)
 {
     const TempDir folder;
     const std::string file = folder.path("t.csv"), source = "csv " + file + " --sample-rate 100 ";
-    for (const Strings &parts : cases("csv_files.txt")) {
+    for (const Strings &parts : cases("vu/csv_files.txt")) {
         writeText(file, nlohmann::json::parse(parts[0]));
         std::vector<double> expected;
         for (const std::string &number : words(parts[2]))

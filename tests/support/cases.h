@@ -1,5 +1,5 @@
 // Cases that stand in text files beside the tests: a line each, its parts between " > ", "~" being the end of
-// a line within one. Lines that begin with "//" are comments.
+// a line within one. Lines that are empty or begin with "//" are none.
 #pragma once
 
 #include <algorithm>
@@ -12,8 +12,8 @@ namespace vu::test {
 inline std::vector<Strings> cases(const std::string &file)
 {
     std::vector<Strings> all;
-    for (std::string line : split(readText(VU_SOURCE_DIR "/tests/vu/" + file), '\n')) {
-        if (line.starts_with("//"))
+    for (std::string line : split(readText(VU_SOURCE_DIR "/tests/" + file), '\n')) {
+        if (line.empty() || line.starts_with("//"))
             continue;
         std::replace(line.begin(), line.end(), '~', '\n');
         Strings &parts = all.emplace_back();
