@@ -46,7 +46,8 @@ struct NoScaling {
     NoScaling(float, float) {}
     static bool isZeroPending(const CanSignalNode *) { return false; }
     static void zero(CanSignalNode *, float) {}
-    float operator()(const CanSignalNode *, float value) const { return value; }
+    NoScaling of(const CanSignalNode *) const { return *this; }
+    float operator()(float value) const { return value; }
 };
 
 // A pending zero takes the value as it came, unscaled: only a scale of 1 and an offset of 0 then read 0.0.
@@ -63,10 +64,12 @@ struct ScaleOffset {
         libvuRezeroCallback(signal->name, signal->rezero_offset);
         signal->rezero_pending = 0;
     }
-    float operator()(const CanSignalNode *signal, float value) const
+    // As the signal's zero leaves it.
+    ScaleOffset of(const CanSignalNode *signal) const
     {
-        return std::fma(value, scale, static_cast<float>(double{offset} - signal->rezero_offset));
+        return {scale, static_cast<float>(double{offset} - signal->rezero_offset)};
     }
+    float operator()(float value) const { return std::fma(value, scale, offset); }
 };
 
 template <typename Sample>
@@ -91,13 +94,14 @@ void timeToHost(uint8_t *sample, const WireSample &wire)
 // state in registers; nearly all of them. Returns the first that it leaves.
 template <typename Order, typename Scaling>
 VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample, const uint8_t *end,
-                                   Scaling scaled)
+                                   Scaling scaling)
 {
     Sequentializer &seq = *signal.sequentializer;
     Frame *const frame = seq.current_frame;
     if (!frame || !vu::WholeClock::steps(*seq.clock) || Scaling::isZeroPending(&signal))
         return sample;
     vu::WholeClock clock(*seq.clock);
+    const Scaling scaled = scaling.of(&signal);
     const bool isDouble = seq.element_size == sizeof(double);
     const uint32_t before = frame->length, last = frame->capacity - 1;
     uint32_t length = before;
@@ -125,7 +129,7 @@ VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample,
         timeToHost(sample, wire);
         if (wire.value == vu::kNoValueBits)
             continue;
-        held = scaled(&signal, std::bit_cast<float>(wire.value));
+        held = scaled(std::bit_cast<float>(wire.value));
         expiry = vu::addSaturated(clock.next, seq.stale_ticks);
     }
     frame->length = length;
@@ -138,7 +142,7 @@ VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample,
 
 // Any sample.
 template <typename Order, typename Scaling>
-[[gnu::noinline]] void takeSample(CanSignalNode *signal, uint8_t *sample, Scaling scaled)
+[[gnu::noinline]] void takeSample(CanSignalNode *signal, uint8_t *sample, Scaling scaling)
 {
     const WireSample wire = Order::load(sample);
     timeToHost(sample, wire);
@@ -154,43 +158,43 @@ template <typename Order, typename Scaling>
     const auto value = std::bit_cast<float>(wire.value);
     if (Scaling::isZeroPending(signal))
         Scaling::zero(signal, value);
-    vu::takeValue(*signal->sequentializer, time, scaled(signal, value));
+    vu::takeValue(*signal->sequentializer, time, scaling.of(signal)(value));
 }
 
 template <typename Order, typename Scaling>
-VU_INLINE_KERNEL void takeSamples(CanSignalNode *signal, uint8_t *sample, uint32_t size, Scaling scaled)
+VU_INLINE_KERNEL void takeSamples(CanSignalNode *signal, uint8_t *sample, uint32_t size, Scaling scaling)
 {
     const uint8_t *const end = sample + size / kSample * kSample;
     for (;;) {
-        sample = runAhead<Order>(*signal, sample, end, scaled);
+        sample = runAhead<Order>(*signal, sample, end, scaling);
         if (sample == end)
             return;
-        takeSample<Order>(signal, sample, scaled);
+        takeSample<Order>(signal, sample, scaling);
         sample += kSample;
     }
 }
 
 template <typename Order, typename Scaling>
-void takePlain(CanSignalNode *signal, uint8_t *sample, uint32_t size, Scaling scaled)
+void takePlain(CanSignalNode *signal, uint8_t *sample, uint32_t size, Scaling scaling)
 {
-    takeSamples<Order>(signal, sample, size, scaled);
+    takeSamples<Order>(signal, sample, size, scaling);
 }
 
 template <typename Order, typename Scaling>
-VU_AVX2 void takeAvx2(CanSignalNode *signal, uint8_t *sample, uint32_t size, Scaling scaled)
+VU_AVX2 void takeAvx2(CanSignalNode *signal, uint8_t *sample, uint32_t size, Scaling scaling)
 {
-    takeSamples<Order>(signal, sample, size, scaled);
+    takeSamples<Order>(signal, sample, size, scaling);
 }
 
 template <typename Order, typename Scaling>
-void take(CanSignalNode *signal, void *payload, uint32_t size, Scaling scaled)
+void take(CanSignalNode *signal, void *payload, uint32_t size, Scaling scaling)
 {
     if (!signal->proxy) // the host has not said where the test starts
         return;
     if (kHasAvx2)
-        takeAvx2<Order, Scaling>(signal, static_cast<uint8_t *>(payload), size, scaled);
+        takeAvx2<Order, Scaling>(signal, static_cast<uint8_t *>(payload), size, scaling);
     else
-        takePlain<Order, Scaling>(signal, static_cast<uint8_t *>(payload), size, scaled);
+        takePlain<Order, Scaling>(signal, static_cast<uint8_t *>(payload), size, scaling);
 }
 
 bool nothingMore(const vu::Stanza &, vu::RequiredKeys &, CanSignalNode &)
