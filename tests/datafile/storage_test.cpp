@@ -3,7 +3,7 @@
 
 #include "tests/datafile/data_file.h"
 #include "tests/support/allocation_faults.h"
-#include "tests/support/split.h"
+#include "tests/support/cases.h"
 
 using namespace testing;
 using namespace vu::test;
@@ -172,9 +172,7 @@ TEST_F(Storage, EveryEntryOfTheTableStoresToTheBit)
 
 TEST_F(Storage, NamesChooseTheConvertor)
 {
-    for (const std::string &line : split(readText(VU_SOURCE_DIR "/tests/datafile/conversions.txt"), '\n')) {
-        if (line[0] == '/')
-            continue;
+    for (const std::string &line : linesOf("datafile/conversions.txt")) {
         SCOPED_TRACE(line);
         std::istringstream words(line);
         std::string source, destination, bare, encoding, outcome;

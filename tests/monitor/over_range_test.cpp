@@ -7,10 +7,10 @@
 #include "libvu/monitor/element_access.h"
 #include "libvu/monitor/over_range.h"
 #include "tests/support/allocation_faults.h"
+#include "tests/support/cases.h"
 #include "tests/support/error_trap.h"
 #include "tests/support/interpose.h"
 #include "tests/support/node_fixture.h"
-#include "tests/support/split.h"
 #include "tests/support/temp_dir.h"
 
 using namespace testing;
@@ -91,11 +91,9 @@ Doubles quiet(size_t count, const std::vector<std::pair<size_t, double>> &loud =
 
 TEST_F(OverRange, WorkedWindows)
 {
-    for (const std::string &line : split(readText(VU_SOURCE_DIR "/tests/monitor/windows.txt"), '\n'))
+    for (const std::string &line : linesOf("monitor/windows.txt"))
         for (const int size : {4, 8}) {
             const Strings words = split(line.substr(0, line.find('|')), ' ');
-            if (words[0] == "//")
-                continue;
             Doubles samples(std::stoul(words[3]));
             for (size_t i = 4; i < words.size(); i += 2)
                 samples.at(std::stoul(words[i])) = std::stod(words[i + 1]);

@@ -106,7 +106,7 @@ void play(const std::string &line)
 
 TEST(MessageRecords, BecomeFramesAndReachSignalsAndEndTheEventOrNot)
 {
-    for (const std::string &line : linesOf("messages.txt")) {
+    for (const std::string &line : linesOf("proxy/messages.txt")) {
         SCOPED_TRACE(line);
         play(line);
     }

@@ -1,15 +1,14 @@
-// The vocabulary of the channels' tests: their traps, a channel that is listened to, and tables.
+// The vocabulary of the channels' tests: their traps, and a channel that is listened to.
 #pragma once
 
 #include <gmock/gmock.h>
 
 #include "libvu/core/callbacks.h"
 #include "tests/support/allocation_faults.h"
+#include "tests/support/cases.h"
 #include "tests/support/error_trap.h"
 #include "tests/support/interpose.h"
 #include "tests/support/node_fixture.h"
-#include "tests/support/split.h"
-#include "tests/support/temp_dir.h"
 
 namespace vu::test {
 
@@ -30,14 +29,5 @@ struct PairChannel : TestChannel {
 
     Pipe *const pipe = listen();
 };
-
-// The lines of a file beside these tests, without empty ones and comments.
-inline Strings linesOf(const std::string &file)
-{
-    Strings lines = split(readText(VU_SOURCE_DIR "/tests/proxy/" + file), '\n');
-    std::erase_if(lines, [](const std::string &line) { return line.empty() || line.starts_with("//"); });
-    EXPECT_FALSE(lines.empty());
-    return lines;
-}
 
 } // namespace vu::test

@@ -142,7 +142,7 @@ void calibrate(const std::string &line)
 
 TEST(Calibration, ScalesOffsetsAndZeroes)
 {
-    for (const std::string &line : linesOf("calibrations.txt")) {
+    for (const std::string &line : linesOf("proxy/calibrations.txt")) {
         calibrate<float>(line);
         calibrate<double>(line);
     }

@@ -1,6 +1,5 @@
 #include "tests/stream/stream_fixture.h"
-#include "tests/support/split.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/cases.h"
 
 using namespace vu::test;
 
@@ -18,9 +17,7 @@ std::string cutBehind(std::string &line, const std::string &mark)
 TEST(Metainfo, SaysWhatIsWrongAndBindsTheFirstSignalWhoseStanzaHoldsTheName)
 {
     StreamChannel channel;
-    for (std::string line : split(readText(VU_SOURCE_DIR "/tests/stream/metainfo.txt"), '\n')) {
-        if (line.empty() || line.starts_with("//"))
-            continue;
+    for (std::string line : linesOf("stream/metainfo.txt")) {
         SCOPED_TRACE(line);
         const std::string bound = cutBehind(line, " @ "), report = cutBehind(line, " # ");
         const auto number = static_cast<uint32_t>(std::stoul(line));
