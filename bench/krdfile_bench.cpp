@@ -11,7 +11,7 @@
 
 #include "bench/turns.h"
 #include "libvu/datafile/krd_format.h"
-#include "vu/krdfile/export_formats.h"
+#include "vu/krdfile/export/export_formats.h"
 
 namespace {
 

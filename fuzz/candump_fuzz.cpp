@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 
 #include "fuzz/target.h"
-#include "vu/source/candump_line.h"
+#include "vu/source/can/candump_line.h"
 
 using vu::CandumpLine;
 

@@ -5,8 +5,8 @@
 
 #include "fuzz/target.h"
 #include "vu/command.h"
-#include "vu/record/description.h"
-#include "vu/record/forecast.h"
+#include "vu/description/description.h"
+#include "vu/description/forecast.h"
 
 void fuzz(const uint8_t *data, size_t size)
 {

@@ -11,7 +11,7 @@
 #include "vu/command.h"
 #include "vu/krdfile/check.h"
 #include "vu/krdfile/envelope.h"
-#include "vu/krdfile/export_formats.h"
+#include "vu/krdfile/export/export_formats.h"
 #include "vu/krdfile/rewrite.h"
 
 using namespace vu::krd;

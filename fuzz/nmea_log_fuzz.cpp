@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "fuzz/target.h"
+#include "vu/source/gps/nmea_log.h"
+#include "vu/source/gps/nmea_sentence.h"
 #include "vu/source/log_time.h"
-#include "vu/source/nmea_log.h"
-#include "vu/source/nmea_sentence.h"
 
 void fuzz(const uint8_t *data, size_t size)
 {

@@ -7,9 +7,9 @@
 #include "tests/support/cases.h"
 #include "tests/support/running_vu.h"
 #include "vu/command.h"
-#include "vu/record/description.h"
-#include "vu/record/forecast.h"
-#include "vu/record/store_rules.h"
+#include "vu/description/description.h"
+#include "vu/description/forecast.h"
+#include "vu/description/store_rules.h"
 
 namespace vu::test {
 namespace {

@@ -7,8 +7,8 @@
 
 #include "tests/support/cases.h"
 #include "tests/vu/source_process.h"
-#include "vu/source/can_live.h"
-#include "vu/source/candump_line.h"
+#include "vu/source/can/can_live.h"
+#include "vu/source/can/candump_line.h"
 
 namespace vu::test {
 namespace {

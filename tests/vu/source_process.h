@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "tests/support/running_vu.h"
-#include "vu/source/wire_writer.h"
+#include "vu/source/serve/wire_writer.h"
 
 namespace vu::test {
 

@@ -7,8 +7,8 @@
 
 #include "tests/support/cases.h"
 #include "tests/vu/source_process.h"
-#include "vu/source/nmea_live.h"
-#include "vu/source/nmea_log.h"
+#include "vu/source/gps/nmea_live.h"
+#include "vu/source/gps/nmea_log.h"
 
 namespace vu::test {
 namespace {

@@ -10,7 +10,7 @@
 #include "vu/command.h"
 #include "vu/krdfile/envelope.h"
 #include "vu/krdfile/recording.h"
-#include "vu/krdfile/text_file.h"
+#include "vu/support/text_file.h"
 
 namespace vu::krd {
 

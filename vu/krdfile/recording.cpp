@@ -4,7 +4,7 @@
 
 #include "libvu/datafile/krd_format.h"
 #include "vu/command.h"
-#include "vu/krdfile/progress.h"
+#include "vu/support/progress.h"
 
 namespace vu::krd {
 

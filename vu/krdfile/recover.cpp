@@ -7,8 +7,8 @@
 #include "vu/command.h"
 #include "vu/krdfile/check.h"
 #include "vu/krdfile/rewrite.h"
-#include "vu/krdfile/text.h"
 #include "vu/support/output_file.h"
+#include "vu/support/texts.h"
 
 namespace vu::krd {
 

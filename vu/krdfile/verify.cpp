@@ -5,7 +5,7 @@
 
 #include "vu/command.h"
 #include "vu/krdfile/check.h"
-#include "vu/krdfile/text.h"
+#include "vu/support/texts.h"
 
 namespace vu::krd {
 

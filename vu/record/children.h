@@ -6,7 +6,7 @@
 #include <string>
 #include <sys/types.h>
 
-#include "vu/record/description.h"
+#include "vu/description/description.h"
 
 namespace vu {
 

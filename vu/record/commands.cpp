@@ -4,12 +4,12 @@
 #include <sys/socket.h>
 
 #include "vu/command.h"
-#include "vu/record/forecast.h"
+#include "vu/description/forecast.h"
+#include "vu/description/mistakes.h"
 #include "vu/record/live_channel.h"
-#include "vu/record/mistakes.h"
-#include "vu/record/progress.h"
 #include "vu/record/run.h"
-#include "vu/record/say.h"
+#include "vu/support/say.h"
+#include "vu/support/texts.h"
 
 namespace vu {
 
@@ -68,10 +68,10 @@ int check(const Options &options)
     }
     fmt::print("{}: {} channels, {} series stored in {}\n", test.name, test.channels.size(),
                expected.stored_tracks, test.file.string());
-    fmt::print("{}/s of periodic data", byteText(expected.bytes_per_second));
+    fmt::print("{}/s of periodic data", sizeText(expected.bytes_per_second));
     if (expected.irregular_tracks > 0)
         fmt::print(", and what {} message channels bring", expected.irregular_tracks);
-    fmt::print("\n{} free: full after {}\n", byteText(expected.free_bytes),
+    fmt::print("\n{} free: full after {}\n", sizeText(expected.free_bytes),
                durationText(expected.secondsToFull()));
     return kDone;
 }

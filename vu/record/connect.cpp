@@ -14,7 +14,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "vu/source/address.h"
+#include "vu/support/address.h"
 
 namespace vu {
 

@@ -4,8 +4,8 @@
 #include <functional>
 #include <vector>
 
-#include "vu/record/description.h"
-#include "vu/source/descriptor.h"
+#include "vu/description/description.h"
+#include "vu/support/descriptor.h"
 
 namespace vu {
 

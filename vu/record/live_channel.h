@@ -5,11 +5,11 @@
 #include <vector>
 
 #include "libvu/proxy/proxy_node.h"
-#include "vu/record/description.h"
+#include "vu/description/description.h"
+#include "vu/record/file/track.h"
 #include "vu/record/host_callbacks.h"
 #include "vu/record/time_guard.h"
-#include "vu/record/track.h"
-#include "vu/source/descriptor.h"
+#include "vu/support/descriptor.h"
 
 namespace vu {
 

@@ -1,7 +1,7 @@
 // A recording from beginning to end.
 #pragma once
 
-#include "vu/record/description.h"
+#include "vu/description/description.h"
 
 namespace vu {
 

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "vu/record/children.h"
-#include "vu/record/data_file.h"
+#include "vu/record/file/data_file.h"
 #include "vu/record/live_channel.h"
-#include "vu/record/progress.h"
+#include "vu/record/recording_progress.h"
 #include "vu/record/source_watch.h"
 #include "vu/record/watch.h"
 
@@ -62,7 +62,7 @@ private:
     void runUntil(double seconds);
 
     Recording recording_;
-    Progress progress_;
+    RecordingProgress progress_;
     SourceWatch sources_;
     struct ev_loop *loop_;
     ev_timer tick_;

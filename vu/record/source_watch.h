@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "vu/record/children.h"
-#include "vu/record/events.h"
+#include "vu/record/file/events.h"
 #include "vu/record/live_channel.h"
 
 namespace vu {

@@ -5,8 +5,8 @@
 #include <map>
 
 #include "vu/command.h"
-#include "vu/record/catalogue.h"
-#include "vu/record/progress.h"
+#include "vu/record/file/catalogue.h"
+#include "vu/support/texts.h"
 
 namespace vu {
 
@@ -63,8 +63,8 @@ void printSummary(const Description &test, const DataFile &file, const Events &e
     std::map<std::string, size_t> kinds;
     for (const Event &event : events.list())
         kinds[event.kind]++;
-    fmt::print("\n{}: {} in {:.1f} s, ended by {}", file.path().string(),
-               byteText(static_cast<double>(outcome.bytes)), outcome.seconds, outcome.end);
+    fmt::print("\n{}: {} in {:.1f} s, ended by {}", file.path().string(), sizeText(outcome.bytes),
+               outcome.seconds, outcome.end);
     for (const auto &[kind, count] : kinds)
         fmt::print(", {} x {}", count, kind);
     fmt::print("\n{}\n",

@@ -1,8 +1,8 @@
 // What a recording came to: the ledger of every channel and what happened.
 #pragma once
 
-#include "vu/record/data_file.h"
-#include "vu/record/description.h"
+#include "vu/description/description.h"
+#include "vu/record/file/data_file.h"
 
 namespace vu {
 

@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "libvu/proxy/proxy_node.h"
-#include "vu/record/description.h"
+#include "vu/description/description.h"
 
 namespace vu {
 

@@ -4,9 +4,9 @@
 #include <memory>
 #include <vector>
 
-#include "vu/record/description.h"
-#include "vu/record/events.h"
-#include "vu/record/track.h"
+#include "vu/description/description.h"
+#include "vu/record/file/events.h"
+#include "vu/record/file/track.h"
 
 namespace vu {
 

@@ -1,5 +1,5 @@
 #include "vu/record/zero.h"
-#include "vu/record/say.h"
+#include "vu/support/say.h"
 
 #include <algorithm>
 #include <fmt/core.h>

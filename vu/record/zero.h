@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "vu/record/track.h"
+#include "vu/record/file/track.h"
 
 namespace vu {
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "vu/source/serve.h"
+#include "vu/source/serve/serve.h"
 
 namespace CLI {
 class App;

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "vu/source/wire_writer.h"
+#include "vu/source/serve/wire_writer.h"
 
 namespace vu {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "vu/source/wire_writer.h"
+#include "vu/source/serve/wire_writer.h"
 
 namespace vu {
 

@@ -1,0 +1,28 @@
+// A classic CAN frame, and its raw record of 21 bytes on the connection.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "vu/source/serve/wire_writer.h"
+
+namespace vu {
+
+struct CanFrame {
+    uint32_t id = 0;
+    bool extended = false; // an identifier of 29 bits
+    bool remote = false;
+    uint8_t length = 0;            // 0 to 8; of a remote frame the length asked for
+    std::array<uint8_t, 8> data{}; // zeros behind `length`
+
+    bool operator==(const CanFrame &) const = default;
+};
+
+// Streams of signals move on when time is told, so none is silent for longer.
+constexpr int64_t kCanTimeSpacing = kTicksPerSecond / 100;
+
+// Into an open body.
+void writeCan(WireWriter &wire, int64_t ticks, const CanFrame &frame);
+void writeCanTime(WireWriter &wire, int64_t ticks); // no message, only the news that time got so far
+
+} // namespace vu

@@ -1,0 +1,94 @@
+#include "vu/support/texts.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <fmt/format.h>
+
+namespace vu {
+
+namespace {
+
+constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+// Characters, not bytes: units are UTF-8.
+size_t width(const std::string &text)
+{
+    return static_cast<size_t>(std::ranges::count_if(text, [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+} // namespace
+
+std::string sizeText(double bytes)
+{
+    if (bytes < 999.5)
+        return fmt::format("{:.0f} bytes", bytes);
+    constexpr std::array units{"kB", "MB", "GB", "TB", "PB", "EB"};
+    size_t unit = 0;
+    for (bytes /= 1000; bytes >= 999.5 && unit + 1 < units.size(); bytes /= 1000)
+        unit++;
+    return fmt::format("{:.3g} {}", bytes, units[unit]);
+}
+
+std::string sizeText(uint64_t bytes)
+{
+    return sizeText(static_cast<double>(bytes));
+}
+
+std::string durationText(double seconds)
+{
+    if (!(seconds < 1e10))
+        return "for ever";
+    const auto whole = static_cast<int64_t>(std::llround(seconds));
+    if (whole < 120)
+        return fmt::format("{} s", whole);
+    if (whole < 7200)
+        return fmt::format("{} min {} s", whole / 60, whole % 60);
+    if (whole < 172800)
+        return fmt::format("{} h {} min", whole / 3600, whole % 3600 / 60);
+    return fmt::format("{} days {} h", whole / 86400, whole % 86400 / 3600);
+}
+
+std::string tableText(const std::vector<std::vector<std::string>> &rows)
+{
+    std::vector<size_t> widths(rows.front().size(), 0);
+    std::vector<bool> right;
+    for (const std::string &heading : rows.front())
+        right.push_back(heading.starts_with('>'));
+    const auto cell = [&](size_t row, size_t column) {
+        return rows[row][column].substr(row == 0 && right[column] ? 1 : 0);
+    };
+    for (size_t row = 0; row < rows.size(); ++row) {
+        for (size_t column = 0; column < widths.size(); ++column)
+            widths[column] = std::max(widths[column], width(cell(row, column)));
+    }
+    std::string text;
+    for (size_t row = 0; row < rows.size(); ++row) {
+        std::string line;
+        for (size_t column = 0; column < widths.size(); ++column) {
+            const std::string padding(widths[column] - width(cell(row, column)), ' ');
+            line += right[column] ? padding + cell(row, column) : cell(row, column) + padding;
+            line += "  ";
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        text += line + '\n';
+    }
+    return text;
+}
+
+std::string secondsText(int64_t ticks, int64_t ticksPerSecond)
+{
+    if (kNanosecondsPerSecond % ticksPerSecond != 0)
+        return fmt::format("{}", static_cast<double>(ticks) / static_cast<double>(ticksPerSecond));
+    const bool negative = ticks < 0;
+    const uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(ticks) : static_cast<uint64_t>(ticks);
+    const auto perSecond = static_cast<uint64_t>(ticksPerSecond);
+    const uint64_t nanoseconds = magnitude % perSecond * (kNanosecondsPerSecond / perSecond);
+    std::string text = fmt::format("{}{}.{:09}", negative ? "-" : "", magnitude / perSecond, nanoseconds);
+    text.erase(text.find_last_not_of('0') + 1);
+    if (text.ends_with('.'))
+        text.pop_back();
+    return text;
+}
+
+} // namespace vu

@@ -1,0 +1,23 @@
+// Sizes, times and tables as people read them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vu {
+
+// "512 bytes", "1.5 kB", "12 MB": three figures, powers of 1000.
+std::string sizeText(uint64_t bytes);
+std::string sizeText(double bytes);
+
+// 45 s as "45 s", 3725 s as "1 h 2 min", 1e10 s and more as "for ever".
+std::string durationText(double seconds);
+
+// Rows under a heading, columns as wide as they need. A column whose heading begins with ">" is flush right.
+std::string tableText(const std::vector<std::vector<std::string>> &rows);
+
+// Ticks as decimal seconds, exactly where the file counts 25 ns ticks.
+std::string secondsText(int64_t ticks, int64_t ticksPerSecond);
+
+} // namespace vu
