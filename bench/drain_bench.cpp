@@ -31,7 +31,7 @@ public:
     {
         size_t at = 0;
         while (size - at >= 4) {
-            const size_t whole = 4 + size_t{vu::loadBig<uint32_t>(arrived + at)};
+            const size_t whole = 4 + size_t{libvu::loadBig<uint32_t>(arrived + at)};
             if (size - at < whole)
                 break;
             store(arrived + at + kHead, whole - kHead);
@@ -165,7 +165,7 @@ void Drain(benchmark::State &state)
     const auto waiting = static_cast<size_t>(state.range(2));
     const bool taken = state.range(3) != 0;
     std::vector<uint8_t> record(static_cast<size_t>(state.range(1)));
-    vu::storeBig(record.data(), static_cast<uint32_t>(record.size() - 4));
+    libvu::storeBig(record.data(), static_cast<uint32_t>(record.size() - 4));
     keepHeap();
     struct ev_loop *const loop = ev_default_loop(0);
     const Channels channels = openChannels(count);

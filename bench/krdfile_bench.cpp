@@ -131,7 +131,7 @@ void CsvLines(benchmark::State &state)
             }
         });
         turns.work([&] {
-            TextFile csv(path, true);
+            vu::TextFile csv(path, true);
             kCsvFormat.write(channel, blocks, {.ticksPerSecond = 40'000'000, .fill = {}, .bus = {}}, csv);
             csv.finish();
         });

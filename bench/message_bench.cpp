@@ -39,7 +39,7 @@ std::string stanza(const std::string &kind, const std::string &more = "")
 template <typename T>
 void put(Bytes &bytes, T value)
 {
-    value = vu::reversed(value);
+    value = libvu::reversed(value);
     const auto *from = reinterpret_cast<const uint8_t *>(&value);
     bytes.insert(bytes.end(), from, from + sizeof value);
 }
@@ -66,15 +66,15 @@ template <size_t entry, size_t value, size_t head>
 void decodeAndStore(const Bytes &wire, std::vector<void *> &blocks)
 {
     for (size_t at = 0; at + 4 <= wire.size();) {
-        const size_t length = vu::loadBig<uint32_t>(&wire[at]), end = at + 4 + length;
+        const size_t length = libvu::loadBig<uint32_t>(&wire[at]), end = at + 4 + length;
         auto *to = static_cast<uint8_t *>(std::malloc(length));
         blocks.push_back(to);
         for (at += 4 + head; at < end; at += entry) {
             std::memcpy(to, &wire[at], entry);
-            vu::toHostInPlace<int64_t>(to);
-            if (value == 4 && std::isnan(std::bit_cast<float>(vu::toHostInPlace<uint32_t>(to + 8))))
+            libvu::toHostInPlace<int64_t>(to);
+            if (value == 4 && std::isnan(std::bit_cast<float>(libvu::toHostInPlace<uint32_t>(to + 8))))
                 continue;
-            if (value == 8 && std::isnan(std::bit_cast<double>(vu::toHostInPlace<uint64_t>(to + 8))))
+            if (value == 8 && std::isnan(std::bit_cast<double>(libvu::toHostInPlace<uint64_t>(to + 8))))
                 continue;
             to += entry;
         }
@@ -142,7 +142,7 @@ void Sequentialized(benchmark::State &state)
     };
     takeTurns(state, channel, wire, "x_plain", restart, [&] {
         for (size_t at = 4; at < wire.size(); at += 4 + kind.entry)
-            plain.take(static_cast<double>(vu::loadBig<int64_t>(&wire[at])), 1.0);
+            plain.take(static_cast<double>(libvu::loadBig<int64_t>(&wire[at])), 1.0);
     });
     if (plain.current != channel.node->clock.current_tick)
         state.SkipWithError("not the same samples");

@@ -34,7 +34,7 @@ const Module kModules[] = {{"pd806h", false, false, ""},
 
 void put(Bytes &bytes, uint32_t value, bool little = false)
 {
-    value = little ? value : vu::reversed(value);
+    value = little ? value : libvu::reversed(value);
     const auto *from = reinterpret_cast<const uint8_t *>(&value);
     bytes.insert(bytes.end(), from, from + sizeof value);
 }
@@ -65,12 +65,12 @@ template <bool little>
 void decodeAndStore(std::span<const uint8_t> wire, const ProxyNode *node, std::vector<Decoded> &out)
 {
     const auto word = [](const uint8_t *at) {
-        return little ? vu::loadHost<uint32_t>(at) : vu::loadBig<uint32_t>(at);
+        return little ? libvu::loadHost<uint32_t>(at) : libvu::loadBig<uint32_t>(at);
     };
     const auto scale = static_cast<float>(node->scale), offset = static_cast<float>(node->offset);
     Decoded *to = out.data();
     for (size_t at = 0; at < wire.size();) {
-        const size_t end = at + 8 + vu::loadBig<uint32_t>(&wire[at + 4]);
+        const size_t end = at + 8 + libvu::loadBig<uint32_t>(&wire[at + 4]);
         for (at += 8; at < end; at += kSample) {
             const uint32_t seconds = word(&wire[at + (little ? 4 : 0)]),
                            fraction = word(&wire[at + (little ? 0 : 4)]);
@@ -103,7 +103,7 @@ struct DecodingLoop {
     }
 };
 
-constexpr int64_t kStartTicks = (946684800 + int64_t{kStart}) * vu::kTicksPerSecond;
+constexpr int64_t kStartTicks = (946684800 + int64_t{kStart}) * libvu::kTicksPerSecond;
 
 // A module with its signals bound, and what the loop beside it needs. Arguments of a benchmark: form of the
 // module, samples a record. Five are what 50 ms bring at 100 a second.

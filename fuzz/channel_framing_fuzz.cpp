@@ -16,7 +16,7 @@ static Samples walk(std::span<const uint8_t> bytes, size_t width)
     if (bytes.size() < 2 || bytes[0] + bytes[1] != 0xFE + 0xED || (bytes[0] != 0xFE && bytes[0] != 0xED))
         return samples;
     const size_t reversed = bytes[0] == 0xFE ? width - 1 : 0;
-    for (vu::WireReader wire(bytes.subspan(2)); wire.remaining() >= 4;) {
+    for (libvu::WireReader wire(bytes.subspan(2)); wire.remaining() >= 4;) {
         const uint32_t length = wire.u32be();
         const auto body = wire.bytes(length);
         for (size_t at = 8; wire.ok() && at + width <= length; at += width)

@@ -24,7 +24,7 @@ void fuzz(const uint8_t *data, size_t size)
     static auto &receiver = *new Everything;
     static int64_t time = 0; // goes on from input to input, as the streams do
     const auto *adjust = static_cast<GpsTsAdjust *>(receiver.channel.channel_aux);
-    for (vu::WireReader wire(data, size); wire.remaining() > 2;) {
+    for (libvu::WireReader wire(data, size); wire.remaining() > 2;) {
         const size_t length = std::min<size_t>(wire.u8(), wire.remaining() - 1);
         time += wire.u8() * (kSecond / 64);
         const auto text = wire.bytes(length);

@@ -13,7 +13,7 @@ void fuzz(const uint8_t *data, size_t size)
     constexpr int64_t kExact = int64_t{1} << 50; // above that a double of seconds is coarser than a tick
     int64_t time = 0;
     gpsReinitNmeaTSAdjust();
-    for (vu::WireReader wire(data, size); wire.remaining() > 0;) {
+    for (libvu::WireReader wire(data, size); wire.remaining() > 0;) {
         if (wire.u8() % 2)
             time = (time & (kExact - 1)) + wire.u8() * 65536 + wire.u16be();
         else
@@ -23,6 +23,6 @@ void fuzz(const uint8_t *data, size_t size)
             text += static_cast<char>(letter);
         const int64_t adjusted = gpsAdjustNmeaTimestamp(time, text.c_str());
         if (text[0] == '$' && adjusted != -1 && time < kExact)
-            require(adjusted <= time + 1 && adjusted >= time - vu::kTicksPerSecond / 4 - 1);
+            require(adjusted <= time + 1 && adjusted >= time - libvu::kTicksPerSecond / 4 - 1);
     }
 }

@@ -46,10 +46,10 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max
         const uint32_t wanted = loadBig32(data + at), left = static_cast<uint32_t>(size - at);
         const uint32_t block = wanted < KRD_FRAMING_SIZE || wanted > left ? left : wanted;
         uint8_t *trailer = data + at + block - KRD_TRAILER_SIZE;
-        vu::storeBig(data + at, block);
+        libvu::storeBig(data + at, block);
         std::memcpy(data + at + 8, KRD_TAG, 4);
-        vu::storeBig(trailer, static_cast<uint32_t>(crc32(0, data + at, block - KRD_TRAILER_SIZE)));
-        vu::storeBig(trailer + 4, block);
+        libvu::storeBig(trailer, static_cast<uint32_t>(crc32(0, data + at, block - KRD_TRAILER_SIZE)));
+        libvu::storeBig(trailer + 4, block);
         at += block;
     }
     return size;

@@ -5,7 +5,7 @@
 
 #include "libvu/core/wire_private.h"
 
-namespace vu {
+namespace libvu {
 
 enum class ByteOrder { intel, motorola };
 
@@ -31,4 +31,4 @@ inline int64_t signedField(uint64_t word, uint32_t leftShift, uint32_t rightShif
     return leavesWord(leftShift, rightShift) ? 0 : static_cast<int64_t>(word << leftShift) >> rightShift;
 }
 
-} // namespace vu
+} // namespace libvu

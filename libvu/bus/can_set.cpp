@@ -15,7 +15,7 @@
 #include "libvu/core/stanza_private.h"
 #include "libvu/time/sequentializer_private.h"
 
-using vu::ByteOrder;
+using libvu::ByteOrder;
 
 namespace {
 
@@ -26,26 +26,27 @@ constexpr int32_t kRecordsFlow = 2;
 template <ByteOrder order>
 double extractUnsigned(const uint8_t *payload, uint32_t leftShift, uint32_t rightShift)
 {
-    return static_cast<double>(vu::unsignedField(vu::payloadWord<order>(payload), leftShift, rightShift));
+    return static_cast<double>(
+        libvu::unsignedField(libvu::payloadWord<order>(payload), leftShift, rightShift));
 }
 
 template <ByteOrder order>
 double extractSigned(const uint8_t *payload, uint32_t leftShift, uint32_t rightShift)
 {
-    return static_cast<double>(vu::signedField(vu::payloadWord<order>(payload), leftShift, rightShift));
+    return static_cast<double>(libvu::signedField(libvu::payloadWord<order>(payload), leftShift, rightShift));
 }
 
 template <ByteOrder order>
 double extractFloat(const uint8_t *payload, uint32_t leftShift, uint32_t rightShift)
 {
-    const uint64_t field = vu::unsignedField(vu::payloadWord<order>(payload), leftShift, rightShift);
+    const uint64_t field = libvu::unsignedField(libvu::payloadWord<order>(payload), leftShift, rightShift);
     return std::bit_cast<float>(static_cast<uint32_t>(field));
 }
 
 template <ByteOrder order>
 double extractDouble(const uint8_t *payload, uint32_t, uint32_t)
 {
-    return std::bit_cast<double>(vu::payloadWord<order>(payload));
+    return std::bit_cast<double>(libvu::payloadWord<order>(payload));
 }
 
 struct Format {
@@ -89,11 +90,11 @@ std::optional<Field> placeField(const Format &format, uint32_t start, uint32_t l
 }
 
 // The low 32 bits of a JSON integer; any other number as near as 32 bits come to it.
-uint32_t unsignedNumber(vu::Json json)
+uint32_t unsignedNumber(libvu::Json json)
 {
     if (const auto integer = json.integer())
         return static_cast<uint32_t>(*integer);
-    return vu::saturated<uint32_t>(json.number().value_or(0.0));
+    return libvu::saturated<uint32_t>(json.number().value_or(0.0));
 }
 
 struct SignalFree {
@@ -105,10 +106,10 @@ struct SignalFree {
 };
 using OwnedSignal = std::unique_ptr<CanSetSignal, SignalFree>;
 
-bool readField(const vu::Stanza &stanza, CanSetSignal &signal)
+bool readField(const libvu::Stanza &stanza, CanSetSignal &signal)
 {
-    const vu::Json start = stanza.root().member("db_bit_start");
-    const vu::Json length = stanza.root().member("db_bit_length");
+    const libvu::Json start = stanza.root().member("db_bit_start");
+    const libvu::Json length = stanza.root().member("db_bit_length");
     const char *name = stanza.text("db_data_format");
     const Format *format = name ? formatNamed(name) : nullptr;
     if (!start.number() || !length.number() || !format)
@@ -123,9 +124,9 @@ bool readField(const vu::Stanza &stanza, CanSetSignal &signal)
 }
 
 // The mode field is there if its format is.
-bool readMode(const vu::Stanza &stanza, CanSetSignal &signal)
+bool readMode(const libvu::Stanza &stanza, CanSetSignal &signal)
 {
-    const vu::Json root = stanza.root();
+    const libvu::Json root = stanza.root();
     signal.mode_value = unsignedNumber(root.member("db_mode_value"));
     const char *name = stanza.text("db_mode_format");
     if (!name)
@@ -143,7 +144,7 @@ bool readMode(const vu::Stanza &stanza, CanSetSignal &signal)
     return true;
 }
 
-bool makeStream(const vu::Stanza &stanza, CanSetSignal &signal)
+bool makeStream(const libvu::Stanza &stanza, CanSetSignal &signal)
 {
     const auto invalid = stanza.number("invalid_data_output_value");
     const auto stale = stanza.number("stale_data_expiration_time");
@@ -160,7 +161,7 @@ bool makeStream(const vu::Stanza &stanza, CanSetSignal &signal)
 }
 
 // The stream comes last: nothing that fails behind it would have to take it back.
-bool configure(const vu::Stanza &stanza, CanSetSignal &signal)
+bool configure(const libvu::Stanza &stanza, CanSetSignal &signal)
 {
     const char *name = stanza.text("name");
     const auto scale = stanza.number("scale");
@@ -172,7 +173,7 @@ bool configure(const vu::Stanza &stanza, CanSetSignal &signal)
     signal.scale = *scale;
     signal.offset = *offset;
     signal.rezero_offset = stanza.number("rezero_offset", 0.0);
-    signal.element_size = vu::elementSizeOf(dataType);
+    signal.element_size = libvu::elementSizeOf(dataType);
     signal.state = kRecordsFlow;
     return signal.element_size != 0 && readField(stanza, signal) && readMode(stanza, signal) &&
            makeStream(stanza, signal);
@@ -189,7 +190,7 @@ CanSetGroup *groupOf(CanSet &set, uint32_t id, uint32_t mask)
     for (uint32_t i = 0; i < set.group_count; i++)
         if (set.groups[i].id == id && set.groups[i].mask == mask)
             return &set.groups[i];
-    if (!vu::makeRoom(set.groups, set.group_capacity, set.group_count))
+    if (!libvu::makeRoom(set.groups, set.group_capacity, set.group_count))
         return nullptr;
     CanSetGroup *group = &set.groups[set.group_count++];
     *group = CanSetGroup{id, mask, 0, 0, nullptr};
@@ -197,7 +198,7 @@ CanSetGroup *groupOf(CanSet &set, uint32_t id, uint32_t mask)
 }
 
 // A multiplexed signal of another mode takes neither value nor time.
-inline void decode(CanSetSignal &signal, const uint8_t *payload, vu::Moment time)
+inline void decode(CanSetSignal &signal, const uint8_t *payload, libvu::Moment time)
 {
     if (signal.mode_extract &&
         signal.mode_extract(payload, signal.mode_left_shift, signal.mode_right_shift) != signal.mode_value)
@@ -209,7 +210,7 @@ inline void decode(CanSetSignal &signal, const uint8_t *payload, vu::Moment time
         libvuRezeroCallback(signal.name, signal.rezero_offset);
         signal.rezero_pending = 0;
     }
-    vu::takeValue(*signal.sequentializer, time, unzeroed - signal.rezero_offset);
+    libvu::takeValue(*signal.sequentializer, time, unzeroed - signal.rezero_offset);
 }
 
 inline void prefetch(const void *record, size_t size)
@@ -236,9 +237,9 @@ void callForSignals(const CanSetGroup &group)
     }
 }
 
-void decodeRecord(const CanSet &set, const CanRecord &record, vu::Moment time)
+void decodeRecord(const CanSet &set, const CanRecord &record, libvu::Moment time)
 {
-    const auto id = vu::loadHost<uint32_t>(record.id);
+    const auto id = libvu::loadHost<uint32_t>(record.id);
     const CanSetBucket &bucket = set.buckets[get_bucket_id(id)];
     for (uint32_t i = 0; i < bucket.count; i++) {
         const CanSetGroup &group = *bucket.entries[i];
@@ -251,11 +252,11 @@ void decodeRecord(const CanSet &set, const CanRecord &record, vu::Moment time)
     }
 }
 
-void advanceAll(const CanSet &set, vu::Moment time)
+void advanceAll(const CanSet &set, libvu::Moment time)
 {
     for (uint32_t i = 0; i < set.group_count; i++)
         for (uint32_t k = 0; k < set.groups[i].count; k++)
-            vu::advanceSilent(*set.groups[i].signals[k], time);
+            libvu::advanceSilent(*set.groups[i].signals[k], time);
 }
 
 } // namespace
@@ -267,13 +268,13 @@ uint32_t get_bucket_id(uint32_t id)
 
 CanSet *can_set_create(void)
 {
-    return vu::makeZeroed<CanSet>().release();
+    return libvu::makeZeroed<CanSet>().release();
 }
 
 CanSetSignal *can_set_add_signal(CanSet *set, const char *json)
 {
-    static char parserText[vu::Stanza::kErrorSize];
-    const vu::Stanza stanza(json, parserText);
+    static char parserText[libvu::Stanza::kErrorSize];
+    const libvu::Stanza stanza(json, parserText);
     if (!stanza.parsed()) {
         libvuError("Invalid CAN signal JSON: %s", parserText);
         return nullptr;
@@ -286,9 +287,9 @@ CanSetSignal *can_set_add_signal(CanSet *set, const char *json)
     }
     const char *mask = stanza.text("db_msg_mask");
     CanSetGroup *group =
-        groupOf(*set, vu::wireIdentifier(id), vu::wireIdentifier(mask ? mask : "0xFFFFFFFF"));
-    OwnedSignal signal(vu::makeZeroedAtLine<CanSetSignal>().release());
-    if (!group || !signal || !vu::makeRoom(group->signals, group->capacity, group->count)) {
+        groupOf(*set, libvu::wireIdentifier(id), libvu::wireIdentifier(mask ? mask : "0xFFFFFFFF"));
+    OwnedSignal signal(libvu::makeZeroedAtLine<CanSetSignal>().release());
+    if (!group || !signal || !libvu::makeRoom(group->signals, group->capacity, group->count)) {
         reportShortMemory();
         return nullptr;
     }
@@ -310,7 +311,7 @@ void can_set_finalize(CanSet *set)
             if ((get_bucket_id(group->id) ^ b) & get_bucket_id(group->mask))
                 continue;
             CanSetBucket &bucket = set->buckets[b];
-            if (vu::makeRoom(bucket.entries, bucket.capacity, bucket.count))
+            if (libvu::makeRoom(bucket.entries, bucket.capacity, bucket.count))
                 bucket.entries[bucket.count++] = group;
             else
                 complete = false;
@@ -327,7 +328,7 @@ void can_set_process(CanSet *set, void *records, uint32_t count)
         CanRecord &record = batch[i];
         if (count - i > kPrefetchRecords)
             __builtin_prefetch(&record + kPrefetchRecords);
-        const vu::Moment time(vu::toHostInPlace<int64_t>(record.timestamp));
+        const libvu::Moment time(libvu::toHostInPlace<int64_t>(record.timestamp));
         if (record.flags & CAN_RECORD_TIME_ONLY)
             advanceAll(*set, time);
         else

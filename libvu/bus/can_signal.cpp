@@ -15,7 +15,7 @@
 #include "libvu/core/stanza_private.h"
 #include "libvu/time/sequentializer_private.h"
 
-using vu::ByteOrder;
+using libvu::ByteOrder;
 
 namespace {
 
@@ -37,35 +37,35 @@ uint32_t right(const CanSignalNode &node)
 template <ByteOrder order>
 double handleUnsigned(CanSignalNode *node, const uint8_t *payload)
 {
-    const uint64_t word = vu::payloadWord<order>(payload);
-    return physical(*node, static_cast<double>(vu::unsignedField(word, left(*node), right(*node))));
+    const uint64_t word = libvu::payloadWord<order>(payload);
+    return physical(*node, static_cast<double>(libvu::unsignedField(word, left(*node), right(*node))));
 }
 
 template <ByteOrder order>
 double handleSigned(CanSignalNode *node, const uint8_t *payload)
 {
-    const uint64_t word = vu::payloadWord<order>(payload);
-    return physical(*node, static_cast<double>(vu::signedField(word, left(*node), right(*node))));
+    const uint64_t word = libvu::payloadWord<order>(payload);
+    return physical(*node, static_cast<double>(libvu::signedField(word, left(*node), right(*node))));
 }
 
 double handleFloatIntel(CanSignalNode *node, const uint8_t *payload)
 {
-    const uint64_t word = vu::payloadWord<ByteOrder::intel>(payload);
-    const auto bits = static_cast<uint32_t>(vu::unsignedField(word, left(*node), right(*node)));
+    const uint64_t word = libvu::payloadWord<ByteOrder::intel>(payload);
+    const auto bits = static_cast<uint32_t>(libvu::unsignedField(word, left(*node), right(*node)));
     return physical(*node, std::bit_cast<float>(bits));
 }
 
 // One half of the payload, whatever the length says.
 double handleFloatMotorola(CanSignalNode *node, const uint8_t *payload)
 {
-    const auto bits = vu::loadBig<uint32_t>(payload + (node->left_shift > 0 ? 4 : 0));
+    const auto bits = libvu::loadBig<uint32_t>(payload + (node->left_shift > 0 ? 4 : 0));
     return physical(*node, std::bit_cast<float>(bits));
 }
 
 template <ByteOrder order>
 double handleDouble(CanSignalNode *node, const uint8_t *payload)
 {
-    return physical(*node, std::bit_cast<double>(vu::payloadWord<order>(payload)));
+    return physical(*node, std::bit_cast<double>(libvu::payloadWord<order>(payload)));
 }
 
 } // namespace
@@ -113,7 +113,7 @@ bool chooseHandler(CanSignalNode &node, const char *text, char (&format)[5])
 // A shift that no integer holds is none of the word's.
 int32_t shift(double bits)
 {
-    return std::isnan(bits) ? -1 : vu::saturated<int32_t>(bits);
+    return std::isnan(bits) ? -1 : libvu::saturated<int32_t>(bits);
 }
 
 void placeField(CanSignalNode &node, const char *format)
@@ -126,7 +126,7 @@ void placeField(CanSignalNode &node, const char *format)
     node.right_shift = shift(64.0 - std::trunc(node.bit_length));
 }
 
-bool readDecoding(const vu::Stanza &stanza, vu::RequiredKeys &required, CanSignalNode &node)
+bool readDecoding(const libvu::Stanza &stanza, libvu::RequiredKeys &required, CanSignalNode &node)
 {
     const char *formatText, *id;
     char format[5];
@@ -136,13 +136,13 @@ bool readDecoding(const vu::Stanza &stanza, vu::RequiredKeys &required, CanSigna
         return false;
     placeField(node, format);
     node.rezero_offset = stanza.number("rezero_offset", 0.0);
-    node.id = vu::wireIdentifier(id);
+    node.id = libvu::wireIdentifier(id);
     const char *mask = stanza.text("db_msg_mask");
-    node.mask = mask ? vu::wireIdentifier(mask) : 0xFFFFFFFF;
+    node.mask = mask ? libvu::wireIdentifier(mask) : 0xFFFFFFFF;
     return true;
 }
 
-bool makeStream(vu::RequiredKeys &required, CanSignalNode &node)
+bool makeStream(libvu::RequiredKeys &required, CanSignalNode &node)
 {
     double pipeRate, sampleRate, invalid, stale;
     if (!required.read("pipe_rate", pipeRate) || !required.read("sample_rate", sampleRate) ||
@@ -158,13 +158,13 @@ bool makeStream(vu::RequiredKeys &required, CanSignalNode &node)
     return true;
 }
 
-bool configure(const vu::Stanza &stanza, vu::RequiredKeys &required, CanSignalNode &node,
-               vu::ReadOwnKeys readOwnKeys)
+bool configure(const libvu::Stanza &stanza, libvu::RequiredKeys &required, CanSignalNode &node,
+               libvu::ReadOwnKeys readOwnKeys)
 {
     const char *dataType, *name;
     if (!required.read("data_type", dataType))
         return false;
-    node.element_size = vu::elementSizeOf(dataType);
+    node.element_size = libvu::elementSizeOf(dataType);
     if (node.element_size == 0) {
         libvuError("Unknown data type:  '%s'", dataType);
         return false;
@@ -178,12 +178,12 @@ bool configure(const vu::Stanza &stanza, vu::RequiredKeys &required, CanSignalNo
 
 void decode(CanSignalNode &node, const CanRecord &record)
 {
-    const vu::Moment time(vu::loadHost<int64_t>(record.timestamp));
+    const libvu::Moment time(libvu::loadHost<int64_t>(record.timestamp));
     if (record.flags & CAN_RECORD_TIME_ONLY) {
-        vu::advanceSilent(node, time);
+        libvu::advanceSilent(node, time);
         return;
     }
-    if ((vu::loadHost<uint32_t>(record.id) & node.mask) != node.id)
+    if ((libvu::loadHost<uint32_t>(record.id) & node.mask) != node.id)
         return;
     double value = node.handler(&node, record.payload);
     if (node.rezero_pending && libvuRezeroCallback) {
@@ -192,26 +192,26 @@ void decode(CanSignalNode &node, const CanRecord &record)
         libvuRezeroCallback(node.name, node.rezero_offset);
         node.rezero_pending = 0;
     }
-    vu::takeValue(*node.sequentializer, time, value);
+    libvu::takeValue(*node.sequentializer, time, value);
 }
 
 } // namespace
 
-CanSignalNode *vu::makeSignal(const char *json, ReadOwnKeys readOwnKeys)
+CanSignalNode *libvu::makeSignal(const char *json, ReadOwnKeys readOwnKeys)
 {
-    static char parserText[vu::Stanza::kErrorSize];
-    const vu::Stanza stanza(json, parserText);
+    static char parserText[libvu::Stanza::kErrorSize];
+    const libvu::Stanza stanza(json, parserText);
     if (!stanza.parsed()) {
         libvuError("Unable to parse JSON:  %s", parserText);
         return nullptr;
     }
-    OwnedNode node(vu::makeZeroed<CanSignalNode>().release());
+    OwnedNode node(libvu::makeZeroed<CanSignalNode>().release());
     if (!node) {
         libvuError("Unable to allocate can signal node");
         return nullptr;
     }
     asprintf_or_die(&node->config, "%s", json);
-    vu::RequiredKeys required(stanza);
+    libvu::RequiredKeys required(stanza);
     if (configure(stanza, required, *node, readOwnKeys))
         return node.release();
     if (const char *key = required.missing())
@@ -222,14 +222,14 @@ CanSignalNode *vu::makeSignal(const char *json, ReadOwnKeys readOwnKeys)
 
 CanSignalNode *canSignalInit(const char *json)
 {
-    return vu::makeSignal(json, readDecoding);
+    return libvu::makeSignal(json, readDecoding);
 }
 
 void canProcessSignals(CanSignalNode *list, void *records, int32_t count)
 {
     auto *batch = static_cast<CanRecord *>(records);
     for (int32_t i = 0; i < count; i++)
-        vu::toHostInPlace<int64_t>(batch[i].timestamp);
+        libvu::toHostInPlace<int64_t>(batch[i].timestamp);
     for (CanSignalNode *node = list; node; node = node->next)
         for (int32_t i = 0; i < count; i++)
             decode(*node, batch[i]);

@@ -4,7 +4,7 @@
 #include "libvu/bus/can_signal.h"
 #include "libvu/bus/signal_stanza_private.h"
 
-namespace vu {
+namespace libvu {
 
 // What a kind of signal reads between the stanza's `offset` and `pipe_rate`. False after a report of its own,
 // or with a key missing in `required`.
@@ -13,4 +13,4 @@ using ReadOwnKeys = bool (*)(const Stanza &stanza, RequiredKeys &required, CanSi
 // A node with its stream from a stanza; null after a report.
 CanSignalNode *makeSignal(const char *json, ReadOwnKeys readOwnKeys);
 
-} // namespace vu
+} // namespace libvu

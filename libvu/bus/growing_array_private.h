@@ -6,7 +6,7 @@
 #include <cstring>
 #include <limits>
 
-namespace vu {
+namespace libvu {
 
 // Room for one element more: 32 slots at first, then twice as many. False, with nothing changed, if memory is
 // short.
@@ -30,4 +30,4 @@ bool makeRoom(T *&elements, uint32_t &capacity, uint32_t count)
     return true;
 }
 
-} // namespace vu
+} // namespace libvu

@@ -8,7 +8,7 @@
 #include "libvu/core/stanza_private.h"
 #include "libvu/core/wire_private.h"
 
-namespace vu {
+namespace libvu {
 
 // Reads the keys that must be there, and remembers the first one that is missing or of another type.
 class RequiredKeys {
@@ -53,4 +53,4 @@ inline uint32_t wireIdentifier(const char *text)
     return reversed(static_cast<uint32_t>(std::strtoul(text, nullptr, 16)));
 }
 
-} // namespace vu
+} // namespace libvu

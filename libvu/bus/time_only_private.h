@@ -4,7 +4,7 @@
 #include "libvu/core/callbacks.h"
 #include "libvu/time/sequentializer_private.h"
 
-namespace vu {
+namespace libvu {
 
 // A pending zero is served by the invalid value, which reads 0.0 from then on.
 template <typename Signal>
@@ -20,4 +20,4 @@ inline void advanceSilent(Signal &signal, Moment time)
     advance(*seq, time);
 }
 
-} // namespace vu
+} // namespace libvu

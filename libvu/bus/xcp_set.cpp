@@ -19,13 +19,13 @@ constexpr int32_t kRecordsFlow = 2;
 template <typename Value, typename Bits>
 double readLittle(const uint8_t *value)
 {
-    return static_cast<double>(std::bit_cast<Value>(vu::loadHost<Bits>(value)));
+    return static_cast<double>(std::bit_cast<Value>(libvu::loadHost<Bits>(value)));
 }
 
 template <typename Value, typename Bits>
 double readBig(const uint8_t *value)
 {
-    return static_cast<double>(std::bit_cast<Value>(vu::loadBig<Bits>(value)));
+    return static_cast<double>(std::bit_cast<Value>(libvu::loadBig<Bits>(value)));
 }
 
 struct ValueType {
@@ -69,7 +69,7 @@ bool refuse(const char *reason)
     return false;
 }
 
-bool readValueType(vu::RequiredKeys &required, XcpMeasurement &measurement)
+bool readValueType(libvu::RequiredKeys &required, XcpMeasurement &measurement)
 {
     const char *byteOrder, *name;
     if (!required.read("xcp_byte_order", byteOrder) || !required.read("xcp_data_type", name))
@@ -84,7 +84,7 @@ bool readValueType(vu::RequiredKeys &required, XcpMeasurement &measurement)
     return refuse("invalid 'xcp_data_type'");
 }
 
-bool configure(const vu::Stanza &stanza, vu::RequiredKeys &required, XcpMeasurement &measurement)
+bool configure(const libvu::Stanza &stanza, libvu::RequiredKeys &required, XcpMeasurement &measurement)
 {
     const char *name, *dataType;
     double invalid, stale, sampleRate, pipeRate;
@@ -98,7 +98,7 @@ bool configure(const vu::Stanza &stanza, vu::RequiredKeys &required, XcpMeasurem
         !required.read("stale_data_expiration_time", stale) || !required.read("sample_rate", sampleRate) ||
         !required.read("pipe_rate", pipeRate) || !required.read("data_type", dataType))
         return false;
-    measurement.element_size = vu::elementSizeOf(dataType);
+    measurement.element_size = libvu::elementSizeOf(dataType);
     if (measurement.element_size == 0)
         return refuse("invalid 'data_type'");
     if (!readValueType(required, measurement))
@@ -121,34 +121,34 @@ struct MeasurementFree {
 };
 using OwnedMeasurement = std::unique_ptr<XcpMeasurement, MeasurementFree>;
 
-void advanceAll(const XcpIpSet &set, vu::Moment time)
+void advanceAll(const XcpIpSet &set, libvu::Moment time)
 {
     for (uint32_t i = 0; i < set.count; i++)
-        vu::advance(*set.measurements[i]->sequentializer, time);
+        libvu::advance(*set.measurements[i]->sequentializer, time);
 }
 
 } // namespace
 
 XcpIpSet *xcp_ip_set_create(void)
 {
-    return vu::makeZeroed<XcpIpSet>().release();
+    return libvu::makeZeroed<XcpIpSet>().release();
 }
 
 XcpMeasurement *xcp_ip_set_add_measurement(XcpIpSet *set, const char *json)
 {
-    static char parserText[vu::Stanza::kErrorSize];
-    const vu::Stanza stanza(json, parserText);
+    static char parserText[libvu::Stanza::kErrorSize];
+    const libvu::Stanza stanza(json, parserText);
     if (!stanza.parsed()) {
         libvuError("Invalid XCP-over-IP measurement JSON: %s", parserText);
         return nullptr;
     }
-    OwnedMeasurement measurement(vu::makeZeroedAtLine<XcpMeasurement>().release());
-    if (!measurement || !vu::makeRoom(set->measurements, set->capacity, set->count)) {
+    OwnedMeasurement measurement(libvu::makeZeroedAtLine<XcpMeasurement>().release());
+    if (!measurement || !libvu::makeRoom(set->measurements, set->capacity, set->count)) {
         libvuError("Unable to allocate memory for XCP-over-IP measurement");
         return nullptr;
     }
     // The peer counts the same measurements: a refused one must not take an index.
-    vu::RequiredKeys required(stanza);
+    libvu::RequiredKeys required(stanza);
     if (!configure(stanza, required, *measurement)) {
         if (const char *key = required.missing())
             libvuError("Invalid XCP-over-IP configuration: missing '%s'", key);
@@ -159,8 +159,8 @@ XcpMeasurement *xcp_ip_set_add_measurement(XcpIpSet *set, const char *json)
 
 void xcp_ip_set_process(XcpIpSet *set, int64_t timestamp, const void *data, uint32_t length)
 {
-    vu::WireReader message(data, length);
-    const vu::Moment time(timestamp);
+    libvu::WireReader message(data, length);
+    const libvu::Moment time(timestamp);
     if (length == 1 && message.u8() == kTimeOnly)
         advanceAll(*set, time);
     while (message.remaining() >= kIndexSize) {
@@ -172,7 +172,7 @@ void xcp_ip_set_process(XcpIpSet *set, int64_t timestamp, const void *data, uint
         if (!message.ok())
             return;
         const double raw = measurement.read_value(value.data());
-        vu::takeValue(*measurement.sequentializer, time, raw * measurement.scale + measurement.offset);
+        libvu::takeValue(*measurement.sequentializer, time, raw * measurement.scale + measurement.offset);
     }
 }
 

@@ -4,7 +4,7 @@
 #include <clocale>
 #include <locale.h>
 
-namespace vu {
+namespace libvu {
 
 inline locale_t cLocale()
 {
@@ -24,4 +24,4 @@ private:
     locale_t before_;
 };
 
-} // namespace vu
+} // namespace libvu

@@ -3,7 +3,7 @@
 
 #include "libvu/core/pipe.h"
 
-namespace vu {
+namespace libvu {
 
 // The first pipe takes over the producer's reference, each further one gets a clone. A clone that could not
 // be made is handed on as null, so that the pipe reports what it misses. The chain is read as it stands at
@@ -18,4 +18,4 @@ inline void stampStart(Frame *frame, int64_t start)
     __builtin_memcpy(&frame->aux[1], &rounded, sizeof rounded);
 }
 
-} // namespace vu
+} // namespace libvu

@@ -15,7 +15,7 @@
 #endif
 #define VU_INLINE_KERNEL __attribute__((always_inline)) inline
 
-namespace vu {
+namespace libvu {
 
 inline bool hasAvx2()
 {
@@ -36,4 +36,4 @@ Kernel *fastest(Kernel *plain, Kernel *avx2, Kernel *avx512)
     return hasAvx512() ? avx512 : hasAvx2() ? avx2 : plain;
 }
 
-} // namespace vu
+} // namespace libvu

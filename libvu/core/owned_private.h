@@ -5,7 +5,7 @@
 #include <cstring>
 #include <memory>
 
-namespace vu {
+namespace libvu {
 
 struct Free {
     void operator()(void *memory) const { std::free(memory); }
@@ -31,4 +31,4 @@ Owned<T> makeZeroedAtLine()
     return Owned<T>(memory ? static_cast<T *>(std::memset(memory, 0, kSize)) : nullptr);
 }
 
-} // namespace vu
+} // namespace libvu

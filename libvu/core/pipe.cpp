@@ -10,7 +10,7 @@ namespace {
 
 Pipe *newPipe()
 {
-    Pipe *pipe = vu::makeZeroed<Pipe>().release();
+    Pipe *pipe = libvu::makeZeroed<Pipe>().release();
     if (!pipe)
         libvuError("Can not allocate memory for pipe");
     return pipe;
@@ -42,7 +42,7 @@ void unlink(Pipe *pipe, Frame *frame)
 
 PipeList *pipeNewPipeList(void)
 {
-    return vu::makeZeroed<PipeList>().release();
+    return libvu::makeZeroed<PipeList>().release();
 }
 
 Pipe *pipeAttachPipe(PipeList *list)
@@ -150,7 +150,7 @@ int32_t pipeHasFrames(const Pipe *pipe)
     return pipe->newest ? 1 : 0;
 }
 
-namespace vu {
+namespace libvu {
 
 namespace {
 
@@ -198,4 +198,4 @@ void deliver(const PipeList &list, Frame *frame)
     frameDelete(frame);
 }
 
-} // namespace vu
+} // namespace libvu

@@ -31,12 +31,12 @@ void logFormattingFailed(const char *format)
     syslog(LOG_USER | LOG_ERR, "Unable to format error message: %s", format);
 }
 
-vu::Owned<char> formatted(const char *format, va_list arguments)
+libvu::Owned<char> formatted(const char *format, va_list arguments)
 {
     char *text = nullptr;
     if (vasprintf(&text, format, arguments) < 0)
         text = nullptr;
-    return vu::Owned<char>(text);
+    return libvu::Owned<char>(text);
 }
 
 // The callback pointer is read once: a callback may clear it, or report an error of its own.

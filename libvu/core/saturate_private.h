@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <limits>
 
-namespace vu {
+namespace libvu {
 
 template <std::integral T>
 inline T saturated(double value)
@@ -46,4 +46,4 @@ inline int64_t multiplySaturated(int64_t a, int64_t b)
     return (a < 0) == (b < 0) ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
 }
 
-} // namespace vu
+} // namespace libvu

@@ -4,7 +4,7 @@
 
 #include "libvu/core/c_locale_private.h"
 
-namespace vu {
+namespace libvu {
 
 bool Json::isObject() const
 {
@@ -87,4 +87,4 @@ void Stanza::release()
     tree_ = nullptr;
 }
 
-} // namespace vu
+} // namespace libvu

@@ -11,7 +11,7 @@
 
 struct yajl_val_s;
 
-namespace vu {
+namespace libvu {
 
 // One value of a parsed tree, or none. Lives as long as its Stanza.
 class Json {
@@ -60,4 +60,4 @@ private:
     yajl_val_s *tree_;
 };
 
-} // namespace vu
+} // namespace libvu

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <span>
 
-namespace vu {
+namespace libvu {
 
 constexpr int64_t kTicksPerSecond = 40'000'000;
 
@@ -122,4 +122,4 @@ private:
     bool ok_ = true;
 };
 
-} // namespace vu
+} // namespace libvu

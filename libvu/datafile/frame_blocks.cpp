@@ -36,7 +36,7 @@ double releaseFrames(KRDBuffer *record)
 bool isDue(const KRDBuffer *record, int32_t force)
 {
     const int64_t queued = record->pipe->queued;
-    if (record->sample_limit > 0 && vu::addSaturated(record->position, queued) >= record->sample_limit)
+    if (record->sample_limit > 0 && libvu::addSaturated(record->position, queued) >= record->sample_limit)
         return true;
     return force || queued >= record->min_samples;
 }
@@ -113,12 +113,12 @@ bool dropNewest(Pipe *pipe, int64_t excess, BlockSize &size)
 // nothing of it may be stored.
 bool clipAtLimit(KRDBuffer *record, BlockSize &size)
 {
-    const int64_t end = vu::addSaturated(record->position, size.elements);
+    const int64_t end = libvu::addSaturated(record->position, size.elements);
     if (record->sample_limit <= 0 || end <= record->sample_limit)
         return true;
     const int64_t excess = end - record->sample_limit;
     record->sample_limit = 0;
-    if (vu::subtractSaturated(size.elements, excess) < 1) {
+    if (libvu::subtractSaturated(size.elements, excess) < 1) {
         releaseFrames(record);
         return false;
     }
@@ -140,7 +140,7 @@ void reportMismatch(const KRDBuffer *record, int64_t gathered, double wanted)
 class Pieces {
 public:
     explicit Pieces(KRDBuffer *record)
-        : record_(record), checksum_(vu::headerChecksum(record)),
+        : record_(record), checksum_(libvu::headerChecksum(record)),
           gathered_(static_cast<int64_t>(record->iov[0].iov_len))
     {
     }
@@ -149,13 +149,13 @@ public:
     bool add(void *data, size_t bytes)
     {
         record_->iov[next_++] = {data, bytes};
-        checksum_ = vu::checksum(checksum_, data, bytes);
+        checksum_ = libvu::checksum(checksum_, data, bytes);
         gathered_ += static_cast<int64_t>(bytes);
         return next_ < KRD_BUFFER_PIECES || write();
     }
     bool addTrailer()
     {
-        record_->crc_word = vu::reversed(checksum_);
+        record_->crc_word = libvu::reversed(checksum_);
         record_->block_size_tail = record_->block_size_word;
         record_->iov[next_++] = {&record_->crc_word, KRD_TRAILER_SIZE};
         return write();
@@ -166,7 +166,7 @@ public:
 private:
     bool write()
     {
-        const int64_t written = vu::writePieces(record_, first_, next_ - first_, down_);
+        const int64_t written = libvu::writePieces(record_, first_, next_ - first_, down_);
         down_ += written;
         first_ = next_ = 1;
         return written > 0;
@@ -182,7 +182,7 @@ private:
 
 bool writeBlock(KRDBuffer *record, const BlockSize &size)
 {
-    record->block_size_word = vu::reversed(static_cast<uint32_t>(size.bytes));
+    record->block_size_word = libvu::reversed(static_cast<uint32_t>(size.bytes));
     Pieces pieces(record);
     if (!record->no_position)
         pieces.add(&record->position, KRD_POSITION_SIZE);
@@ -221,7 +221,7 @@ double KRDBuffer_flush_frames(KRDBuffer *record, int32_t force)
         reportMismatch(record, KRD_FRAMING_SIZE, size.bytes);
         return releaseFrames(record);
     }
-    vu::recordIndexEntry(record, record->group_word, size.bytes);
+    libvu::recordIndexEntry(record, record->group_word, size.bytes);
     // The index may have been full and its file refused: a callback may have emptied the pipe.
     const bool written = record->pipe && writeBlock(record, size);
     releaseFrames(record);
@@ -236,6 +236,6 @@ void KRDWriter_flush_these(int32_t first, int32_t count, KRDBuffer *records, int
             continue;
         record->prev_position = record->position;
         const double stored = KRDBuffer_flush_frames(record, force);
-        record->position = vu::saturated<int64_t>(static_cast<double>(record->prev_position) + stored);
+        record->position = libvu::saturated<int64_t>(static_cast<double>(record->prev_position) + stored);
     }
 }

@@ -20,12 +20,12 @@ int64_t seal(KRDBuffer *record)
 {
     Membuf &bytes = record->buffer;
     const uint32_t length = bytes.size + KRD_FRAMING_SIZE;
-    record->block_size_word = vu::reversed(length);
-    record->crc_word = vu::reversed(vu::checksum(vu::headerChecksum(record), bytes.buf, bytes.size));
+    record->block_size_word = libvu::reversed(length);
+    record->crc_word = libvu::reversed(libvu::checksum(libvu::headerChecksum(record), bytes.buf, bytes.size));
     record->block_size_tail = record->block_size_word;
     record->iov[1] = {bytes.buf, bytes.size};
     record->iov[2] = {&record->crc_word, KRD_TRAILER_SIZE};
-    vu::writePieces(record, 0, 3, 0);
+    libvu::writePieces(record, 0, 3, 0);
     bytes.size = 0;
     return length;
 }
@@ -57,7 +57,7 @@ int64_t KRDBuffer_flush(KRDBuffer *record, int32_t force)
     if (record->buffer.size <= record->flush_size && !force)
         return 0;
     const uint32_t length = record->buffer.size + KRD_FRAMING_SIZE;
-    vu::recordIndexEntry(record, record->group_word, length);
+    libvu::recordIndexEntry(record, record->group_word, length);
     return seal(record);
 }
 
@@ -66,7 +66,7 @@ int32_t KRDBuffer_at_limit(const KRDBuffer *record)
     return record->sample_limit < 1 ? 1 : 0;
 }
 
-void vu::recordIndexEntry(KRDBuffer *record, uint32_t group_word, double length)
+void libvu::recordIndexEntry(KRDBuffer *record, uint32_t group_word, double length)
 {
     KRDBuffer *index = record->index;
     if (!index)

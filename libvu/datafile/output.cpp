@@ -51,7 +51,7 @@ void announceFullDisk()
 
 } // namespace
 
-namespace vu {
+namespace libvu {
 
 uint32_t checksum(uint32_t running, const void *piece, size_t bytes)
 {
@@ -97,7 +97,7 @@ int64_t writePieces(KRDBuffer *record, int first, int count, int64_t down)
     return 0;
 }
 
-} // namespace vu
+} // namespace libvu
 
 double KRDWriter_amount_written(int32_t count, const KRDBuffer *records)
 {

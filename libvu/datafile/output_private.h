@@ -3,7 +3,7 @@
 
 #include "libvu/datafile/krd_buffer.h"
 
-namespace vu {
+namespace libvu {
 
 // The running CRC-32 over one more piece, of any length; an empty piece changes nothing.
 uint32_t checksum(uint32_t running, const void *piece, size_t bytes);
@@ -19,4 +19,4 @@ int64_t writePieces(KRDBuffer *record, int first, int count, int64_t down);
 // index buffer goes to the file first.
 void recordIndexEntry(KRDBuffer *record, uint32_t group_word, double length);
 
-} // namespace vu
+} // namespace libvu

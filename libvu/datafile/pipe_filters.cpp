@@ -10,7 +10,7 @@
 #include "libvu/core/wire_private.h"
 #include "libvu/datafile/storage_table_private.h"
 
-namespace vu {
+namespace libvu {
 
 namespace {
 
@@ -149,4 +149,4 @@ double message_float64_filter(KRDBuffer *record)
     return convertMessages<double>(record);
 }
 
-} // namespace vu
+} // namespace libvu

@@ -4,11 +4,11 @@
 
 #include "libvu/datafile/krd_buffer.h"
 
-namespace vu {
+namespace libvu {
 
 double sequential_float32_filter(KRDBuffer *record);
 double sequential_float64_filter(KRDBuffer *record);
 double message_float32_filter(KRDBuffer *record);
 double message_float64_filter(KRDBuffer *record);
 
-} // namespace vu
+} // namespace libvu

@@ -8,7 +8,7 @@
 #define VU_WIDE
 #endif
 
-namespace vu {
+namespace libvu {
 
 namespace {
 
@@ -63,4 +63,4 @@ template void quotients<double, Rounding::none>(double *, const uint8_t *, size_
 template void quotients<float, Rounding::halfAwayFromZero>(double *, const uint8_t *, size_t, Quantisation);
 template void quotients<double, Rounding::halfAwayFromZero>(double *, const uint8_t *, size_t, Quantisation);
 
-} // namespace vu
+} // namespace libvu

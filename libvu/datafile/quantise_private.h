@@ -11,7 +11,7 @@
 
 #include "libvu/core/saturate_private.h"
 
-namespace vu {
+namespace libvu {
 
 struct Quantisation {
     double scale;
@@ -69,4 +69,4 @@ inline T storedInteger(double rounded)
     return static_cast<T>(static_cast<uint32_t>(static_cast<int32_t>(rounded - kHalf)) ^ kHalf);
 }
 
-} // namespace vu
+} // namespace libvu

@@ -71,15 +71,15 @@ void KRDBuffer_set_storage_convert(KRDBuffer *record, const char *source, const 
         logWarning("Run-length encoding is not for message channels: '%s' is stored plain", source);
         runs = false;
     }
-    vu::StorageGroup group;
+    libvu::StorageGroup group;
     if (bare) {
-        group = from64 ? vu::kBare64 : vu::kBare32;
-        record->pipe_filter = from64 ? vu::sequential_float64_filter : vu::sequential_float32_filter;
+        group = from64 ? libvu::kBare64 : libvu::kBare32;
+        record->pipe_filter = from64 ? libvu::sequential_float64_filter : libvu::sequential_float32_filter;
     } else {
-        group = from64 ? vu::kMessage64 : vu::kMessage32;
-        record->pipe_filter = from64 ? vu::message_float64_filter : vu::message_float32_filter;
+        group = from64 ? libvu::kMessage64 : libvu::kMessage32;
+        record->pipe_filter = from64 ? libvu::message_float64_filter : libvu::message_float32_filter;
     }
     const size_t plain = group + *place;
-    record->convertor = &vu::storage_convertors[runs ? plain + vu::kRunsBehindPlain : plain];
+    record->convertor = &libvu::storage_convertors[runs ? plain + libvu::kRunsBehindPlain : plain];
     record->rle_extra = runs ? 2 : 0;
 }

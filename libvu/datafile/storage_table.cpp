@@ -6,7 +6,7 @@
 #include "libvu/core/wire_private.h"
 #include "libvu/datafile/quantise_private.h"
 
-namespace vu {
+namespace libvu {
 
 namespace {
 
@@ -198,4 +198,4 @@ constexpr auto makeTable()
 
 constinit const std::array<StorageEntry, kStorageConvertors> storage_convertors = makeTable();
 
-} // namespace vu
+} // namespace libvu

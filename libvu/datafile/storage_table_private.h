@@ -5,7 +5,7 @@
 
 #include "libvu/datafile/storage_convert.h"
 
-namespace vu {
+namespace libvu {
 
 // A converted frame in the making.
 struct Conversion {
@@ -35,4 +35,4 @@ extern const std::array<StorageEntry, kStorageConvertors> storage_convertors;
 
 inline constexpr char kOverrun[] = "Storage datatype converted channel frame buffer overrun.";
 
-} // namespace vu
+} // namespace libvu

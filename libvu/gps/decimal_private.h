@@ -7,7 +7,7 @@
 
 #include "libvu/core/c_locale_private.h"
 
-namespace vu {
+namespace libvu {
 
 // Up to 15 digits are a whole number that a double holds exactly, and so is the power of ten below them: one
 // division rounds once, to the double nearest to the text. Anything else is left to the C library.
@@ -60,4 +60,4 @@ inline double numberInFirst(const char *text)
     return numberOf(piece);
 }
 
-} // namespace vu
+} // namespace libvu

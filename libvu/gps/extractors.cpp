@@ -7,7 +7,7 @@
 #include "libvu/core/saturate_private.h"
 #include "libvu/gps/extractors_private.h"
 
-namespace vu {
+namespace libvu {
 
 uint32_t utcStatus = 0;
 
@@ -165,4 +165,4 @@ void utcDateTime(GpsExtractor *row, Tokens tokens, int32_t)
     row->valid = 1;
 }
 
-} // namespace vu
+} // namespace libvu

@@ -7,7 +7,7 @@
 #include "libvu/gps/decimal_private.h"
 #include "libvu/gps/extractors.h"
 
-namespace vu {
+namespace libvu {
 
 using Tokens = const char *const *;
 
@@ -128,4 +128,4 @@ void trigger(GpsExtractor *row, Tokens tokens, int32_t count);           // 1.0:
 void ppsSyncActive(GpsExtractor *row, Tokens tokens, int32_t count);     // 1.0: times are tied to pulses
 void utcDateTime(GpsExtractor *row, Tokens tokens, int32_t count); // the one text: 2094-03-23T12:35:19.00
 
-} // namespace vu
+} // namespace libvu

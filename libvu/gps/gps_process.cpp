@@ -62,12 +62,12 @@ void deliverText(GpsSignal &signal, const char *text, int64_t time)
     if (!frame)
         return;
     auto *element = static_cast<char *>(frame->data);
-    vu::storeHost(element, size + kTimestampBytes);
-    vu::storeHost(element + kLengthBytes, time);
+    libvu::storeHost(element, size + kTimestampBytes);
+    libvu::storeHost(element + kLengthBytes, time);
     std::memcpy(element + kHeadBytes, text, size);
     frame->length = 1;
-    vu::stampStart(frame, time);
-    vu::deliver(signal.pipes, frame);
+    libvu::stampStart(frame, time);
+    libvu::deliver(signal.pipes, frame);
 }
 
 void deliverValue(GpsSignal &signal, const GpsExtractor &extractor, int64_t time)
@@ -134,10 +134,10 @@ GpsTsAdjust *adjustmentOf(const GpsSignal *signals)
 void gpsProcessSignals(GpsSignal *signals, void *record, int64_t timestamp)
 {
     auto *bytes = static_cast<char *>(record);
-    const auto length = vu::toHostInPlace<uint32_t>(bytes);
+    const auto length = libvu::toHostInPlace<uint32_t>(bytes);
     if (length < kTimestampBytes || length > kLongestRecord)
         return;
-    vu::storeHost(bytes + kLengthBytes, timestamp);
+    libvu::storeHost(bytes + kLengthBytes, timestamp);
     GpsTsAdjust *adjust = adjustmentOf(signals);
     if (!adjust)
         return;
@@ -151,7 +151,7 @@ void gpsProcessSignals(GpsSignal *signals, void *record, int64_t timestamp)
         *lineEnd = '\0';
         size = static_cast<size_t>(lineEnd - text);
     }
-    const auto time = vu::adjustTimestamp(*adjust, std::string_view(text, size), timestamp);
+    const auto time = libvu::adjustTimestamp(*adjust, std::string_view(text, size), timestamp);
     if (!time)
         return;
     if (lineEnd)
@@ -163,5 +163,5 @@ void gpsProcessSignals(GpsSignal *signals, void *record, int64_t timestamp)
     text[size - 1] = '\0';
     dispatch(signals, text - 1, size, *time);
     std::memmove(text, text - 1, size);
-    vu::storeHost(bytes + kLengthBytes, timestamp);
+    libvu::storeHost(bytes + kLengthBytes, timestamp);
 }

@@ -42,7 +42,7 @@ void reportMissing(const GpsSignal &signal, const char *key)
                signal.json);
 }
 
-const char *neededText(const GpsSignal &signal, const vu::Stanza &stanza, const char *key)
+const char *neededText(const GpsSignal &signal, const libvu::Stanza &stanza, const char *key)
 {
     const char *text = stanza.text(key);
     if (!text)
@@ -50,7 +50,7 @@ const char *neededText(const GpsSignal &signal, const vu::Stanza &stanza, const 
     return text;
 }
 
-bool readNeeded(const GpsSignal &signal, const vu::Stanza &stanza, const char *key, double &number)
+bool readNeeded(const GpsSignal &signal, const libvu::Stanza &stanza, const char *key, double &number)
 {
     const auto found = stanza.number(key);
     if (!found)
@@ -67,7 +67,7 @@ bool copy(const char *text, char *&into)
     return into;
 }
 
-bool readIdentity(GpsSignal &signal, const vu::Stanza &stanza)
+bool readIdentity(GpsSignal &signal, const libvu::Stanza &stanza)
 {
     const char *dataType = neededText(signal, stanza, "data_type");
     if (!dataType)
@@ -86,7 +86,7 @@ bool readIdentity(GpsSignal &signal, const vu::Stanza &stanza)
 
 bool takeRow(GpsSignal &signal, const GpsExtractor &row)
 {
-    signal.extractor = vu::makeZeroed<GpsExtractor>().release();
+    signal.extractor = libvu::makeZeroed<GpsExtractor>().release();
     if (!signal.extractor) {
         libvuError("%s:  Unable to allocate extractor", signal.name);
         return false;
@@ -98,14 +98,14 @@ bool takeRow(GpsSignal &signal, const GpsExtractor &row)
 }
 
 // A connector that no row matches is no failure here: it comes up at each record.
-bool selectRow(GpsSignal &signal, const vu::Stanza &stanza)
+bool selectRow(GpsSignal &signal, const libvu::Stanza &stanza)
 {
     const char *connector = neededText(signal, stanza, "connector");
     if (!connector) {
         libvuError("%s:  Connector is required", signal.name);
         return false;
     }
-    const auto rows = vu::receiverRows(signal.source_database);
+    const auto rows = libvu::receiverRows(signal.source_database);
     if (rows.empty()) {
         libvuError("%s:  Unrecognized GPS type '%s'", signal.name, signal.source_database);
         return false;
@@ -117,17 +117,17 @@ bool selectRow(GpsSignal &signal, const vu::Stanza &stanza)
 }
 
 // The value of a row is a number or a text, and a signal reads it as the one that its width says.
-bool fits(const GpsSignal &signal, const vu::Stanza &stanza)
+bool fits(const GpsSignal &signal, const libvu::Stanza &stanza)
 {
     const bool wantsText = signal.width < 0;
-    if (!signal.extractor || (signal.extractor->extract == vu::utcDateTime) == wantsText)
+    if (!signal.extractor || (signal.extractor->extract == libvu::utcDateTime) == wantsText)
         return true;
     libvuError("%s:  Connector '%s' does not fit data type '%s'", signal.name, stanza.text("connector"),
                stanza.text("data_type"));
     return false;
 }
 
-bool makeStream(GpsSignal &signal, const vu::Stanza &stanza, double pipeRate)
+bool makeStream(GpsSignal &signal, const libvu::Stanza &stanza, double pipeRate)
 {
     double sampleRate, invalidValue, staleSeconds;
     if (!readNeeded(signal, stanza, "scale", signal.scale) ||
@@ -148,7 +148,7 @@ bool makeStream(GpsSignal &signal, const vu::Stanza &stanza, double pipeRate)
     return true;
 }
 
-bool configure(GpsSignal &signal, const vu::Stanza &stanza)
+bool configure(GpsSignal &signal, const libvu::Stanza &stanza)
 {
     double pipeRate;
     if (!readIdentity(signal, stanza) || !selectRow(signal, stanza) ||
@@ -161,13 +161,13 @@ bool configure(GpsSignal &signal, const vu::Stanza &stanza)
 
 GpsSignal *gpsSignalInit(ProxyNode *channel, const char *stanza)
 {
-    static char parserText[vu::Stanza::kErrorSize];
-    const vu::Stanza parsed(stanza, parserText);
+    static char parserText[libvu::Stanza::kErrorSize];
+    const libvu::Stanza parsed(stanza, parserText);
     if (!parsed.parsed()) {
         libvuError("Unable to parse JSON:  %s", parserText);
         return nullptr;
     }
-    Draft signal(vu::makeZeroed<GpsSignal>().release());
+    Draft signal(libvu::makeZeroed<GpsSignal>().release());
     if (!signal) {
         libvuError("Unable to allocate gps signal node");
         return nullptr;

@@ -7,7 +7,7 @@
 
 #include "libvu/gps/extractors_private.h"
 
-namespace vu {
+namespace libvu {
 
 namespace {
 
@@ -135,4 +135,4 @@ std::span<const GpsExtractor> receiverRows(const char *receiver)
     return {};
 }
 
-} // namespace vu
+} // namespace libvu

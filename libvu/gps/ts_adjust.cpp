@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr double kTicks = static_cast<double>(vu::kTicksPerSecond);
+constexpr double kTicks = static_cast<double>(libvu::kTicksPerSecond);
 constexpr double kNever = -1000.0;            // below any time of day and any time handed out
 constexpr double kHeartbeatLatency = 0.33333; // s
 constexpr double kSameFix = 0.25;             // s that the sentences of a fix may lie behind their pulse
@@ -43,7 +43,7 @@ double toSeconds(int64_t ticks)
 
 int64_t toTicks(double seconds)
 {
-    return vu::saturated<int64_t>(seconds * kTicks);
+    return libvu::saturated<int64_t>(seconds * kTicks);
 }
 
 void start(GpsTsAdjust &adjust)
@@ -132,9 +132,9 @@ double timeOfDay(const GpsTsMessage &message)
 {
     char text[sizeof message.utc_field + 1] = {};
     std::memcpy(text, message.utc_field, sizeof message.utc_field);
-    const double minutes = vu::numberInFirst<2>(vu::textFrom(text, 2));
-    const double hours = vu::numberInFirst<2>(text);
-    return (minutes * 60.0 + hours * 3600.0) + vu::numberOf(vu::textFrom(text, 4));
+    const double minutes = libvu::numberInFirst<2>(libvu::textFrom(text, 2));
+    const double hours = libvu::numberInFirst<2>(text);
+    return (minutes * 60.0 + hours * 3600.0) + libvu::numberOf(libvu::textFrom(text, 4));
 }
 
 void adjustByTimeOfDay(GpsPpsState &pps, GpsTsMessage &message)
@@ -219,7 +219,7 @@ void notePulse(GpsPpsState &pps, double time)
 {
     pps.newest_pulse = pps.newest_pulse >= 0 && pps.newest_pulse < kLastSlot ? pps.newest_pulse + 1 : 0;
     pps.pulse_times[pps.newest_pulse] = time;
-    pps.pulse_count = vu::saturated<int32_t>(pps.pulse_count + 1.0);
+    pps.pulse_count = libvu::saturated<int32_t>(pps.pulse_count + 1.0);
 }
 
 int64_t adjustHeartbeat(GpsTsAdjust &adjust)
@@ -232,7 +232,7 @@ GpsTsAdjust *hostState; // of gpsAdjustNmeaTimestamp(), until the process ends
 
 } // namespace
 
-std::optional<int64_t> vu::adjustTimestamp(GpsTsAdjust &adjust, std::string_view text, int64_t timestamp)
+std::optional<int64_t> libvu::adjustTimestamp(GpsTsAdjust &adjust, std::string_view text, int64_t timestamp)
 {
     adjust.message = {};
     adjust.message.message_time = toSeconds(timestamp);
@@ -261,7 +261,7 @@ void pps_recalc_nmea_msg_ts(GpsPpsState *pps, GpsTsMessage *message)
 
 GpsTsAdjust *gpsInitializeTsAdjust(void)
 {
-    auto adjust = vu::makeZeroed<GpsTsAdjust>();
+    auto adjust = libvu::makeZeroed<GpsTsAdjust>();
     if (adjust)
         start(*adjust);
     return adjust.release();
@@ -277,7 +277,7 @@ int64_t gpsAdjustNmeaTimestamp(int64_t timestamp, const char *sentence)
     if (!hostState)
         return kNoTime;
     const std::string_view text(sentence, strnlen(sentence, kLongestText));
-    return vu::adjustTimestamp(*hostState, text, timestamp).value_or(kNoTime);
+    return libvu::adjustTimestamp(*hostState, text, timestamp).value_or(kNoTime);
 }
 
 void gpsReinitNmeaTSAdjust(void)

@@ -18,7 +18,7 @@ uint8_t *elementAt(const Frame *frame, uint32_t index)
 template <typename Sample>
 double readElement(const Frame *frame, uint32_t index)
 {
-    return static_cast<double>(vu::loadHost<Sample>(elementAt<Sample>(frame, index)));
+    return static_cast<double>(libvu::loadHost<Sample>(elementAt<Sample>(frame, index)));
 }
 
 // Two strict tests in the samples' order: a NaN changes nothing, and of two zeros the first one stays.
@@ -61,12 +61,12 @@ double frameBuf64Reader(const Frame *frame, uint32_t index)
 
 void frameBuf32Writer(Frame *frame, uint32_t index, double value)
 {
-    vu::storeHost(elementAt<float>(frame, index), static_cast<float>(value));
+    libvu::storeHost(elementAt<float>(frame, index), static_cast<float>(value));
 }
 
 void frameBuf64Writer(Frame *frame, uint32_t index, double value)
 {
-    vu::storeHost(elementAt<double>(frame, index), value);
+    libvu::storeHost(elementAt<double>(frame, index), value);
 }
 
 FrameBufReader getFrameBufReader(int32_t element_size)
@@ -101,7 +101,7 @@ int32_t Put_Frame(Frame *frame, PipeList *list)
     }
     if (!list->first)
         return 0;
-    vu::deliver(*list, frame);
+    libvu::deliver(*list, frame);
     return 1;
 }
 

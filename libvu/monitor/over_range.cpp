@@ -13,10 +13,10 @@
 
 namespace {
 
-using vu::kRing;
-using vu::OverRngChannel;
-using vu::OverRngEntry;
-using vu::OverRngModule;
+using libvu::kRing;
+using libvu::OverRngChannel;
+using libvu::OverRngEntry;
+using libvu::OverRngModule;
 
 constexpr uint32_t kTableStep = 10;
 constexpr double kEdge = 2.5e-06; // seconds of rounding allowed at a window's edge
@@ -86,7 +86,7 @@ void repeatSamples(Frame &to, const Frame &from, uint32_t times)
     const auto *source = static_cast<const uint8_t *>(from.data);
     auto *target = static_cast<Sample *>(to.data); // made by us, so aligned
     for (uint32_t i = 0; i < from.length; i++)
-        target = std::fill_n(target, times, vu::loadHost<Sample>(source + i * sizeof(Sample)));
+        target = std::fill_n(target, times, libvu::loadHost<Sample>(source + i * sizeof(Sample)));
     to.length = to.capacity;
 }
 
@@ -105,7 +105,7 @@ Frame *upsampled(const OverRngChannel &channel, const Frame &frame)
         repeatSamples<float>(*longer, frame, channel.upsample);
     else
         repeatSamples<double>(*longer, frame, channel.upsample);
-    vu::stampStart(longer, vu::multiplySaturated(frame.start, channel.upsample));
+    libvu::stampStart(longer, libvu::multiplySaturated(frame.start, channel.upsample));
     return longer;
 }
 
@@ -151,7 +151,7 @@ void give(OverRngModule &module, const OverRngChannel &channel, double time, boo
                   channel.name, kind, value, sign, limit);
 }
 
-void giveNotices(const Passage &at, const vu::Excursions &found, double time)
+void giveNotices(const Passage &at, const libvu::Excursions &found, double time)
 {
     OverRngChannel &channel = at.channel;
     if (found.under && !channel.underReported) {
@@ -166,11 +166,11 @@ void giveNotices(const Passage &at, const vu::Excursions &found, double time)
 
 // All windows from the first to the last excursion, in-range ones between included. A sample covers its whole
 // period.
-void mark(const Passage &at, const Frame &frame, const vu::Excursions &found)
+void mark(const Passage &at, const Frame &frame, const libvu::Excursions &found)
 {
     OverRngModule &module = at.module;
     const auto timeOf = [&](uint32_t sample) {
-        return static_cast<double>(vu::addSaturated(frame.start, sample)) * at.channel.period;
+        return static_cast<double>(libvu::addSaturated(frame.start, sample)) * at.channel.period;
     };
     const double first = timeOf(found.first);
     const double lastEnd = timeOf(found.last) + (at.channel.period - kEdge);
@@ -221,11 +221,11 @@ void watch(OverRngModule &module, uint32_t number, const Frame &frame)
     const double last = first + channel.period * (static_cast<double>(frame.length) - 1.0);
     const Passage at{module, channel, number, backTime(module), first, last};
     guardRing(at);
-    vu::Excursions found;
+    libvu::Excursions found;
     if (channel.badMode)
         internalError("invalid mode value");
     else
-        found = vu::findExcursions(frame, channel.range);
+        found = libvu::findExcursions(frame, channel.range);
     if (found.over || found.under)
         mark(at, frame, found);
     pass(at);
@@ -281,7 +281,7 @@ Frame *outputFrame(const OverRngModule &module, double value)
     }
     frameBuf64Writer(frame, 0, value);
     frame->length = 1;
-    vu::stampStart(frame, module.nextStart);
+    libvu::stampStart(frame, module.nextStart);
     return frame;
 }
 
@@ -309,7 +309,7 @@ int32_t Over_Rng_Detect_init(const OverRngModuleConfig *config, const OverRngCha
 {
     if (!growTable())
         return -1;
-    OverRngModule *const module = vu::makeModule(*config, channels);
+    OverRngModule *const module = libvu::makeModule(*config, channels);
     if (!module)
         return -1;
     table.modules[table.count] = module;
@@ -327,7 +327,7 @@ OverRngNotices *Over_Rng_Detect_run(int32_t module_id)
     putOut(*module);
     module->running = false;
     if (module->stopped) {
-        vu::releaseModule(module);
+        libvu::releaseModule(module);
         return nullptr;
     }
     return module->notices.count > 0 ? &module->notices : nullptr;
@@ -342,5 +342,5 @@ void Over_Rng_Detect_stop(int32_t module_id)
     if (module->running)
         module->stopped = true;
     else
-        vu::releaseModule(module);
+        libvu::releaseModule(module);
 }

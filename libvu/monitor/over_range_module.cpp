@@ -8,7 +8,7 @@
 #include "libvu/monitor/element_access.h"
 #include "libvu/monitor/over_range_module_private.h"
 
-namespace vu {
+namespace libvu {
 
 namespace {
 
@@ -151,4 +151,4 @@ void releaseModule(OverRngModule *module)
     std::free(module);
 }
 
-} // namespace vu
+} // namespace libvu

@@ -5,7 +5,7 @@
 #include "libvu/monitor/over_range.h"
 #include "libvu/monitor/range_scan_private.h"
 
-namespace vu {
+namespace libvu {
 
 struct OverRngChannel {
     char *name;
@@ -55,4 +55,4 @@ struct OverRngModule {
 OverRngModule *makeModule(const OverRngModuleConfig &config, const OverRngChannelConfig *channels);
 void releaseModule(OverRngModule *module);
 
-} // namespace vu
+} // namespace libvu

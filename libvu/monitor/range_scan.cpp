@@ -25,7 +25,7 @@ VU_INLINE_KERNEL bool anyOutsideLoop(const uint8_t *data, uint32_t count, Sample
 {
     unsigned found = 0;
     for (size_t i = 0; i < count; i++) {
-        const auto value = vu::loadHost<Sample>(data + i * sizeof(Sample));
+        const auto value = libvu::loadHost<Sample>(data + i * sizeof(Sample));
         found |= static_cast<unsigned>(value > upper) | static_cast<unsigned>(value < lower);
     }
     return found != 0;
@@ -44,11 +44,11 @@ VU_AVX2 bool anyOutsideAvx2(const uint8_t *data, uint32_t count, Sample lower, S
 }
 
 template <typename Sample>
-vu::Excursions scan(const uint8_t *data, uint32_t count, const vu::Range &range)
+libvu::Excursions scan(const uint8_t *data, uint32_t count, const libvu::Range &range)
 {
-    vu::Excursions found;
+    libvu::Excursions found;
     for (uint32_t i = 0; i < count; i++) {
-        const auto value = static_cast<double>(vu::loadHost<Sample>(data + i * sizeof(Sample)));
+        const auto value = static_cast<double>(libvu::loadHost<Sample>(data + i * sizeof(Sample)));
         const bool over = value > range.upper;
         const bool under = value < range.lower;
         if (!over && !under)
@@ -68,9 +68,9 @@ vu::Excursions scan(const uint8_t *data, uint32_t count, const vu::Range &range)
 
 // As a rule every sample is in range, which takes no more than one look at each.
 template <typename Sample>
-vu::Excursions find(const Frame &frame, const vu::Range &range)
+libvu::Excursions find(const Frame &frame, const libvu::Range &range)
 {
-    static const auto anyOutside = vu::hasAvx2() ? anyOutsideAvx2<Sample> : anyOutsidePlain<Sample>;
+    static const auto anyOutside = libvu::hasAvx2() ? anyOutsideAvx2<Sample> : anyOutsidePlain<Sample>;
     const auto *data = static_cast<const uint8_t *>(frame.data);
     const auto lower = narrowed<Sample>(range.lower, kInfinity);
     const auto upper = narrowed<Sample>(range.upper, -kInfinity);
@@ -81,11 +81,11 @@ vu::Excursions find(const Frame &frame, const vu::Range &range)
 
 } // namespace
 
-namespace vu {
+namespace libvu {
 
 Excursions findExcursions(const Frame &frame, const Range &range)
 {
     return frame.element_size == sizeof(float) ? find<float>(frame, range) : find<double>(frame, range);
 }
 
-} // namespace vu
+} // namespace libvu

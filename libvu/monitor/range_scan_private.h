@@ -5,7 +5,7 @@
 
 #include "libvu/core/frame.h"
 
-namespace vu {
+namespace libvu {
 
 // Limits that a sample may reach; a limit that is not watched is infinite.
 struct Range {
@@ -26,4 +26,4 @@ struct Excursions {
 // For elements of 4 or 8 bytes. A sample equal to a limit is in range, and so is a NaN.
 Excursions findExcursions(const Frame &frame, const Range &range);
 
-} // namespace vu
+} // namespace libvu

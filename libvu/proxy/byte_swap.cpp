@@ -10,7 +10,8 @@ constexpr size_t kValueOffset = 8; // of a message entry: its timestamp stands b
 template <typename Word>
 void swap(uint8_t *to, const uint8_t *from, size_t count)
 {
-    static const auto kernel = vu::fastest(vu::swapPlain<Word>, vu::swapAvx2<Word>, vu::swapAvx512<Word>);
+    static const auto kernel =
+        libvu::fastest(libvu::swapPlain<Word>, libvu::swapAvx2<Word>, libvu::swapAvx512<Word>);
     kernel(to, from, count);
 }
 
@@ -45,17 +46,17 @@ void proxyNode_swapDoubleSamples(ProxyNode *, void *frame)
 
 void proxyNode_swapFloatValue(ProxyNode *, void *entry)
 {
-    vu::toHostInPlace<uint32_t>(static_cast<uint8_t *>(entry) + kValueOffset);
+    libvu::toHostInPlace<uint32_t>(static_cast<uint8_t *>(entry) + kValueOffset);
 }
 
 void proxyNode_swapDoubleValue(ProxyNode *, void *entry)
 {
-    vu::toHostInPlace<uint64_t>(static_cast<uint8_t *>(entry) + kValueOffset);
+    libvu::toHostInPlace<uint64_t>(static_cast<uint8_t *>(entry) + kValueOffset);
 }
 
 void proxyNode_swapNone(ProxyNode *, void *) {}
 
-void vu::completeFrame(ProxyNode &node, Frame &frame, const uint8_t *source, uint32_t count)
+void libvu::completeFrame(ProxyNode &node, Frame &frame, const uint8_t *source, uint32_t count)
 {
     if (node.byte_swap == proxyNode_swapFloatSamples && frame.element_size == sizeof(uint32_t)) {
         completeSwapped<uint32_t>(frame, source, count);

@@ -6,7 +6,7 @@
 
 #include "libvu/proxy/proxy_node.h"
 
-namespace vu {
+namespace libvu {
 
 // A stream channel's node has no byte_swap, and a host may give it a reader of another kind.
 inline void toHost(ProxyNode *node, void *target)
@@ -25,4 +25,4 @@ inline void appendSamples(Frame &frame, const uint8_t *source, uint32_t count)
 // appendSamples(), then the node's byte_swap: at once, where that is the library's own.
 void completeFrame(ProxyNode &node, Frame &frame, const uint8_t *source, uint32_t count);
 
-} // namespace vu
+} // namespace libvu

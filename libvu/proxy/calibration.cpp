@@ -8,8 +8,8 @@ namespace {
 template <typename Sample>
 void applyPlain(const ProxyNode &node, Frame &frame)
 {
-    static const auto scaleOffset =
-        vu::fastest(vu::scaleOffsetPlain<Sample>, vu::scaleOffsetAvx2<Sample>, vu::scaleOffsetAvx512<Sample>);
+    static const auto scaleOffset = libvu::fastest(
+        libvu::scaleOffsetPlain<Sample>, libvu::scaleOffsetAvx2<Sample>, libvu::scaleOffsetAvx512<Sample>);
     // The zero is taken off in double precision, whatever the samples' width.
     scaleOffset(frame.data, frame.length, static_cast<Sample>(node.scale),
                 static_cast<Sample>(node.offset - node.rezero_offset));
@@ -24,8 +24,9 @@ void applyPrerun(ProxyNode &node, Frame &frame)
     node.rezero_offset = 0.0;
     for (size_t i = 0; i < frame.length; i++) {
         uint8_t *const at = data + i * sizeof(Sample);
-        const auto stored = static_cast<Sample>(std::fma(vu::loadHost<Sample>(at), node.scale, node.offset));
-        vu::storeHost(at, stored);
+        const auto stored =
+            static_cast<Sample>(std::fma(libvu::loadHost<Sample>(at), node.scale, node.offset));
+        libvu::storeHost(at, stored);
         node.rezero_offset += static_cast<double>(stored);
     }
     node.rezero_offset /= static_cast<double>(static_cast<int32_t>(frame.length));
@@ -34,7 +35,7 @@ void applyPrerun(ProxyNode &node, Frame &frame)
     // The callback may have written a zero of its own, so the field is read again.
     for (size_t i = 0; i < frame.length; i++) {
         uint8_t *const at = data + i * sizeof(Sample);
-        vu::storeHost(at, static_cast<Sample>(vu::loadHost<Sample>(at) - node.rezero_offset));
+        libvu::storeHost(at, static_cast<Sample>(libvu::loadHost<Sample>(at) - node.rezero_offset));
     }
 }
 

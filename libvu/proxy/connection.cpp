@@ -65,7 +65,7 @@ void endByPeer(ProxyNode *node)
 
 } // namespace
 
-namespace vu {
+namespace libvu {
 
 void loseFraming(ProxyNode *node, uint32_t length)
 {
@@ -77,7 +77,7 @@ void loseFraming(ProxyNode *node, uint32_t length)
                node->name, length);
 }
 
-} // namespace vu
+} // namespace libvu
 
 void proxyNode_IoEvent(struct ev_loop *, struct ev_io *watcher, int)
 {

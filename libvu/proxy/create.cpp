@@ -20,7 +20,7 @@ namespace {
 using Reader = void (*)(ProxyNode *);
 using Swap = void (*)(ProxyNode *, void *);
 
-constexpr double kTicksPerSecond = vu::kTicksPerSecond;
+constexpr double kTicksPerSecond = libvu::kTicksPerSecond;
 constexpr uint32_t kVaries = UINT32_MAX; // element size of a channel whose records vary in length
 constexpr uint32_t kMessageBuffer = 8192;
 constexpr uint32_t kLargestFirstBuffer = uint32_t{64} << 20;
@@ -95,7 +95,7 @@ bool isIdentity(const ProxyNode &node, const Channel &channel)
     return node.scale == 1.0 && node.offset == 0.0 && node.rezero_offset == 0.0 && !channel.purpose;
 }
 
-bool readNames(ProxyNode &node, const vu::Stanza &stanza, Channel &channel)
+bool readNames(ProxyNode &node, const libvu::Stanza &stanza, Channel &channel)
 {
     const char *name = stanza.text("name");
     if (!name) {
@@ -123,7 +123,7 @@ bool readNames(ProxyNode &node, const vu::Stanza &stanza, Channel &channel)
 }
 
 // On a bridge connector a pre-run zero is no purpose by itself, though it still picks the kernel.
-void readZeroMode(const vu::Stanza &stanza, Channel &channel)
+void readZeroMode(const libvu::Stanza &stanza, Channel &channel)
 {
     channel.purpose = stanza.text("purpose");
     if (channel.purpose)
@@ -133,7 +133,7 @@ void readZeroMode(const vu::Stanza &stanza, Channel &channel)
         channel.purpose = "prerun_zero";
 }
 
-void readCalibration(ProxyNode &node, const vu::Stanza &stanza, Channel &channel)
+void readCalibration(ProxyNode &node, const libvu::Stanza &stanza, Channel &channel)
 {
     channel.sampleRate = stanza.number("sample_rate", -1.0);
     channel.sequentialized = channel.typeHas("message_float") && channel.sampleRate > 0.0;
@@ -193,7 +193,7 @@ bool becomeMessage(ProxyNode &node, const Channel &channel, const MessageKind &k
     if (kind.periodicReader) {
         if (channel.sequentialized)
             node.main_reader = kind.periodicReader;
-        node.half_period = vu::saturated<int64_t>(std::floor(kTicksPerSecond / channel.sampleRate * 0.5));
+        node.half_period = libvu::saturated<int64_t>(std::floor(kTicksPerSecond / channel.sampleRate * 0.5));
     }
     if (channel.typeIs("message_raw") && channel.on("gps"))
         return becomeGps(node);
@@ -214,17 +214,18 @@ bool chooseKind(ProxyNode &node, const Channel &channel)
     return false;
 }
 
-bool setUpStream(ProxyNode &node, const vu::Stanza &stanza, const Channel &channel)
+bool setUpStream(ProxyNode &node, const libvu::Stanza &stanza, const Channel &channel)
 {
     sampleClockInit(&node.clock, channel.sampleRate);
-    if (!vu::clockRuns(node.clock))
+    if (!libvu::clockRuns(node.clock))
         return false;
     const auto life = stanza.number("stale_data_expiration_time");
     if (!life) {
         libvuError("Unable to get 'stale_data_expiration_time'");
         return false;
     }
-    node.stale_ticks = vu::subtractSaturated(vu::saturated<int64_t>(std::floor(*life * kTicksPerSecond)), 1);
+    node.stale_ticks =
+        libvu::subtractSaturated(libvu::saturated<int64_t>(std::floor(*life * kTicksPerSecond)), 1);
     const auto invalid = stanza.number("invalid_data_output_value");
     if (!invalid) {
         libvuError("Unable to get 'invalid_data_output_value'");
@@ -248,7 +249,7 @@ uint32_t firstBuffer(const ProxyNode &node, double sampleRate)
 {
     if (sampleRate < 1.0)
         return node.record_size;
-    const auto bytes = vu::saturated<uint32_t>(node.record_size * sampleRate);
+    const auto bytes = libvu::saturated<uint32_t>(node.record_size * sampleRate);
     return bytes < kLargestFirstBuffer ? bytes : kLargestFirstBuffer;
 }
 
@@ -263,7 +264,7 @@ bool sizeBuffers(ProxyNode &node, const Channel &channel, double pipeRate)
     return node.inbuf.capacity >= wanted;
 }
 
-bool readIsLogical(const vu::Stanza &stanza)
+bool readIsLogical(const libvu::Stanza &stanza)
 {
     const char *text = stanza.text("is_logical");
     return text ? std::strcmp(text, "TRUE") == 0 : stanza.isTrue("is_logical");
@@ -272,7 +273,7 @@ bool readIsLogical(const vu::Stanza &stanza)
 bool watch(ProxyNode &node, int32_t fd)
 {
     node.fd = fd;
-    node.watcher = vu::makeZeroed<ev_io>().release();
+    node.watcher = libvu::makeZeroed<ev_io>().release();
     if (!node.watcher) {
         libvuError("Unable to allocate IO event watcher for proxy node");
         return false;
@@ -287,13 +288,13 @@ bool watch(ProxyNode &node, int32_t fd)
 
 ProxyNode *proxyNode_Create(const char *json, int32_t fd, double pipe_rate)
 {
-    static char parserText[vu::Stanza::kErrorSize];
-    const vu::Stanza stanza(json, parserText);
+    static char parserText[libvu::Stanza::kErrorSize];
+    const libvu::Stanza stanza(json, parserText);
     if (!stanza.parsed()) {
         libvuError("Unable to parse JSON for proxy node:  %s", parserText);
         return nullptr;
     }
-    OwnedNode node(vu::makeZeroed<ProxyNode>().release());
+    OwnedNode node(libvu::makeZeroed<ProxyNode>().release());
     if (!node) {
         libvuError("Unable to allocate memory for proxy node");
         return nullptr;

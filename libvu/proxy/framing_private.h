@@ -12,7 +12,7 @@
 #include "libvu/core/wire_private.h"
 #include "libvu/proxy/proxy_node.h"
 
-namespace vu {
+namespace libvu {
 
 enum class Event { goesOn, leavesEarly };
 
@@ -84,4 +84,4 @@ inline void readRecords(ProxyNode *node, Handle &&handle)
     });
 }
 
-} // namespace vu
+} // namespace libvu

@@ -9,7 +9,7 @@
 #include "libvu/core/isa_private.h"
 #include "libvu/core/wire_private.h"
 
-namespace vu {
+namespace libvu {
 
 // x = fma(x, scale, offset), one rounding.
 template <typename Sample>
@@ -81,4 +81,4 @@ VU_AVX512 void swapAvx512(uint8_t *to, const uint8_t *from, size_t count)
     swapLoop<Word>(to + ahead * sizeof(Word), from + ahead * sizeof(Word), count - ahead);
 }
 
-} // namespace vu
+} // namespace libvu

@@ -17,7 +17,7 @@
 #include "libvu/proxy/ntp_private.h"
 #include "libvu/proxy/proxy_node.h"
 
-using vu::Event;
+using libvu::Event;
 
 namespace {
 
@@ -39,10 +39,10 @@ Frame *byteMessage(Body body, int64_t time)
     if (!frame)
         return nullptr;
     auto *element = static_cast<uint8_t *>(frame->data);
-    vu::storeHost(element, length);
-    vu::storeHost(element + kLengthWord, time);
+    libvu::storeHost(element, length);
+    libvu::storeHost(element + kLengthWord, time);
     std::memcpy(element + kLengthWord + kTimestamp, body.data() + kTimestamp, length - kTimestamp);
-    vu::stampStart(frame, time);
+    libvu::stampStart(frame, time);
     frame->length = 1;
     return frame;
 }
@@ -64,11 +64,11 @@ Event takeRaw(ProxyNode *node, Body body)
         node->sample_count += static_cast<int64_t>(body.size());
         return Event::goesOn;
     }
-    Frame *frame = byteMessage(body, vu::loadBig<int64_t>(body.data()));
+    Frame *frame = byteMessage(body, libvu::loadBig<int64_t>(body.data()));
     if (!frame)
         return Event::leavesEarly;
-    vu::toHost(node, frame);
-    vu::deliver(node->pipes, frame);
+    libvu::toHost(node, frame);
+    libvu::deliver(node->pipes, frame);
     return Event::goesOn;
 }
 
@@ -78,12 +78,12 @@ Event takeNmea(ProxyNode *node, Body body)
 {
     if (!holdsTimestamp(node, body))
         return Event::goesOn;
-    const auto time = vu::loadBig<int64_t>(body.data());
+    const auto time = libvu::loadBig<int64_t>(body.data());
     if (!anybodyListens(node)) {
         node->sample_count += static_cast<int64_t>(body.size());
     } else if (Frame *frame = byteMessage(body, time)) {
-        vu::toHost(node, frame);
-        vu::deliver(node->pipes, frame);
+        libvu::toHost(node, frame);
+        libvu::deliver(node->pipes, frame);
     }
     gpsProcessSignals(node->gps_set, body.data() - kLengthWord, time);
     return Event::goesOn;
@@ -94,7 +94,7 @@ Event takeXcp(ProxyNode *node, Body body)
     if (body.size() < kTimestamp)
         return Event::leavesEarly;
     const Body message = body.subspan(kTimestamp);
-    xcp_ip_set_process(node->xcp_set, vu::loadBig<int64_t>(body.data()), message.data(),
+    xcp_ip_set_process(node->xcp_set, libvu::loadBig<int64_t>(body.data()), message.data(),
                        static_cast<uint32_t>(message.size()));
     return Event::goesOn;
 }
@@ -105,7 +105,7 @@ uint32_t keepMessages(CanRecord *to, const CanRecord *records, uint32_t count)
     const CanRecord *const first = to;
     for (uint32_t i = 0; i < count; i++) {
         const CanRecord &record = records[i];
-        if (vu::loadHost<int64_t>(record.timestamp) >= 0 && !(record.flags & CAN_RECORD_TIME_ONLY))
+        if (libvu::loadHost<int64_t>(record.timestamp) >= 0 && !(record.flags & CAN_RECORD_TIME_ONLY))
             *to++ = record;
     }
     return static_cast<uint32_t>(to - first);
@@ -131,7 +131,7 @@ Event takeCan(ProxyNode *node, Body body)
         frameDelete(frame);
         return Event::leavesEarly;
     }
-    vu::deliver(node->pipes, frame);
+    libvu::deliver(node->pipes, frame);
     return Event::goesOn;
 }
 
@@ -176,8 +176,8 @@ public:
 
     void append(int64_t time, Value value)
     {
-        vu::storeHost(next_, time);
-        vu::storeHost(next_ + kTimestamp, value);
+        libvu::storeHost(next_, time);
+        libvu::storeHost(next_ + kTimestamp, value);
         next_ += kEntry<Value>;
     }
     // Delivers the frame, unless nothing is in it.
@@ -188,7 +188,7 @@ public:
         if (bytes == 0)
             frameDelete(frame_);
         else
-            vu::deliver(node->pipes, frame_);
+            libvu::deliver(node->pipes, frame_);
     }
 
 private:
@@ -204,22 +204,22 @@ Event takeValues(ProxyNode *node, Body body)
     const auto count = static_cast<uint32_t>(body.size() / kEntry<Value>);
     if (count == 0 || !anybodyListens(node))
         return Event::goesOn;
-    const auto time = vu::loadBig<int64_t>(body.data());
+    const auto time = libvu::loadBig<int64_t>(body.data());
     if (time < 0)
         return Event::goesOn;
     Frame *frame = frameCreate(count, kEntry<Value>, nullptr);
     if (!frame)
         return Event::leavesEarly;
-    vu::stampStart(frame, time);
+    libvu::stampStart(frame, time);
     const bool identity = isIdentity(node);
     const Calibration calibrated(node);
     Elements<Value> elements(frame);
     for (uint32_t i = 0; i < count; i++) {
         uint8_t *entry = body.data() + size_t{i} * kEntry<Value>;
-        vu::toHost(node, entry);
-        const auto value = vu::loadHost<Value>(entry + kTimestamp);
+        libvu::toHost(node, entry);
+        const auto value = libvu::loadHost<Value>(entry + kTimestamp);
         if (!std::isnan(value))
-            elements.append(vu::loadHost<int64_t>(entry), identity ? value : calibrated(value));
+            elements.append(libvu::loadHost<int64_t>(entry), identity ? value : calibrated(value));
     }
     elements.deliver(node);
     return Event::goesOn;
@@ -243,9 +243,9 @@ Event takeNtpValues(ProxyNode *node, Body body)
     Elements<Value> elements(frame);
     for (uint32_t i = 0; i < count; i++) {
         uint8_t *entry = entries.data() + size_t{i} * kEntry<Value>;
-        const auto time = static_cast<int64_t>(vu::ntpToHostInPlace(entry));
-        vu::toHostInPlace<Bits<Value>>(entry + kTimestamp);
-        const auto value = vu::loadHost<Value>(entry + kTimestamp);
+        const auto time = static_cast<int64_t>(libvu::ntpToHostInPlace(entry));
+        libvu::toHostInPlace<Bits<Value>>(entry + kTimestamp);
+        const auto value = libvu::loadHost<Value>(entry + kTimestamp);
         if (!std::isnan(value))
             elements.append(time, identity ? value : calibrated(value));
     }
@@ -256,7 +256,7 @@ Event takeNtpValues(ProxyNode *node, Body body)
 template <Event (*take)(ProxyNode *, Body)>
 void readEach(ProxyNode *node)
 {
-    vu::readRecords(node, [node](Body body, bool) { return take(node, body); });
+    libvu::readRecords(node, [node](Body body, bool) { return take(node, body); });
 }
 
 } // namespace
@@ -303,6 +303,6 @@ void proxyNode_ProxyReaderMessageNTPDouble(ProxyNode *node)
 
 double ntp_to_ts(const void *entry)
 {
-    return vu::ntpTicks(vu::loadHost<uint32_t>(entry),
-                        vu::loadHost<uint32_t>(static_cast<const uint8_t *>(entry) + 4));
+    return libvu::ntpTicks(libvu::loadHost<uint32_t>(entry),
+                           libvu::loadHost<uint32_t>(static_cast<const uint8_t *>(entry) + 4));
 }

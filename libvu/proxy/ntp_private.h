@@ -5,7 +5,7 @@
 
 #include "libvu/core/wire_private.h"
 
-namespace vu {
+namespace libvu {
 
 constexpr double kSecondsTo2000 = 946684800.0; // from 1970-01-01
 constexpr double kFractionUnit = 0x1p-32;      // seconds
@@ -27,4 +27,4 @@ inline double ntpToHostInPlace(uint8_t *entry)
     return ntpTicks(seconds, fraction);
 }
 
-} // namespace vu
+} // namespace libvu

@@ -28,17 +28,17 @@ bool assureFrame(ProxyNode &node)
         return true;
     node.frame = frameCreate(node.frame_length, node.element_size, nullptr);
     if (node.frame)
-        vu::stampStart(node.frame, node.sample_count);
+        libvu::stampStart(node.frame, node.sample_count);
     return node.frame != nullptr;
 }
 
 // Samples stay in wire order until their frame is full. `finish` then calibrates it and hands it on.
 template <typename Finish>
-vu::Event fillFrames(ProxyNode &node, const uint8_t *source, size_t samples, Finish &&finish)
+libvu::Event fillFrames(ProxyNode &node, const uint8_t *source, size_t samples, Finish &&finish)
 {
     while (samples > 0) {
         if (!assureFrame(node))
-            return vu::Event::leavesEarly;
+            return libvu::Event::leavesEarly;
         Frame *const frame = node.frame;
         const uint32_t room = frameAvailable(frame);
         const auto taken = static_cast<uint32_t>(std::min<size_t>(room, samples));
@@ -47,13 +47,13 @@ vu::Event fillFrames(ProxyNode &node, const uint8_t *source, size_t samples, Fin
         source += size_t{taken} * node.record_size;
         samples -= taken;
         if (taken < room) {
-            vu::appendSamples(*frame, from, taken);
+            libvu::appendSamples(*frame, from, taken);
         } else {
-            vu::completeFrame(node, *frame, from, taken);
+            libvu::completeFrame(node, *frame, from, taken);
             finish(frame);
         }
     }
-    return vu::Event::goesOn;
+    return libvu::Event::goesOn;
 }
 
 // With many channels what an event writes has left the cache since the last: it comes back while the kernel
@@ -73,27 +73,27 @@ template <typename Finish>
 void readSamples(ProxyNode *node, Finish &&finish)
 {
     fetchAhead(*node);
-    vu::readRecords(node, [&](std::span<uint8_t> body, bool listening) {
+    libvu::readRecords(node, [&](std::span<uint8_t> body, bool listening) {
         const auto bytes = samplesIn(body);
         const size_t samples = bytes.size() / node->record_size;
         if (listening)
             return fillFrames(*node, bytes.data(), samples, finish);
         dropFrame(*node);
         node->sample_count += static_cast<int64_t>(samples);
-        return vu::Event::leavesEarly;
+        return libvu::Event::leavesEarly;
     });
 }
 
 void handOn(ProxyNode &node)
 {
-    vu::deliver(node.pipes, std::exchange(node.frame, nullptr));
+    libvu::deliver(node.pipes, std::exchange(node.frame, nullptr));
 }
 
 double firstSample(const Frame &frame)
 {
     if (frame.element_size == sizeof(float))
-        return static_cast<double>(vu::loadHost<float>(frame.data));
-    return vu::loadHost<double>(frame.data);
+        return static_cast<double>(libvu::loadHost<float>(frame.data));
+    return libvu::loadHost<double>(frame.data);
 }
 
 } // namespace

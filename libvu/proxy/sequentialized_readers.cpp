@@ -18,7 +18,7 @@
 #include "libvu/proxy/proxy_node.h"
 #include "libvu/time/sample_clock_private.h"
 
-using vu::Event;
+using libvu::Event;
 
 namespace {
 
@@ -31,11 +31,11 @@ struct MessageTimes {
     static constexpr uint32_t kHead = 0; // bytes in front of the entries
     static constexpr bool kZeroAtFullFrame = true;
 
-    static void valueToHost(ProxyNode *node, uint8_t *entry) { vu::toHost(node, entry); }
+    static void valueToHost(ProxyNode *node, uint8_t *entry) { libvu::toHost(node, entry); }
     // The time less half a period: a value counts from the sample nearest to its time.
     static int64_t target(ProxyNode *node, uint8_t *entry)
     {
-        return vu::subtractSaturated(vu::toHostInPlace<int64_t>(entry), node->half_period);
+        return libvu::subtractSaturated(libvu::toHostInPlace<int64_t>(entry), node->half_period);
     }
     static double sample(const ProxyNode *node) { return node->held_value - node->rezero_offset; }
 };
@@ -66,15 +66,15 @@ struct NtpTimes {
     static constexpr uint32_t kHead = 8;
     static constexpr bool kZeroAtFullFrame = false;
 
-    static void valueToHost(ProxyNode *, uint8_t *entry) { vu::toHostInPlace<Bits>(entry + kTime); }
+    static void valueToHost(ProxyNode *, uint8_t *entry) { libvu::toHostInPlace<Bits>(entry + kTime); }
     static int64_t target(ProxyNode *node, uint8_t *entry)
     {
-        const double ticks = vu::ntpToHostInPlace(entry);
+        const double ticks = libvu::ntpToHostInPlace(entry);
         // Without a start of the test the stream starts here, instead of in 1970.
         if (node->start_time == 0)
             node->start_time = static_cast<int64_t>(ticks);
-        return vu::saturated<int64_t>(ticks - static_cast<double>(node->start_time) -
-                                      static_cast<double>(node->half_period));
+        return libvu::saturated<int64_t>(ticks - static_cast<double>(node->start_time) -
+                                         static_cast<double>(node->half_period));
     }
     static double sample(const ProxyNode *node) { return node->held_value; }
 };
@@ -83,7 +83,7 @@ struct NtpFloat : NtpTimes<uint32_t> {
     using Value = float;
     static bool isInvalid(float value)
     {
-        return std::isnan(value) || std::bit_cast<uint32_t>(value) == vu::kNoValueBits;
+        return std::isnan(value) || std::bit_cast<uint32_t>(value) == libvu::kNoValueBits;
     }
     // This kind alone takes no value while the host does not listen for zeros.
     static bool takesValues() { return libvuRezeroCallback != nullptr; }
@@ -105,7 +105,7 @@ struct NtpDouble : NtpTimes<uint64_t> {
 
 void stepClock(ProxyNode *node)
 {
-    vu::tick(node->clock);
+    libvu::tick(node->clock);
     if (node->stale_deadline < node->clock.current_tick)
         node->held_value = node->invalid_value;
 }
@@ -114,7 +114,7 @@ bool beginFrame(ProxyNode *node, uint32_t elementSize)
 {
     node->frame = frameCreate(node->frame_length, elementSize, nullptr);
     if (node->frame) {
-        vu::stampStart(node->frame, node->sample_count);
+        libvu::stampStart(node->frame, node->sample_count);
         return true;
     }
     libvuError("Unable to create frame for channel %s", node->name);
@@ -144,7 +144,7 @@ void finishFrame(ProxyNode *node)
         zeroAtFullFrame<typename Variant::Value>(node);
     Frame *frame = node->frame;
     node->frame = nullptr;
-    vu::deliver(node->pipes, frame);
+    libvu::deliver(node->pipes, frame);
 }
 
 // Years ahead, or at periods of years, where a step is rounded to a double.
@@ -152,7 +152,7 @@ struct FarClock {
     explicit FarClock(SampleClock &clock) : current(clock.current_tick), clock_(clock) {}
     void tick()
     {
-        vu::tick(clock_);
+        libvu::tick(clock_);
         current = clock_.current_tick;
     }
 
@@ -187,7 +187,7 @@ template <typename Variant>
 bool catchUp(ProxyNode *node, int64_t target)
 {
     using Sample = typename Variant::Value;
-    if (!vu::clockRuns(node->clock))
+    if (!libvu::clockRuns(node->clock))
         return true;
     while (node->clock.current_tick < target) {
         const uint32_t before = node->frame ? node->frame->length : 0;
@@ -198,8 +198,8 @@ bool catchUp(ProxyNode *node, int64_t target)
             *static_cast<Sample *>(node->frame->data) = static_cast<Sample>(Variant::sample(node));
             node->frame->length = 1;
         }
-        if (target < vu::kWholeNumbers && vu::WholeClock::steps(node->clock))
-            fillFrame<Variant, vu::WholeClock>(node, target);
+        if (target < libvu::kWholeNumbers && libvu::WholeClock::steps(node->clock))
+            fillFrame<Variant, libvu::WholeClock>(node, target);
         else
             fillFrame<Variant, FarClock>(node, target);
         // The last sample of a frame counts once the frame is on its way: callbacks see the count before it.
@@ -239,7 +239,7 @@ Event takeEntry(ProxyNode *node, uint8_t *entry)
     using Value = typename Variant::Value;
     const int64_t target = Variant::target(node, entry);
     Variant::valueToHost(node, entry);
-    const auto value = vu::loadHost<Value>(entry + kTime);
+    const auto value = libvu::loadHost<Value>(entry + kTime);
     const bool invalid = Variant::isInvalid(value);
     // Before the stream moves: samples up to this entry already see the new zero.
     if (invalid)
@@ -251,7 +251,7 @@ Event takeEntry(ProxyNode *node, uint8_t *entry)
         return Event::goesOn;
     if (!Variant::kZeroAtFullFrame)
         zeroFromValue(node, value);
-    node->stale_deadline = vu::addSaturated(node->clock.next_tick, node->stale_ticks);
+    node->stale_deadline = libvu::addSaturated(node->clock.next_tick, node->stale_ticks);
     node->held_value = Variant::held(node, value);
     return Event::goesOn;
 }
@@ -260,7 +260,7 @@ template <typename Variant>
 void readEntries(ProxyNode *node)
 {
     constexpr size_t kEntry = kTime + sizeof(typename Variant::Value);
-    vu::readRecords(node, [node](Body body, bool) {
+    libvu::readRecords(node, [node](Body body, bool) {
         for (size_t at = Variant::kHead; at + kEntry <= body.size(); at += kEntry)
             if (takeEntry<Variant>(node, body.data() + at) == Event::leavesEarly)
                 return Event::leavesEarly;

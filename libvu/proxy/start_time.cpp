@@ -18,7 +18,7 @@ int64_t fractionTicks(const char *text)
     const double seconds = std::strtod(text, &end);
     if (*end != '\0')
         return 0;
-    return vu::saturated<int64_t>(seconds * static_cast<double>(vu::kTicksPerSecond));
+    return libvu::saturated<int64_t>(seconds * static_cast<double>(libvu::kTicksPerSecond));
 }
 
 } // namespace
@@ -29,7 +29,7 @@ void proxyNode_SetStartTime(ProxyNode *node, const char *text)
         node->start_time = INT64_MAX;
         return;
     }
-    const vu::CLocaleScope decimalPoints;
+    const libvu::CLocaleScope decimalPoints;
     tm parts = {};
     parts.tm_isdst = -1; // the system's rules know whether daylight saving applied then
     const char *rest = strptime(text, "%Y-%m-%dT%H:%M:%S", &parts);
@@ -37,6 +37,6 @@ void proxyNode_SetStartTime(ProxyNode *node, const char *text)
         node->start_time = 0;
         return;
     }
-    const int64_t ticks = vu::multiplySaturated(mktime(&parts), vu::kTicksPerSecond);
-    node->start_time = vu::addSaturated(ticks, fractionTicks(rest));
+    const int64_t ticks = libvu::multiplySaturated(mktime(&parts), libvu::kTicksPerSecond);
+    node->start_time = libvu::addSaturated(ticks, fractionTicks(rest));
 }

@@ -13,8 +13,8 @@
 #include "libvu/core/stanza_private.h"
 #include "libvu/stream/stream_signal.h"
 
-using vu::Json;
-using Text = vu::Owned<char>;
+using libvu::Json;
+using Text = libvu::Owned<char>;
 
 namespace {
 
@@ -160,7 +160,7 @@ void heartbeatMissed(struct ev_loop *, ev_timer *, int) {}
 const char *handleAlive(ProxyNode *node, uint32_t, yajl_val_s *)
 {
     if (!node->heartbeat) {
-        node->heartbeat = vu::makeZeroed<ev_timer>().release();
+        node->heartbeat = libvu::makeZeroed<ev_timer>().release();
         if (!node->heartbeat)
             return "Unable to allocate HB watcher for proxy node";
         ev_timer_init(node->heartbeat, heartbeatMissed, kHeartbeat, kHeartbeat);
@@ -216,8 +216,8 @@ bool hasFixedTexts(const StreamMethod &method)
 
 Failure handle(ProxyNode *node, uint32_t signalNumber, const char *json)
 {
-    static char parserText[vu::Stanza::kErrorSize];
-    const vu::Stanza stanza(json, parserText);
+    static char parserText[libvu::Stanza::kErrorSize];
+    const libvu::Stanza stanza(json, parserText);
     if (!stanza.parsed())
         return {failure("process_channel_metainfo():  Parse Error - %s",
                         parserText[0] ? parserText : "Unknown error"),

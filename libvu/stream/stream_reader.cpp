@@ -6,7 +6,7 @@
 #include "libvu/stream/metainfo.h"
 #include "libvu/stream/stream_signal.h"
 
-using vu::Event;
+using libvu::Event;
 
 namespace {
 
@@ -23,9 +23,9 @@ struct HeaderWord {
 };
 
 // Size 0 says that the payload size follows in a word of its own.
-vu::RecordHead readHead(std::span<const uint8_t> arrived)
+libvu::RecordHead readHead(std::span<const uint8_t> arrived)
 {
-    vu::WireReader wire(arrived);
+    libvu::WireReader wire(arrived);
     const HeaderWord header{wire.u32be()};
     if (!wire.ok())
         return {kWord, 0};
@@ -61,15 +61,15 @@ void takeData(ProxyNode *node, uint32_t signalNumber, std::span<uint8_t> payload
 void proxyNode_ProxyReaderZNTStream(ProxyNode *node)
 {
     proxyNode_ReadSocket(node);
-    vu::cutRecords(node, readHead,
-                   [node](const vu::RecordHead &, const uint8_t *head, std::span<uint8_t> payload) {
-                       const HeaderWord header{vu::loadBig<uint32_t>(head)};
-                       if (payload.empty())
-                           return Event::leavesEarly;
-                       if (header.type() == kMetainfo)
-                           takeMetainfo(node, header.signalNumber(), payload);
-                       else
-                           takeData(node, header.signalNumber(), payload);
-                       return Event::goesOn;
-                   });
+    libvu::cutRecords(node, readHead,
+                      [node](const libvu::RecordHead &, const uint8_t *head, std::span<uint8_t> payload) {
+                          const HeaderWord header{libvu::loadBig<uint32_t>(head)};
+                          if (payload.empty())
+                              return Event::leavesEarly;
+                          if (header.type() == kMetainfo)
+                              takeMetainfo(node, header.signalNumber(), payload);
+                          else
+                              takeData(node, header.signalNumber(), payload);
+                          return Event::goesOn;
+                      });
 }

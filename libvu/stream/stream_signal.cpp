@@ -26,8 +26,8 @@ struct WireSample {
 struct BigEndian {
     static WireSample load(const uint8_t *sample)
     {
-        return {vu::loadBig<uint32_t>(sample), vu::loadBig<uint32_t>(sample + 4),
-                vu::loadBig<uint32_t>(sample + kValueOffset)};
+        return {libvu::loadBig<uint32_t>(sample), libvu::loadBig<uint32_t>(sample + 4),
+                libvu::loadBig<uint32_t>(sample + kValueOffset)};
     }
 };
 
@@ -35,12 +35,12 @@ struct BigEndian {
 struct LittleEndian {
     static WireSample load(const uint8_t *sample)
     {
-        return {vu::loadHost<uint32_t>(sample + 4), vu::loadHost<uint32_t>(sample),
-                vu::loadHost<uint32_t>(sample + kValueOffset)};
+        return {libvu::loadHost<uint32_t>(sample + 4), libvu::loadHost<uint32_t>(sample),
+                libvu::loadHost<uint32_t>(sample + kValueOffset)};
     }
 };
 
-const bool kHasAvx2 = vu::hasAvx2();
+const bool kHasAvx2 = libvu::hasAvx2();
 
 struct NoScaling {
     NoScaling(float, float) {}
@@ -81,13 +81,13 @@ void storeAt(Frame &frame, uint32_t place, double value)
 // Since the start of the test.
 double ticksOf(const WireSample &wire, const ProxyNode &node)
 {
-    return vu::ntpTicks(wire.seconds, wire.fraction) - static_cast<double>(node.start_time);
+    return libvu::ntpTicks(wire.seconds, wire.fraction) - static_cast<double>(node.start_time);
 }
 
 void timeToHost(uint8_t *sample, const WireSample &wire)
 {
-    vu::storeHost(sample, wire.seconds);
-    vu::storeHost(sample + 4, wire.fraction);
+    libvu::storeHost(sample, wire.seconds);
+    libvu::storeHost(sample + 4, wire.fraction);
 }
 
 // Takes samples as long as each brings about one step of the stream at most and no frame gets full, with the
@@ -98,9 +98,9 @@ VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample,
 {
     Sequentializer &seq = *signal.sequentializer;
     Frame *const frame = seq.current_frame;
-    if (!frame || !vu::WholeClock::steps(*seq.clock) || Scaling::isZeroPending(&signal))
+    if (!frame || !libvu::WholeClock::steps(*seq.clock) || Scaling::isZeroPending(&signal))
         return sample;
-    vu::WholeClock clock(*seq.clock);
+    libvu::WholeClock clock(*seq.clock);
     const Scaling scaled = scaling.of(&signal);
     const bool isDouble = seq.element_size == sizeof(double);
     const uint32_t before = frame->length, last = frame->capacity - 1;
@@ -110,7 +110,7 @@ VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample,
     for (; sample != end; sample += kSample) {
         const WireSample wire = Order::load(sample);
         const double ticks = ticksOf(wire, *signal.proxy);
-        if (!(std::fabs(ticks) < static_cast<double>(vu::kWholeNumbers)))
+        if (!(std::fabs(ticks) < static_cast<double>(libvu::kWholeNumbers)))
             break;
         const int64_t next = static_cast<int64_t>(ticks) - seq.half_period_ticks;
         if (clock.current < next) {
@@ -127,10 +127,10 @@ VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample,
         }
         target = next;
         timeToHost(sample, wire);
-        if (wire.value == vu::kNoValueBits)
+        if (wire.value == libvu::kNoValueBits)
             continue;
         held = scaled(std::bit_cast<float>(wire.value));
-        expiry = vu::addSaturated(clock.next, seq.stale_ticks);
+        expiry = libvu::addSaturated(clock.next, seq.stale_ticks);
     }
     frame->length = length;
     seq.sample_count += length - before;
@@ -147,18 +147,18 @@ template <typename Order, typename Scaling>
     const WireSample wire = Order::load(sample);
     timeToHost(sample, wire);
     // The stream takes whole ticks, toward zero.
-    const vu::Moment time(vu::saturated<int64_t>(ticksOf(wire, *signal->proxy)));
-    if (wire.value == vu::kNoValueBits) {
+    const libvu::Moment time(libvu::saturated<int64_t>(ticksOf(wire, *signal->proxy)));
+    if (wire.value == libvu::kNoValueBits) {
         if (Scaling::isZeroPending(signal))
-            vu::advanceSilent(*signal, time);
+            libvu::advanceSilent(*signal, time);
         else
-            vu::advance(*signal->sequentializer, time);
+            libvu::advance(*signal->sequentializer, time);
         return;
     }
     const auto value = std::bit_cast<float>(wire.value);
     if (Scaling::isZeroPending(signal))
         Scaling::zero(signal, value);
-    vu::takeValue(*signal->sequentializer, time, scaling.of(signal)(value));
+    libvu::takeValue(*signal->sequentializer, time, scaling.of(signal)(value));
 }
 
 template <typename Order, typename Scaling>
@@ -197,7 +197,7 @@ void take(CanSignalNode *signal, void *payload, uint32_t size, Scaling scaling)
         takePlain<Order, Scaling>(signal, static_cast<uint8_t *>(payload), size, scaling);
 }
 
-bool nothingMore(const vu::Stanza &, vu::RequiredKeys &, CanSignalNode &)
+bool nothingMore(const libvu::Stanza &, libvu::RequiredKeys &, CanSignalNode &)
 {
     return true;
 }
@@ -206,7 +206,7 @@ bool nothingMore(const vu::Stanza &, vu::RequiredKeys &, CanSignalNode &)
 
 CanSignalNode *streamCANSignalInit(const char *stanza)
 {
-    return vu::makeSignal(stanza, nothingMore);
+    return libvu::makeSignal(stanza, nothingMore);
 }
 
 void streamProcessCANSignalNoScaling(CanSignalNode *signal, void *payload, uint32_t payload_size, float scale,

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr double kTicksPerSecond = vu::kTicksPerSecond;
+constexpr double kTicksPerSecond = libvu::kTicksPerSecond;
 constexpr double kHighestRate = 1e9;
 constexpr double kLongestPeriod = 0x1p53; // ticks: up to here they are exact as a double
 
@@ -46,18 +46,18 @@ void sampleClockInit(SampleClock *clock, double rate)
     const double total = clock->rate_denominator * kTicksPerSecond;
     clock->whole_ticks = std::floor(total / clock->rate_numerator);
     clock->remainder_per_sample = total - clock->rate_numerator * clock->whole_ticks;
-    clock->next_tick = vu::saturated<int64_t>(clock->whole_ticks);
+    clock->next_tick = libvu::saturated<int64_t>(clock->whole_ticks);
 }
 
 SampleClock *sampleClockCreate(double rate)
 {
-    auto clock = vu::makeZeroedAtLine<SampleClock>();
+    auto clock = libvu::makeZeroedAtLine<SampleClock>();
     if (!clock) {
         libvuError("Unable to allocate memory for sampleClock");
         return nullptr;
     }
     sampleClockInit(clock.get(), rate);
-    return vu::clockRuns(*clock) ? clock.release() : nullptr;
+    return libvu::clockRuns(*clock) ? clock.release() : nullptr;
 }
 
 void sampleClockTick(SampleClock *clock)
@@ -66,5 +66,5 @@ void sampleClockTick(SampleClock *clock)
         libvuError("Sample clock not given");
         return;
     }
-    vu::tick(*clock);
+    libvu::tick(*clock);
 }

@@ -4,7 +4,7 @@
 #include "libvu/core/saturate_private.h"
 #include "libvu/time/sample_clock.h"
 
-namespace vu {
+namespace libvu {
 
 // A clock whose rate was refused reads all zero: no loop may wait for it.
 inline bool clockRuns(const SampleClock &clock)
@@ -65,4 +65,4 @@ private:
     double accumulator_;
 };
 
-} // namespace vu
+} // namespace libvu

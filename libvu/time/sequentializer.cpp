@@ -16,7 +16,7 @@ namespace {
 
 constexpr double kHighestPipeRate = 1e6;
 constexpr double kPoolSeconds = 5.0;
-using vu::kWholeNumbers;
+using libvu::kWholeNumbers;
 
 bool isUsablePipeRate(double rate)
 {
@@ -60,7 +60,7 @@ Frame *popPool(Sequentializer &seq)
 void takeFrame(Sequentializer &seq)
 {
     if (!seq.free_frames)
-        growPool(seq, vu::saturated<int64_t>(seq.pipe_rate));
+        growPool(seq, libvu::saturated<int64_t>(seq.pipe_rate));
     if (!seq.free_frames) {
         libvuError("Unable to add frames to sequentializer");
         libvuError("Unable to get frame for channel");
@@ -73,7 +73,7 @@ void takeFrame(Sequentializer &seq)
     frame->is_message = 0;
     frame->reserved = 0;
     frame->aux[0] = 0;
-    vu::stampStart(frame, seq.sample_count);
+    libvu::stampStart(frame, seq.sample_count);
     seq.current_frame = frame;
 }
 
@@ -85,7 +85,7 @@ void handOn(Sequentializer &seq)
         return;
     }
     seq.current_frame = nullptr;
-    vu::deliver(*seq.pipes, frame);
+    libvu::deliver(*seq.pipes, frame);
 }
 
 void expire(Sequentializer &seq)
@@ -132,7 +132,7 @@ uint32_t fillRun(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
 template <typename Sample>
 uint32_t fillSteps(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
 {
-    vu::WholeClock clock(*seq.clock);
+    libvu::WholeClock clock(*seq.clock);
     auto sample = static_cast<Sample>(seq.value);
     bool expired = false;
     uint32_t count = 0;
@@ -191,7 +191,7 @@ uint32_t fill(Sequentializer &seq, Frame *frame, int64_t limit)
 // A sample without a frame is lost and still counted, so that later frames keep their true start.
 void loseSample(Sequentializer &seq)
 {
-    vu::tick(*seq.clock);
+    libvu::tick(*seq.clock);
     expire(seq);
     seq.sample_count++;
 }
@@ -238,7 +238,7 @@ void advanceBy(Sequentializer &seq, int64_t target)
 {
     SampleClock &clock = *seq.clock;
     Frame *frame = seq.current_frame;
-    if (!vu::WholeClock::steps(clock))
+    if (!libvu::WholeClock::steps(clock))
         advanceFar<Sample>(seq, static_cast<double>(target));
     // The usual call: a value about once a sample, and a frame that does not become full by it.
     else if (frame && target <= clock.next_tick && frame->length + 1 < frame->capacity)
@@ -252,7 +252,7 @@ void advanceBy(Sequentializer &seq, int64_t target)
 Sequentializer *createSequentializer(uint32_t element_size, double pipe_rate, double sample_rate,
                                      double stale_seconds, double invalid_value)
 {
-    auto seq = vu::makeZeroedAtLine<Sequentializer>();
+    auto seq = libvu::makeZeroedAtLine<Sequentializer>();
     if (!seq) {
         libvuError("Unable to allocate memory for sequentializer object");
         return nullptr;
@@ -268,16 +268,16 @@ Sequentializer *createSequentializer(uint32_t element_size, double pipe_rate, do
     seq->frame_samples = frameBufsize(sample_rate, pipe_rate);
     seq->element_size = element_size;
     seq->half_period_ticks =
-        vu::saturated<int64_t>(std::floor(seq->clock->ticks_per_second / sample_rate * 0.5));
+        libvu::saturated<int64_t>(std::floor(seq->clock->ticks_per_second / sample_rate * 0.5));
     const double life = std::floor(stale_seconds * seq->clock->ticks_per_second);
-    seq->stale_ticks = vu::subtractSaturated(vu::saturated<int64_t>(life), 1);
+    seq->stale_ticks = libvu::subtractSaturated(libvu::saturated<int64_t>(life), 1);
     seq->invalid_value = invalid_value;
     seq->value = invalid_value;
-    growPool(*seq, vu::saturated<int64_t>(pipe_rate * kPoolSeconds));
+    growPool(*seq, libvu::saturated<int64_t>(pipe_rate * kPoolSeconds));
     return seq.release();
 }
 
-void vu::advanceTo(Sequentializer &seq, int64_t target)
+void libvu::advanceTo(Sequentializer &seq, int64_t target)
 {
     if (holdsDoubles(seq))
         advanceBy<double>(seq, target);
@@ -285,7 +285,7 @@ void vu::advanceTo(Sequentializer &seq, int64_t target)
         advanceBy<float>(seq, target);
 }
 
-void vu::advance(Sequentializer &seq, double time)
+void libvu::advance(Sequentializer &seq, double time)
 {
     constexpr double kLastTick = 0x1p63; // the clock stops here: a later target would never be reached
     if (!std::isfinite(time))
@@ -305,7 +305,7 @@ void vu::advance(Sequentializer &seq, double time)
     seq.last_target = passed;
 }
 
-void vu::takeValue(Sequentializer &seq, double time, double value)
+void libvu::takeValue(Sequentializer &seq, double time, double value)
 {
     advance(seq, time);
     seq.value = value;
@@ -314,12 +314,12 @@ void vu::takeValue(Sequentializer &seq, double time, double value)
 
 void sequentialize(Sequentializer *seq, double time)
 {
-    vu::advance(*seq, time);
+    libvu::advance(*seq, time);
 }
 
 void sequentialize_value(Sequentializer *seq, double time, double value)
 {
-    vu::takeValue(*seq, time, value);
+    libvu::takeValue(*seq, time, value);
 }
 
 void destroySequentializer(Sequentializer *seq)

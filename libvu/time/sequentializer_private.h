@@ -5,7 +5,7 @@
 #include "libvu/time/sample_clock_private.h"
 #include "libvu/time/sequentializer.h"
 
-namespace vu {
+namespace libvu {
 
 void advance(Sequentializer &seq, double time);                 // sequentialize()
 void takeValue(Sequentializer &seq, double time, double value); // sequentialize_value()
@@ -39,4 +39,4 @@ inline void takeValue(Sequentializer &seq, Moment moment, double value)
     seq.expiry_tick = addSaturated(seq.clock->next_tick, seq.stale_ticks);
 }
 
-} // namespace vu
+} // namespace libvu

@@ -22,9 +22,9 @@ struct Batch {
     Batch &at(int64_t ticks, uint32_t id, uint64_t payload = 0, uint8_t flags = 0xDF)
     {
         CanRecord record;
-        storeBig(record.timestamp, ticks);
-        storeBig(record.id, id);
-        storeBig(record.payload, payload);
+        libvu::storeBig(record.timestamp, ticks);
+        libvu::storeBig(record.id, id);
+        libvu::storeBig(record.payload, payload);
         record.flags = flags;
         records.push_back(record);
         return *this;
@@ -117,7 +117,8 @@ struct Signals {
         else
             canProcessSignals(list.at(0), records.data(), static_cast<int32_t>(records.size()));
         for (size_t i = 0; i < records.size(); i++)
-            EXPECT_EQ(loadHost<int64_t>(records[i].timestamp), loadBig<int64_t>(batch.records[i].timestamp));
+            EXPECT_EQ(libvu::loadHost<int64_t>(records[i].timestamp),
+                      libvu::loadBig<int64_t>(batch.records[i].timestamp));
         return each(&Sequentializer::value);
     }
     std::vector<double> after(const std::vector<uint8_t> &message, int64_t time = 0)

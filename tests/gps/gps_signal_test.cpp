@@ -154,7 +154,8 @@ TEST_F(Gps, NumbersAreThoseOfTheCLibrary)
             letter = letters[random() % kinds];
         receiver.feed(sentence("$GPGGA", "11=" + text));
         const double expected = std::strtod(text.c_str(), nullptr);
-        ASSERT_EQ(loadHost<uint64_t>(&signal->extractor->value), loadHost<uint64_t>(&expected)) << text;
+        ASSERT_EQ(libvu::loadHost<uint64_t>(&signal->extractor->value), libvu::loadHost<uint64_t>(&expected))
+            << text;
     }
 }
 

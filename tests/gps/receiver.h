@@ -86,7 +86,7 @@ struct Receiver {
     std::string feed(std::string_view text, int64_t time = 0)
     {
         std::vector<char> memory(13 + text.size());
-        storeBig(&memory[1], static_cast<uint32_t>(text.size() + 8));
+        libvu::storeBig(&memory[1], static_cast<uint32_t>(text.size() + 8));
         text.copy(memory.data() + 13, text.size());
         gpsProcessSignals(channel.gps_set, &memory[1], time);
         return {memory.begin() + 1, memory.end()};

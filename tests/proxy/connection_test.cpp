@@ -32,7 +32,7 @@ TEST_F(Connection, OnlyMarkersAndPossibleLengthsKeepItOpen)
         fresh.send(first);
         EXPECT_EQ(fresh.samples(), isMarker ? Floats() : Floats({1, 2}));
         EXPECT_EQ(errors.texts(),
-                  isMarker ? Texts() : Texts{fmt::format(kLost, vu::loadBig<uint32_t>(&first.end()[-4]))});
+                  isMarker ? Texts() : Texts{fmt::format(kLost, libvu::loadBig<uint32_t>(&first.end()[-4]))});
         fresh.send(Bytes().zeros(5000));
         fresh.hangUp();
         fresh.run();

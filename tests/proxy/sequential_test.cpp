@@ -174,16 +174,17 @@ void everyPathIsExact()
             calibrated.le(std::isnan(x) ? quiet : std::fma(x, scale, offset));
             reversed.be(x);
         }
-        const bool wide = vu::hasAvx2(), wider = vu::hasAvx512();
+        const bool wide = libvu::hasAvx2(), wider = libvu::hasAvx512();
         for (const auto kernel :
-             {vu::scaleOffsetPlain<T>, wide ? vu::scaleOffsetAvx2<T> : vu::scaleOffsetPlain<T>,
-              wider ? vu::scaleOffsetAvx512<T> : vu::scaleOffsetPlain<T>}) {
+             {libvu::scaleOffsetPlain<T>, wide ? libvu::scaleOffsetAvx2<T> : libvu::scaleOffsetPlain<T>,
+              wider ? libvu::scaleOffsetAvx512<T> : libvu::scaleOffsetPlain<T>}) {
             Bytes data = given;
             kernel(data.data() + 1, samples.size(), scale, offset);
             EXPECT_EQ(data, calibrated) << scale << " " << offset;
         }
-        for (const auto kernel : {vu::swapPlain<Word>, wide ? vu::swapAvx2<Word> : vu::swapPlain<Word>,
-                                  wider ? vu::swapAvx512<Word> : vu::swapPlain<Word>}) {
+        for (const auto kernel :
+             {libvu::swapPlain<Word>, wide ? libvu::swapAvx2<Word> : libvu::swapPlain<Word>,
+              wider ? libvu::swapAvx512<Word> : libvu::swapPlain<Word>}) {
             Bytes data = given;
             kernel(data.data() + 1, data.data() + 1, samples.size());
             EXPECT_EQ(data, reversed);

@@ -39,8 +39,8 @@ protected:
         const auto bytes = readBytes(file);
         size_t count = 0;
         for (size_t at = 0, size; at + 20 <= bytes.size(); at += size) {
-            size = loadBig<uint32_t>(&bytes[at]);
-            if (at + size <= bytes.size() && loadBig<uint32_t>(&bytes[at + 4]) == group)
+            size = libvu::loadBig<uint32_t>(&bytes[at]);
+            if (at + size <= bytes.size() && libvu::loadBig<uint32_t>(&bytes[at + 4]) == group)
                 count += (size - 28) / sizeof(double);
         }
         return count;

@@ -118,8 +118,8 @@ void KrdBuilder::close(const Json &changes)
                                      {"stored", stored_[i]},
                                      {"discarded", {{"limit", 1}, {"unfinished", 2}}}});
     const std::vector<uint8_t> file = bytes();
-    for (size_t at = 0; at < file.size(); at += loadBig<uint32_t>(&file[at]))
-        if (loadBig<uint32_t>(&file[at + 4]) == KRD_GROUP_INDEX)
+    for (size_t at = 0; at < file.size(); at += libvu::loadBig<uint32_t>(&file[at]))
+        if (libvu::loadBig<uint32_t>(&file[at + 4]) == KRD_GROUP_INDEX)
             closing["index_blocks"].push_back(at);
     catalogue(std::move(closing), changes);
 }
