@@ -42,11 +42,12 @@ void addFields(Signals &signals, const Strings &words)
     }
 }
 
-void play(const std::string &kind, std::span<const Strings> lines, ErrorTrap &errors)
+void play(const std::string &kind, std::span<const Case> lines, ErrorTrap &errors)
 {
     Signals signals(kind);
     const auto callback = libvuRezeroCallback;
-    for (const Strings &line : lines) {
+    for (const Case &line : lines) {
+        const ::testing::ScopedTrace trace(line.file.c_str(), line.line, kind);
         const Strings words = split(line[0], ' ');
         if (words[0] == "signal")
             ASSERT_TRUE(signals.add(json::parse(line[0].substr(7)))) << line[0];
@@ -70,8 +71,8 @@ void play(const std::string &kind, std::span<const Strings> lines, ErrorTrap &er
 
 TEST_F(Bus, EveryTalkGoesAsItWasWritten)
 {
-    const auto lines = cases("bus/talks.txt");
-    const auto begins = [](const Strings &line) {
+    const std::vector<Case> lines = cases("bus/talks.txt").rows();
+    const auto begins = [](const Case &line) {
         return line[0].starts_with("set") || line[0].starts_with("list") || line[0].starts_with("xcp");
     };
     for (auto at = lines.begin(); at != lines.end();) {

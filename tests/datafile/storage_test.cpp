@@ -172,8 +172,8 @@ TEST_F(Storage, EveryEntryOfTheTableStoresToTheBit)
 
 TEST_F(Storage, NamesChooseTheConvertor)
 {
-    for (const std::string &line : linesOf("datafile/conversions.txt")) {
-        SCOPED_TRACE(line);
+    for (const Case &row : cases("datafile/conversions.txt")) {
+        const std::string &line = row.text;
         std::istringstream words(line);
         std::string source, destination, bare, encoding, outcome;
         std::getline(words >> source >> destination >> bare >> encoding >> std::ws, outcome);

@@ -91,9 +91,9 @@ Doubles quiet(size_t count, const std::vector<std::pair<size_t, double>> &loud =
 
 TEST_F(OverRange, WorkedWindows)
 {
-    for (const std::string &line : linesOf("monitor/windows.txt"))
+    for (const Case &row : cases("monitor/windows.txt"))
         for (const int size : {4, 8}) {
-            const Strings words = split(line.substr(0, line.find('|')), ' ');
+            const Strings words = split(row.text.substr(0, row.text.find('|')), ' ');
             Doubles samples(std::stoul(words[3]));
             for (size_t i = 4; i < words.size(); i += 2)
                 samples.at(std::stoul(words[i])) = std::stod(words[i + 1]);
@@ -109,7 +109,7 @@ TEST_F(OverRange, WorkedWindows)
             for (const std::string &text : errors.critical())
                 said += '\n' + text;
             std::replace(said.begin(), said.end(), '\n', '|');
-            EXPECT_EQ(said, line.substr(line.find('|')));
+            EXPECT_EQ(said, row.text.substr(row.text.find('|')));
         }
     clear();
     EXPECT_GE(start(10), 0) << "a module without channels is one";

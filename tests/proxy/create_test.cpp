@@ -45,7 +45,8 @@ TEST_P(ProxyNodeCreate, EveryStanzaBecomesItsNodeOrIsRefused)
     const char *const hold =
         R"("sample_rate":100,"stale_data_expiration_time":1,"invalid_data_output_value":-1)";
     std::string shown;
-    for (const std::string &line : linesOf("proxy/nodes.txt")) {
+    for (const Case &row : cases("proxy/nodes.txt")) {
+        const std::string &line = row.text;
         if (line.starts_with("show ")) {
             shown = line.substr(5);
             continue;

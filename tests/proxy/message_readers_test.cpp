@@ -106,8 +106,8 @@ void play(const std::string &line)
 
 TEST(MessageRecords, BecomeFramesAndReachSignalsAndEndTheEventOrNot)
 {
-    for (const std::string &line : linesOf("proxy/messages.txt")) {
-        SCOPED_TRACE(line);
+    for (const Case &row : cases("proxy/messages.txt")) {
+        const std::string &line = row.text;
         play(line);
     }
 }

@@ -142,7 +142,8 @@ void calibrate(const std::string &line)
 
 TEST(Calibration, ScalesOffsetsAndZeroes)
 {
-    for (const std::string &line : linesOf("proxy/calibrations.txt")) {
+    for (const Case &row : cases("proxy/calibrations.txt")) {
+        const std::string &line = row.text;
         calibrate<float>(line);
         calibrate<double>(line);
     }

@@ -17,8 +17,8 @@ std::string cutBehind(std::string &line, const std::string &mark)
 TEST(Metainfo, SaysWhatIsWrongAndBindsTheFirstSignalWhoseStanzaHoldsTheName)
 {
     StreamChannel channel;
-    for (std::string line : linesOf("stream/metainfo.txt")) {
-        SCOPED_TRACE(line);
+    for (const Case &row : cases("stream/metainfo.txt")) {
+        std::string line = row.text;
         const std::string bound = cutBehind(line, " @ "), report = cutBehind(line, " # ");
         const auto number = static_cast<uint32_t>(std::stoul(line));
         std::string said;
