@@ -156,6 +156,8 @@ Channel parseChannel(const OrderedJson &json, size_t number)
     channel.blockType = fields.whole<int32_t>("block_type");
     channel.hasPosition = fields.flag("has_position");
     channel.parent = fields.text("parent", "");
+    if (json.contains("invalid"))
+        channel.invalid = fields.number("invalid");
     if (channel.group < KRD_GROUP_FIRST_CHANNEL)
         fields.refuse("group", "a number from 2");
     if (channel.element == Element::kUnknown || (!channel.runLength && channel.encodingName != "plain"))
@@ -282,6 +284,8 @@ OrderedJson toJson(const Channel &channel)
                         {"block_type", channel.blockType},  {"has_position", channel.hasPosition}};
     if (!channel.parent.empty())
         json["parent"] = channel.parent;
+    if (channel.invalid)
+        json["invalid"] = *channel.invalid;
     return json;
 }
 

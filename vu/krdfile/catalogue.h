@@ -3,6 +3,7 @@
 
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -51,7 +52,8 @@ struct Channel {
     std::string unit;
     int32_t blockType = 0;
     bool hasPosition = true;
-    std::string parent; // the channel it was decoded from, or empty
+    std::string parent;            // the channel it was decoded from, or empty
+    std::optional<double> invalid; // the stored value that stands for "no value"
 
     bool periodic() const { return kind == Kind::kSequential; }
     bool identity() const { return scale == 1.0 && offset == 0.0; }

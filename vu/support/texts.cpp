@@ -17,6 +17,29 @@ size_t width(const std::string &text)
     return static_cast<size_t>(std::ranges::count_if(text, [](char c) { return (c & 0xC0) != 0x80; }));
 }
 
+// Bytes of the UTF-8 character at the front that a terminal may print; 0: none.
+size_t printableBytes(std::string_view text)
+{
+    const auto byte = [text](size_t i) { return i < text.size() ? static_cast<uint8_t>(text[i]) : 0u; };
+    if (byte(0) < 0x80)
+        return byte(0) >= 0x20 && byte(0) != 0x7F ? 1 : 0;
+    const size_t length = byte(0) >= 0xF0 ? 4 : byte(0) >= 0xE0 ? 3 : 2;
+    uint32_t code = byte(0) & (0xFFu >> (length + 1));
+    for (size_t i = 1; i < length; i++) {
+        if ((byte(i) & 0xC0) != 0x80)
+            return 0;
+        code = code << 6 | (byte(i) & 0x3F);
+    }
+    constexpr uint32_t kSmallest[] = {0xA0, 0x800, 0x10000}; // from 0x80 to 0x9F: controls again
+    const bool direction = (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
+    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+    const bool separator = code == 0x2028 || code == 0x2029;
+    if (byte(0) < 0xC2 || code < kSmallest[length - 2] || code > 0x10FFFF || surrogate || direction ||
+        separator)
+        return 0;
+    return length;
+}
+
 } // namespace
 
 std::string sizeText(double bytes)
@@ -47,6 +70,21 @@ std::string durationText(double seconds)
     if (whole < 172800)
         return fmt::format("{} h {} min", whole / 3600, whole % 3600 / 60);
     return fmt::format("{} days {} h", whole / 86400, whole % 86400 / 3600);
+}
+
+std::string printable(std::string_view text, size_t most)
+{
+    std::string shown;
+    while (!text.empty()) {
+        const size_t length = printableBytes(text);
+        const std::string next = length > 0 ? std::string(text.substr(0, length))
+                                            : fmt::format("\\x{:02x}", static_cast<uint8_t>(text[0]));
+        if (shown.size() + next.size() > most)
+            return shown + "...";
+        shown += next;
+        text.remove_prefix(std::max<size_t>(length, 1));
+    }
+    return shown;
 }
 
 std::string tableText(const std::vector<std::vector<std::string>> &rows)

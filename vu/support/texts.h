@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vu {
@@ -16,6 +17,10 @@ std::string durationText(double seconds);
 
 // Rows under a heading, columns as wide as they need. A column whose heading begins with ">" is flush right.
 std::string tableText(const std::vector<std::vector<std::string>> &rows);
+
+// A text of others made fit for a terminal, a log line or a table: control characters as \xNN, bytes that are
+// no UTF-8 likewise, and at most `most` bytes of it, with "..." where it was longer.
+std::string printable(std::string_view text, size_t most = 400);
 
 // Ticks as decimal seconds, exactly where the file counts 25 ns ticks.
 std::string secondsText(int64_t ticks, int64_t ticksPerSecond);
