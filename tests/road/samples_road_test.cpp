@@ -78,7 +78,7 @@ INSTANTIATE_TEST_SUITE_P(, SamplesRoad,
 TEST_F(Road, ConvertedAndWatchedVibration)
 {
     SKIP_WITHOUT_RECORDINGS();
-    Json source = R"({"kind": "csv", "column": "m_2", "speed": 0})"_json;
+    Json source = R"({"kind": "csv", "column": "m_2", "speed": 0, "sample_rate": 1000})"_json;
     source["file"] = recordings() / "samples_vibration" / "long_single_header_multi_ch.lvm";
     const Json stores = R"({"plain": true,
                             "small": {"data_type": "int16", "scale": 0.001, "offset": 1},

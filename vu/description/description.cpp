@@ -1,38 +1,22 @@
 #include "vu/description/description.h"
 
-#include <algorithm>
-#include <ctime>
+#include <cerrno>
+#include <cstring>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <fstream>
 #include <iterator>
-#include <set>
 #include <sys/time.h>
 
-#include "vu/command.h"
-#include "vu/description/mistakes.h"
-#include "vu/description/signal_lists.h"
-#include "vu/description/source_trial.h"
+#include "vu/description/channel_reader.h"
+#include "vu/description/object_reader.h"
+#include "vu/description/output_trial.h"
 #include "vu/description/stanza_rules.h"
 #include "vu/description/store_rules.h"
-#include "vu/support/address.h"
+#include "vu/description/whole_rules.h"
 
 namespace vu {
 
 namespace {
-
-// What every part of a description is read with.
-struct Reading {
-    Mistakes &mistakes;
-    Description &test;
-    std::filesystem::path folder;
-    Sources sources;
-};
-
-std::string resolved(const Reading &reading, const std::string &path)
-{
-    return (reading.folder / path).string();
-}
 
 std::string now()
 {
@@ -44,148 +28,9 @@ std::string now()
                        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, time.tv_usec);
 }
 
-std::string readAddress(Fields &keys, const Reading &reading)
+WatchedChannel readWatched(const Json &value, const std::string &path, Findings &findings)
 {
-    const std::string text = keys.text("address");
-    if (text.empty())
-        return text;
-    try {
-        Address address = parseAddress(text);
-        if (address.family == Address::Family::Tcp && address.port == 0)
-            keys.mistakes().add(keys.pathOf("address"), "expected a port from 1 to 65535");
-        if (address.family == Address::Family::Unix)
-            address = parseAddress("unix:" + resolved(reading, address.path));
-        return address.text();
-    } catch (const InputError &error) {
-        keys.mistakes().add(keys.pathOf("address"), error.what());
-        return {};
-    }
-}
-
-std::string optionText(const Json &value)
-{
-    if (value.is_string())
-        return value.get<std::string>();
-    if (!value.is_array())
-        return value.dump();
-    std::vector<std::string> parts;
-    for (const Json &part : value)
-        parts.push_back(optionText(part));
-    return fmt::format("{}", fmt::join(parts, ","));
-}
-
-// `vu source` takes what the description says as options, and from the stanza what it leaves out.
-Source readSource(Fields &keys, const Reading &reading, const Channel &channel, const Json &stanza)
-{
-    Source source;
-    source.kind = keys.word("kind", {"sim", "wav", "csv", "candump", "can", "nmea"}, "");
-    const auto add = [&](std::string key, const Json &value) {
-        std::replace(key.begin(), key.end(), '_', '-');
-        if (value.is_boolean() && !value.get<bool>())
-            return;
-        source.arguments.push_back("--" + key);
-        if (!value.is_boolean())
-            source.arguments.back() += "=" + optionText(value);
-    };
-    for (const auto &[key, value] : keys.object().items()) {
-        if (key == "kind")
-            continue;
-        if (value.is_object() || value.is_null())
-            keys.mistakes().add(keys.pathOf(key), "expected a text, a number, true, false or an array");
-        else if (value == "")
-            keys.mistakes().add(keys.pathOf(key), "expected a text that is not empty");
-        else if (key == "file" || key == "device")
-            source.arguments.insert(source.arguments.begin(), resolved(reading, optionText(value)));
-        else if (key == "interface")
-            source.arguments.insert(source.arguments.begin(), optionText(value));
-        else
-            add(key, value);
-    }
-    for (const char *key : {"data_type", "connector", "sample_rate"})
-        if (!keys.has(key) && stanza.is_object() && stanza.contains(key) && !stanza[key].is_null() &&
-            !stanza[key].is_object())
-            add(key, stanza[key]);
-    if (source.kind == "sim" && !keys.has("start_time")) // of its absolute times
-        add("start_time", stanza.is_object() && stanza.contains("start_time")
-                              ? stanza["start_time"]
-                              : Json(reading.test.start_time));
-    source.arguments.push_back("--listen=" + channel.address);
-    return source;
-}
-
-// Devices may be plugged in later, and what is read from a pipe is gone: only files are opened ahead of time.
-bool isOpenable(Fields &keys, const Source &source)
-{
-    if (keys.has("device") || keys.has("interface"))
-        return false;
-    std::error_code ignored;
-    const auto type = keys.has("file") ? std::filesystem::status(source.arguments.front(), ignored).type()
-                                       : std::filesystem::file_type::not_found;
-    return type == std::filesystem::file_type::regular || type == std::filesystem::file_type::not_found;
-}
-
-void checkSource(Fields &keys, const Source &source, bool isRestSound)
-{
-    if (source.kind.empty())
-        return;
-    for (const std::string &refusal : refusalsOf(source, isRestSound && isOpenable(keys, source)))
-        keys.mistakes().add(keys.path(), refusal);
-}
-
-Store readChannelStore(Fields &keys, const Reading &reading, const Channel &channel)
-{
-    const bool frames = channel.kind != ChannelKind::kXcp && channel.kind != ChannelKind::kStream;
-    const bool numbers = channel.kind == ChannelKind::kSequential || channel.kind == ChannelKind::kFloats ||
-                         channel.kind == ChannelKind::kHeldFloats;
-    const Store store =
-        readStore(keys, {numbers, channel.sample_rate > 0.0, channel.wide}, frames, reading.test.warnings);
-    if (store.wanted && !frames)
-        keys.mistakes().add(store.path, "only the signals of such a channel can be stored: expected false");
-    return store;
-}
-
-void readStanza(Fields &keys, const Reading &reading, Channel &channel)
-{
-    const Json *given = keys.find("stanza");
-    if (!given) {
-        keys.mistakes().add(keys.pathOf("stanza"), "is missing: expected an object");
-        return;
-    }
-    Fields stanza(keys.mistakes(), *given, keys.pathOf("stanza"));
-    readChannelStanza(stanza, channel, reading.test.warnings);
-    Json completed = stanza.object();
-    if (!completed.contains("start_time"))
-        completed["start_time"] = reading.test.start_time;
-    channel.stanza = completed.dump();
-}
-
-Channel readChannel(const Json &value, const std::string &path, const Reading &reading)
-{
-    Fields keys(reading.mistakes, value, path);
-    Channel channel;
-    channel.path = path;
-    channel.where = reading.mistakes.line(path, "");
-    const size_t mistakesBefore = reading.mistakes.count();
-    channel.address = readAddress(keys, reading);
-    channel.pipe_rate = keys.number("pipe_rate", kPipeRate, 10.0);
-    channel.unit = keys.text("unit", "");
-    readStanza(keys, reading, channel);
-    channel.store = readChannelStore(keys, reading, channel);
-    if (const Json *source = keys.find("source")) {
-        Fields options(reading.mistakes, *source, keys.pathOf("source"));
-        channel.source =
-            readSource(options, reading, channel, value.contains("stanza") ? value["stanza"] : Json());
-        if (reading.sources == Sources::kHere)
-            checkSource(options, *channel.source, reading.mistakes.count() == mistakesBefore);
-    }
-    readSignals(keys, reading.folder, channel, reading.test.warnings);
-    keys.close();
-    return channel;
-}
-
-WatchedChannel readWatched(const Json &value, const std::string &path, Mistakes &mistakes)
-{
-    Fields keys(mistakes, value, path);
+    ObjectReader keys(findings, value, path);
     WatchedChannel watched;
     watched.path = path;
     watched.channel = keys.text("channel");
@@ -195,6 +40,9 @@ WatchedChannel readWatched(const Json &value, const std::string &path, Mistakes 
         watched.lower = keys.number("lower", kAnyNumber);
     if (watched.mode != 3)
         watched.upper = keys.number("upper", kAnyNumber);
+    if (watched.mode == 1 && watched.lower > watched.upper)
+        findings.mistake(keys.pathOf("upper"),
+                         fmt::format("expected at least lower, which is {}", watched.lower));
     watched.report = keys.flag("report", true);
     keys.close();
     return watched;
@@ -202,43 +50,69 @@ WatchedChannel readWatched(const Json &value, const std::string &path, Mistakes 
 
 Monitor readMonitor(const Json &value, const std::string &path, const Reading &reading)
 {
-    constexpr size_t kLongestName = 103;
-    Fields keys(reading.mistakes, value, path);
+    constexpr size_t kLongestMonitorName = 103;
+    ObjectReader keys(reading.findings, value, path);
     Monitor monitor;
     monitor.path = path;
     monitor.name = keys.text("name");
-    if (monitor.name.size() > kLongestName)
-        reading.mistakes.add(keys.pathOf("name"), "expected at most 103 bytes");
+    if (monitor.name.size() > kLongestMonitorName)
+        reading.findings.mistake(keys.pathOf("name"), "expected at most 103 bytes");
+    checkName(reading.findings, keys.pathOf("name"), monitor.name);
     monitor.rate = keys.number("rate", kSampleRate);
-    monitor.store = readStore(keys, {true, true, true}, true, reading.test.warnings);
+    monitor.store = readStore(keys, {true, true, ValueType::kFloat64}, true);
     const Json &channels = keys.array("channels");
     if (channels.empty())
-        reading.mistakes.add(keys.pathOf("channels"), "expected an array with at least one channel");
+        reading.findings.mistake(keys.pathOf("channels"), "expected an array with at least one channel");
     for (size_t i = 0; i < channels.size(); i++)
         monitor.channels.push_back(
-            readWatched(channels[i], elementPath(keys.pathOf("channels"), i), reading.mistakes));
+            readWatched(channels[i], elementPath(keys.pathOf("channels"), i), reading.findings));
     keys.close();
     return monitor;
 }
 
-void readTop(Fields &keys, Reading &reading)
+std::string readStartTime(ObjectReader &keys, Findings &findings)
+{
+    std::string text = keys.text("start_time", "now");
+    if (text == "now")
+        return now();
+    if (!isLocalTime(text))
+        findings.mistake("start_time", "expected \"now\" or a local time such as 2026-03-15T10:15:30.25");
+    return text;
+}
+
+void readFile(ObjectReader &keys, Reading &reading)
+{
+    const ReadOptions &options = reading.options;
+    const std::string file = keys.text("file");
+    reading.test.file = options.output.empty() ? reading.resolved(file) : options.output;
+    if (!options.try_output || (options.output.empty() && file.empty()))
+        return;
+    const std::string refusal = outputRefusal(reading.test.file, options.replace);
+    if (refusal.empty())
+        return;
+    if (options.output.empty())
+        reading.findings.mistake("file", refusal);
+    else
+        reading.findings.mistakeElsewhere({"--output", 0, "", refusal});
+}
+
+void readTop(ObjectReader &keys, Reading &reading)
 {
     Description &test = reading.test;
+    const ReadOptions &options = reading.options;
     test.name = keys.text("name");
-    test.start_time = keys.text("start_time", "now");
-    tm ignored{};
-    if (test.start_time == "now")
-        test.start_time = now();
-    else if (!strptime(test.start_time.c_str(), "%Y-%m-%dT%H:%M:%S", &ignored))
-        reading.mistakes.add("start_time", "expected \"now\" or a local time such as 2026-03-15T10:15:30.25");
+    checkName(reading.findings, "name", test.name);
+    test.start_time = readStartTime(keys, reading.findings);
     test.duration = keys.number("duration", {-1e-300, 1e9, "a number of seconds from 0 on"}, 0.0);
-    test.file = resolved(reading, keys.text("file"));
+    if (options.seconds > 0.0)
+        test.duration = options.seconds;
+    readFile(keys, reading);
     test.flush_interval = keys.number("flush_interval", {0.0, 3600.0, "a number above 0, at most 3600"}, 0.2);
     test.connect_timeout =
         keys.number("connect_timeout", {0.0, 86400.0, "a number above 0, at most 86400"}, 10.0);
     const Json &channels = keys.array("channels");
     if (channels.empty())
-        reading.mistakes.add("channels", "expected an array with at least one channel");
+        reading.findings.mistake("channels", "expected an array with at least one channel");
     for (size_t i = 0; i < channels.size(); i++)
         test.channels.push_back(readChannel(channels[i], elementPath("channels", i), reading));
     const Json &monitors = keys.array("monitors");
@@ -247,80 +121,45 @@ void readTop(Fields &keys, Reading &reading)
     keys.close();
 }
 
-// Everything stored lies side by side in one file under its name, and every source needs an address of its
-// own.
-void checkUnique(const Description &test, Mistakes &mistakes)
-{
-    std::set<std::string> names, addresses;
-    const auto check = [&](const std::string &name, const std::string &path) {
-        if (!name.empty() && !names.insert(name).second)
-            mistakes.add(path, fmt::format("the name {} is taken already", name));
-    };
-    for (const Channel &channel : test.channels) {
-        check(channel.name, channel.path + ".stanza.name");
-        if (!channel.address.empty() && !addresses.insert(channel.address).second)
-            mistakes.add(channel.path + ".address", "is taken already by another channel");
-        for (const Signal &signal : channel.signals)
-            check(signal.name, signal.path);
-    }
-    for (const Monitor &monitor : test.monitors)
-        check(monitor.name, monitor.path + ".name");
-}
-
-// How the periodic channel of that name is stored; null: there is none.
-const Store *periodic(const Description &test, const std::string &name)
-{
-    for (const Channel &channel : test.channels) {
-        if (channel.name == name && channel.sample_rate > 0.0)
-            return &channel.store;
-        for (const Signal &signal : channel.signals)
-            if (signal.name == name && !signal.text)
-                return &signal.store;
-    }
-    return nullptr;
-}
-
-void checkWatched(Description &test, Mistakes &mistakes)
-{
-    for (const Monitor &monitor : test.monitors)
-        for (const WatchedChannel &watched : monitor.channels) {
-            const Store *store = periodic(test, watched.channel);
-            if (!store) {
-                if (!watched.channel.empty())
-                    mistakes.add(watched.path + ".channel",
-                                 fmt::format("there is no periodic channel {}", watched.channel));
-                continue;
-            }
-            const double lowest = watched.mode == 2 ? watched.upper : watched.lower;
-            const double highest = watched.mode == 3 ? watched.lower : watched.upper;
-            if (const std::string warning = rangeWarning(*store, lowest, highest); !warning.empty())
-                test.warnings.push_back(mistakes.line(watched.path, watched.channel + ": " + warning));
-        }
-}
-
 } // namespace
 
-Description parseDescription(std::string_view text, const std::filesystem::path &file, Sources sources)
+Description parseDescription(std::string_view text, const std::filesystem::path &file,
+                             const ReadOptions &options)
 {
     const LocatedJson json(file.string(), text);
-    Mistakes mistakes(json);
+    Findings findings(json);
     Description test;
-    Reading reading{mistakes, test, file.parent_path(), sources};
-    Fields keys(mistakes, json.root(), "");
+    Reading reading{findings, test, file.parent_path(), options};
+    ObjectReader keys(findings, json.root(), "");
     readTop(keys, reading);
-    checkUnique(test, mistakes);
-    checkWatched(test, mistakes);
-    mistakes.throwIfAny(test.warnings);
+    checkWhole(test, findings);
+    for (const Channel &channel : test.channels)
+        if (options.try_channel && !findings.isMistakeUnder(channel.path))
+            options.try_channel(channel, findings);
+    if (options.try_output && !findings.isMistakeUnder("file"))
+        warnOfFullDisk(test, findings);
+    findings.throwIfAny();
+    test.warnings = findings.warnings();
+    test.filled_in = findings.filledIn();
     return test;
 }
 
-Description readDescription(const std::filesystem::path &file, Sources sources)
+Description readDescription(const std::filesystem::path &file, const ReadOptions &options)
 {
+    const auto refuse = [&](const std::string &why) {
+        throw DescriptionError({{file.string(), 0, "", why}}, {});
+    };
+    std::error_code ignored;
+    if (std::filesystem::is_directory(file, ignored))
+        refuse("is a folder: expected a description");
+    errno = 0;
     std::ifstream in(file, std::ios::binary);
+    if (!in.is_open())
+        refuse(fmt::format("cannot be read: {}", std::strerror(errno)));
     const std::string text{std::istreambuf_iterator<char>(in), {}};
-    if (!in.is_open() || in.bad())
-        throw InputError(fmt::format("{}: can not be read", file.string()));
-    return parseDescription(text, file, sources);
+    if (in.bad())
+        refuse("cannot be read");
+    return parseDescription(text, file, options);
 }
 
 } // namespace vu

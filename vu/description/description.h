@@ -1,12 +1,15 @@
-// A test as its description tells it: channels with their sources, how they are stored, what is watched.
+// A test as it is described: channels with their sources, how they are stored, what is watched.
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "vu/description/finding.h"
 #include "vu/description/located_json.h"
+#include "vu/support/value_type.h"
 
 namespace vu {
 
@@ -24,7 +27,7 @@ struct Store {
 // The process that produces a channel, started by `vu run`: `vu source KIND INPUT --options`.
 struct Source {
     std::string kind;
-    std::vector<std::string> arguments; // behind the kind
+    std::vector<std::string> arguments; // after the kind
 };
 
 // One signal of a channel, with the stanza that the library takes.
@@ -35,9 +38,11 @@ struct Signal {
     std::string stanza;
     std::string unit;
     Store store;
-    bool text = false;        // texts with times; everything else is a stream of numbers
-    bool wide = false;        // float64 values
-    double sample_rate = 0.0; // Hz
+    bool text = false; // texts with times; everything else is a stream of numbers
+    ValueType values = ValueType::kFloat64;
+    double sample_rate = 0.0;      // Hz
+    double pipe_rate = 10.0;       // frames per second, at least 1
+    std::optional<double> invalid; // what a sample without a value reads
 };
 
 // What a channel's data type and connector make of it.
@@ -49,12 +54,14 @@ struct Channel {
     std::string name;
     std::string address; // "unix:PATH" or "tcp:HOST:PORT"
     ChannelKind kind = ChannelKind::kSequential;
-    bool wide = false;   // float64 values
+    ValueType values = ValueType::kFloat32;
     bool ntp = false;    // absolute times
     bool little = false; // of a module stream: its samples are little-endian
     bool prerun_zero = false;
-    double sample_rate = 0.0; // Hz; 0: irregular
-    double pipe_rate = 10.0;  // frames per second
+    double sample_rate = 0.0;       // Hz; 0: irregular
+    double pipe_rate = 10.0;        // frames per second
+    double signal_pipe_rate = 10.0; // the same for its signals: at least 1
+    std::optional<double> invalid;  // of held values: what a sample without one reads
     std::string unit;
     std::string stanza;
     Store store;
@@ -88,18 +95,31 @@ struct Description {
     double connect_timeout = 10.0; // seconds
     std::vector<Channel> channels;
     std::vector<Monitor> monitors;
-    std::vector<std::string> warnings; // one line each
+    std::vector<Finding> warnings;
+    std::vector<Finding> filled_in; // what the description left out, and what is taken for it
 };
 
 // Who starts the sources. Those that this command is to start are tried while it reads: what they would
 // refuse is a mistake of the description.
 enum class Sources { kElsewhere, kHere };
 
-// Reads a description. Paths in it are relative to its folder. Throws InputError with one line for every
-// mistake in it: "FILE:LINE: channels[2].stanza.sample_rate: expected a number above 0".
-Description readDescription(const std::filesystem::path &file, Sources sources);
+class Findings;
+
+struct ReadOptions {
+    Sources sources = Sources::kElsewhere;
+    std::string output;      // the data file in place of the one in the description; empty: none
+    double seconds = 0.0;    // the duration likewise; 0: none
+    bool try_output = false; // what keeps the data file from being made is a mistake
+    bool replace = false;    // an existing data file is none
+    // Called for every channel that is sound so far: adds what else speaks against it.
+    std::function<void(const Channel &, Findings &)> try_channel;
+};
+
+// Reads a description. Paths in it are relative to its folder. Throws DescriptionError with every mistake in
+// it: "FILE:LINE: channels[2].stanza.sample_rate: expected a number above 0".
+Description readDescription(const std::filesystem::path &file, const ReadOptions &options = {});
 // The same of a text; `file` gives its name and folder.
 Description parseDescription(std::string_view text, const std::filesystem::path &file,
-                             Sources sources = Sources::kElsewhere);
+                             const ReadOptions &options = {});
 
 } // namespace vu

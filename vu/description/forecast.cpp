@@ -33,14 +33,14 @@ Forecast forecast(const Description &test)
 {
     Forecast sum;
     for (const Channel &channel : test.channels) {
-        add(sum, channel.store, channel.sample_rate, channel.pipe_rate, channel.wide ? 8 : 4,
+        add(sum, channel.store, channel.sample_rate, channel.pipe_rate, sizeOf(channel.values),
             test.flush_interval);
         for (const Signal &signal : channel.signals)
-            add(sum, signal.store, signal.sample_rate, channel.pipe_rate, signal.wide ? 8 : 4,
+            add(sum, signal.store, signal.sample_rate, signal.pipe_rate, sizeOf(signal.values),
                 test.flush_interval);
     }
     for (const Monitor &monitor : test.monitors)
-        add(sum, monitor.store, monitor.rate, monitor.rate, 8, test.flush_interval);
+        add(sum, monitor.store, monitor.rate, monitor.rate, sizeOf(ValueType::kFloat64), test.flush_interval);
     struct statvfs disk {};
     const auto folder = test.file.has_parent_path() ? test.file.parent_path() : std::filesystem::path(".");
     if (statvfs(folder.c_str(), &disk) == 0)

@@ -4,16 +4,15 @@
 #include <iterator>
 #include <vector>
 
-#include "vu/command.h"
+#include "vu/support/json_depth.h"
+#include "vu/support/texts.h"
 
 namespace vu {
 
 namespace {
 
-constexpr size_t kDeepest = 64;
-
-// Counts lines while the parser reads. A number is recognised by the character behind it, so the last
-// character read does not count yet.
+// Counts lines while the parser reads. A number ends at the character after it, so a newline counts only when
+// the parser goes beyond it.
 struct CountingIterator {
     using iterator_category = std::input_iterator_tag;
     using value_type = char;
@@ -63,7 +62,8 @@ public:
         key_ = name;
         if (!level.value->contains(name))
             return true;
-        failure_ = memberPath(level.path, name) + ": stands twice";
+        failed_path_ = memberPath(level.path, name);
+        failure_ = "stands twice";
         return false;
     }
     bool parse_error(size_t, const std::string &, const nlohmann::detail::exception &error) override
@@ -71,14 +71,18 @@ public:
         const std::string text = error.what();
         const size_t bracket = text.find("] ");
         failure_ = bracket == std::string::npos ? text : text.substr(bracket + 2);
-        // The parser's own place counts from the front of the text; the line in front of it is enough.
+        // The parser's own place is left out: it does not know the file, and the line is known here.
         if (const size_t place = failure_.find(": ");
             failure_.starts_with("parse error at") && place != std::string::npos)
             failure_ = "not JSON: " + failure_.substr(place + 2);
+        if (failure_.find("UTF-8") != std::string::npos)
+            failure_ = "not UTF-8: expected JSON in UTF-8";
+        failure_ = printable(failure_); // it may quote the text
         return false;
     }
 
     const std::string &failure() const { return failure_; }
+    const std::string &failedPath() const { return failed_path_; }
 
 private:
     struct Level {
@@ -116,8 +120,8 @@ private:
 
     bool open(Json container)
     {
-        if (levels_.size() == kDeepest) {
-            failure_ = "nested too deep";
+        if (levels_.size() == kMostJsonLevels) {
+            failure_ = fmt::format("nested deeper than {} levels", kMostJsonLevels);
             return false;
         }
         Json *placed = nullptr;
@@ -138,6 +142,7 @@ private:
     std::vector<Level> levels_;
     std::string key_;
     std::string failure_;
+    std::string failed_path_;
 };
 
 } // namespace
@@ -152,14 +157,32 @@ std::string elementPath(const std::string &path, size_t index)
     return fmt::format("{}[{}]", path, index);
 }
 
+namespace {
+
+// What is wrong with a text before a parser looks at it; empty: nothing.
+std::string refusalOf(std::string_view text)
+{
+    if (text.find_first_not_of(" \t\r\n") == std::string_view::npos)
+        return "is empty: expected a JSON object";
+    if (text.starts_with("\xEF\xBB\xBF"))
+        return "begins with a byte order mark: expected UTF-8 without one";
+    if (text.starts_with("\xFF\xFE") || text.starts_with("\xFE\xFF"))
+        return "is UTF-16: expected UTF-8";
+    return {};
+}
+
+} // namespace
+
 LocatedJson::LocatedJson(std::string file, std::string_view text) : file_(std::move(file))
 {
     int line = 1;
+    if (std::string refusal = refusalOf(text); !refusal.empty())
+        throw DescriptionError({{file_, line, "", std::move(refusal)}}, {});
     bool newlineRead = false;
     const auto at = [&](const char *where) { return CountingIterator{where, &line, &newlineRead}; };
     Builder builder(root_, lines_, line);
     if (!Json::sax_parse(at(text.data()), at(text.data() + text.size()), &builder))
-        throw InputError(fmt::format("{}:{}: {}", file_, line, builder.failure()));
+        throw DescriptionError({{file_, line, builder.failedPath(), builder.failure()}}, {});
 }
 
 int LocatedJson::line(std::string path) const
@@ -172,10 +195,9 @@ int LocatedJson::line(std::string path) const
     }
 }
 
-std::string LocatedJson::mistake(const std::string &path, std::string_view text) const
+Finding LocatedJson::finding(const std::string &path, std::string_view text) const
 {
-    return path.empty() ? fmt::format("{}:{}: {}", file_, line(path), text)
-                        : fmt::format("{}:{}: {}: {}", file_, line(path), path, text);
+    return {file_, line(path), path, std::string(text)};
 }
 
 } // namespace vu

@@ -1,5 +1,5 @@
-// A JSON text that remembers on which line each of its values stands, so that a mistake can be shown where it
-// was made.
+// A JSON text that remembers the line of each of its values, so that a mistake can be shown where it was
+// made.
 #pragma once
 
 #include <map>
@@ -7,14 +7,16 @@
 #include <string>
 #include <string_view>
 
+#include "vu/description/finding.h"
+
 namespace vu {
 
 using Json = nlohmann::ordered_json; // keys stay in the order in which they were written
 
 class LocatedJson {
 public:
-    // Parses `text`; `file` is what messages call it. Throws InputError, one line, for text that is no JSON,
-    // for a key that stands twice in one object and for nesting beyond 64 levels.
+    // Parses `text`; `file` is what messages call it. Throws DescriptionError, one line, for text that is not
+    // JSON in UTF-8, for a key that one object has twice and for nesting beyond 64 levels.
     LocatedJson(std::string file, std::string_view text);
 
     const Json &root() const { return root_; }
@@ -22,8 +24,8 @@ public:
     // Line of the value at a path such as "channels[2].stanza.name"; of the nearest thing around it where
     // there is no such value.
     int line(std::string path) const;
-    // "FILE:LINE: PATH: TEXT"
-    std::string mistake(const std::string &path, std::string_view text) const;
+    // A text about the value at a path.
+    Finding finding(const std::string &path, std::string_view text) const;
 
 private:
     std::string file_;

@@ -8,8 +8,19 @@
 
 namespace vu {
 
-// What the source would refuse, a line each. `deep` opens its file too, as far as it needs that to answer;
-// otherwise only the words are read.
-std::vector<std::string> refusalsOf(const Source &source, bool deep);
+struct SourceRefusal {
+    std::string option; // without its dashes; empty: none in particular
+    std::string text;
+};
+
+// What the source would refuse. `deep` opens its file too, as far as it needs that to answer; otherwise only
+// the words are read.
+std::vector<SourceRefusal> refusalsOf(const Source &source, bool deep);
+
+// The kinds of sources that there are.
+const std::vector<std::string> &sourceKinds();
+
+// The options of a kind of source, without their dashes.
+std::vector<std::string> optionsOf(const std::string &kind);
 
 } // namespace vu

@@ -75,38 +75,38 @@ bool isHex(const std::string &text)
     return end != text.c_str() && *end == '\0' && text.front() != '-';
 }
 
-void checkText(Fields &stanza, const Rule &rule)
+void checkText(ObjectReader &stanza, const Rule &rule)
 {
-    const size_t before = stanza.mistakes().count();
+    const size_t before = stanza.findings().mistakes();
     const std::string given = rule.required ? stanza.text(rule.key) : stanza.text(rule.key, "");
-    if (stanza.mistakes().count() != before || (!rule.required && !stanza.has(rule.key)))
+    if (stanza.findings().mistakes() != before || (!rule.required && !stanza.has(rule.key)))
         return;
     const auto fits = [&](const char *word) {
         return rule.form == Form::kWord ? given == word : given.find(word) != std::string::npos;
     };
     if (rule.form == Form::kHex && !isHex(given))
-        stanza.mistakes().add(stanza.pathOf(rule.key), "expected a hexadecimal number in quotes");
+        stanza.findings().mistake(stanza.pathOf(rule.key), "expected a hexadecimal number in quotes");
     if (!rule.words.empty() && std::none_of(rule.words.begin(), rule.words.end(), fits))
-        stanza.mistakes().add(stanza.pathOf(rule.key),
-                              fmt::format("expected {}one of {}",
-                                          rule.form == Form::kWord ? "" : "a text with ",
-                                          fmt::join(rule.words, ", ")));
+        stanza.findings().mistake(stanza.pathOf(rule.key),
+                                  fmt::format("expected {}one of {}",
+                                              rule.form == Form::kWord ? "" : "a text with ",
+                                              fmt::join(rule.words, ", ")));
 }
 
-void checkNumber(Fields &stanza, const Rule &rule)
+void checkNumber(ObjectReader &stanza, const Rule &rule)
 {
-    static const Fields::Range natural{-0.5, 4294967295.0, "a number from 0 to 4294967295"};
-    const Fields::Range &range = rule.form == Form::kRate       ? kSampleRate
-                                 : rule.form == Form::kPipeRate ? kPipeRate
-                                 : rule.form == Form::kNatural  ? natural
-                                                                : kAnyNumber;
+    static const ObjectReader::Range natural{-0.5, 4294967295.0, "a number from 0 to 4294967295"};
+    const ObjectReader::Range &range = rule.form == Form::kRate       ? kSampleRate
+                                       : rule.form == Form::kPipeRate ? kPipeRate
+                                       : rule.form == Form::kNatural  ? natural
+                                                                      : kAnyNumber;
     if (rule.required)
         stanza.number(rule.key, range);
     else
         stanza.number(rule.key, range, 0.0);
 }
 
-void check(Fields &stanza, const std::vector<Rule> &rules)
+void check(ObjectReader &stanza, const std::vector<Rule> &rules)
 {
     for (const Rule &rule : rules) {
         const bool isText = rule.form == Form::kText || rule.form == Form::kHex || rule.form == Form::kWord ||
@@ -118,20 +118,20 @@ void check(Fields &stanza, const std::vector<Rule> &rules)
 struct DataType {
     const char *name;
     ChannelKind kind;
-    bool wide = false;
+    ValueType values = ValueType::kFloat32; // of those that bring numbers
     bool ntp = false;
 };
 const DataType kDataTypes[] = {
     {"sequential_float32", ChannelKind::kSequential},
-    {"sequential_float64", ChannelKind::kSequential, true},
+    {"sequential_float64", ChannelKind::kSequential, ValueType::kFloat64},
     {"message_raw", ChannelKind::kBytes},
     {"message_nmea", ChannelKind::kNmea},
     {"message_can", ChannelKind::kCan},
     {"message_xcp_ip", ChannelKind::kXcp},
     {"message_float32", ChannelKind::kFloats},
-    {"message_float64", ChannelKind::kFloats, true},
-    {"message_float32_ntp", ChannelKind::kFloats, false, true},
-    {"message_float64_ntp", ChannelKind::kFloats, true, true},
+    {"message_float64", ChannelKind::kFloats, ValueType::kFloat64},
+    {"message_float32_ntp", ChannelKind::kFloats, ValueType::kFloat32, true},
+    {"message_float64_ntp", ChannelKind::kFloats, ValueType::kFloat64, true},
 };
 
 // The library looks for the first two as a part of the text; so does this.
@@ -151,7 +151,7 @@ bool has(const std::string &text, const char *part)
 }
 
 // False if the stanza does not tell.
-bool chooseKind(Fields &stanza, Channel &channel)
+bool chooseKind(ObjectReader &stanza, Channel &channel)
 {
     const std::string dataType = stanza.text("data_type");
     const std::string connector = stanza.text("connector");
@@ -163,47 +163,116 @@ bool chooseKind(Fields &stanza, Channel &channel)
     }
     if (!type) {
         if (!dataType.empty())
-            stanza.mistakes().add(
+            stanza.findings().mistake(
                 stanza.pathOf("data_type"),
                 "expected sequential_float32 or 64, message_raw, message_nmea, message_can, "
                 "message_xcp_ip, message_float32[_ntp] or 64[_ntp]");
         return false;
     }
     channel.kind = type->kind;
-    channel.wide = type->wide;
+    channel.values = type->values;
     channel.ntp = type->ntp;
     if (channel.kind == ChannelKind::kBytes && has(connector, "gps"))
         channel.kind = ChannelKind::kNmea;
     return true;
 }
 
-void checkStartTime(Fields &stanza)
+void checkStartTime(ObjectReader &stanza)
 {
     const std::string text = stanza.text("start_time", "");
-    tm ignored{};
-    if (!text.empty() && !strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &ignored))
-        stanza.mistakes().add(stanza.pathOf("start_time"),
-                              "expected a local time such as 2026-03-15T10:15:30.25");
+    if (!text.empty() && !isLocalTime(text))
+        stanza.findings().mistake(stanza.pathOf("start_time"),
+                                  "expected a local time such as 2026-03-15T10:15:30.25");
 }
 
-void readLogical(Fields &stanza)
+void readLogical(ObjectReader &stanza)
 {
     const Json *logical = stanza.find("is_logical");
-    if (logical && !logical->is_string() && !logical->is_boolean())
-        stanza.mistakes().add(stanza.pathOf("is_logical"), "expected \"TRUE\" or true");
+    if (logical && *logical != "TRUE" && !logical->is_boolean())
+        stanza.findings().mistake(stanza.pathOf("is_logical"), "expected \"TRUE\" or true");
+}
+
+// The same rule as in the library: where a field of that format begins in the 64-bit word that is shifted.
+void checkField(ObjectReader &stanza, const std::string &format, const char *startKey, const char *lengthKey)
+{
+    constexpr int64_t kPayloadBits = 64;
+    const auto number = [&](const char *key) {
+        return static_cast<int64_t>(stanza.number(key, kAnyNumber, 0.0));
+    };
+    const int64_t start = number(startKey), length = number(lengthKey);
+    if (format.front() == 'F' && length == kPayloadBits)
+        return; // it takes all of the payload, wherever it is said to begin
+    const bool motorola = format.find("MSB") != std::string::npos;
+    const int64_t room = motorola ? kPayloadBits - (start / 8 * 8 + 7 - start % 8) : kPayloadBits - start;
+    if (start >= kPayloadBits)
+        stanza.findings().mistake(stanza.pathOf(startKey), "expected a bit of the payload, from 0 to 63");
+    else if (length > room)
+        stanza.findings().mistake(
+            stanza.pathOf(lengthKey),
+            fmt::format("the field leaves the payload: expected at most {} bits from bit "
+                        "{} on",
+                        room, start));
+}
+
+void checkFields(ObjectReader &stanza)
+{
+    checkField(stanza, stanza.text("db_data_format"), "db_bit_start", "db_bit_length");
+    if (stanza.has("db_mode_format"))
+        checkField(stanza, stanza.text("db_mode_format"), "db_mode_start", "db_mode_length");
+}
+
+bool isTextSignal(ObjectReader &stanza, ChannelKind kind)
+{
+    const Json *type = stanza.find("data_type");
+    return kind == ChannelKind::kNmea && type && type->is_string() &&
+           !has(type->get<std::string>(), "_float");
 }
 
 } // namespace
 
 bool carriesSignals(ChannelKind kind)
 {
-    return kind == ChannelKind::kCan || kind == ChannelKind::kXcp || kind == ChannelKind::kNmea ||
-           kind == ChannelKind::kStream;
+    switch (kind) {
+    case ChannelKind::kCan:
+    case ChannelKind::kXcp:
+    case ChannelKind::kNmea:
+    case ChannelKind::kStream: return true;
+    case ChannelKind::kSequential:
+    case ChannelKind::kFloats:
+    case ChannelKind::kHeldFloats:
+    case ChannelKind::kBytes: return false;
+    }
+    return false;
 }
 
-void readChannelStanza(Fields &stanza, Channel &channel, std::vector<std::string> &warnings)
+bool isLocalTime(const std::string &text)
+{
+    tm parts{};
+    const char *rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    if (!rest || parts.tm_sec > 59)
+        return false;
+    if (*rest == '.')
+        for (++rest; *rest >= '0' && *rest <= '9';)
+            ++rest;
+    tm normal = parts; // the 30th of February becomes the 2nd of March
+    timegm(&normal);
+    return *rest == '\0' && normal.tm_mday == parts.tm_mday;
+}
+
+void checkName(Findings &findings, const std::string &path, const std::string &name)
+{
+    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
+    if (std::ranges::any_of(name, isControl))
+        findings.mistake(path, "expected a name without control characters");
+    if (name.size() > kLongestName)
+        findings.mistake(
+            path, fmt::format("expected a name of at most {} bytes, got {}", kLongestName, name.size()));
+}
+
+void readChannelStanza(ObjectReader &stanza, Channel &channel)
 {
     channel.name = stanza.text("name");
+    checkName(stanza.findings(), stanza.pathOf("name"), channel.name);
     const bool known = chooseKind(stanza, channel);
     checkStartTime(stanza);
     stanza.text("purpose", "");
@@ -222,26 +291,34 @@ void readChannelStanza(Fields &stanza, Channel &channel, std::vector<std::string
     check(stanza, {{"stale_data_expiration_time", Form::kNumber, held},
                    {"invalid_data_output_value", Form::kNumber, held}});
     readLogical(stanza);
-    for (const std::string &key : stanza.notAsked())
-        warnings.push_back(
-            stanza.mistakes().line(stanza.pathOf(key), "is no key of a channel stanza: ignored"));
+    stanza.close();
 }
 
-std::string checkSignalStanza(Fields &stanza, ChannelKind kind)
+std::string checkSignalStanza(ObjectReader &stanza, ChannelKind kind)
 {
     const std::string name = stanza.text("name");
+    const size_t before = stanza.findings().mistakes();
+    checkName(stanza.findings(), stanza.pathOf("name"), name);
     switch (kind) {
-    case ChannelKind::kCan: check(stanza, kCanSignal); break;
+    case ChannelKind::kCan:
+        check(stanza, kCanSignal);
+        if (stanza.findings().mistakes() == before)
+            checkFields(stanza);
+        break;
     case ChannelKind::kXcp: check(stanza, kXcpMeasurement); break;
     case ChannelKind::kStream: check(stanza, kStreamSignal); break;
     case ChannelKind::kNmea: check(stanza, kGpsSignal); break;
-    default: return name;
+    case ChannelKind::kSequential:
+    case ChannelKind::kFloats:
+    case ChannelKind::kHeldFloats:
+    case ChannelKind::kBytes: return name; // carries no signals: said elsewhere
     }
-    const Json *type = stanza.find("data_type");
-    const bool isText =
-        kind == ChannelKind::kNmea && type && type->is_string() && !has(type->get<std::string>(), "_float");
-    if (!isText)
+    if (!isTextSignal(stanza, kind))
         check(stanza, kHeldStream);
+    for (const Rule &rule : kHeldStream)
+        stanza.know({rule.key});
+    stanza.know({"unit", "store"});
+    stanza.close();
     return name;
 }
 

@@ -1,11 +1,13 @@
 #include "vu/krdfile/catalogue.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <fmt/format.h>
 #include <set>
 
 #include "libvu/datafile/krd_format.h"
+#include "vu/support/value_type.h"
 
 namespace vu::krd {
 
@@ -18,10 +20,17 @@ struct ElementName {
     const char *name;
     uint32_t size; // of a number; 0: no number
 };
-// In the order of Element.
-constexpr ElementName kElements[] = {{"float32", 4}, {"float64", 8}, {"int8", 1},  {"uint8", 1},
-                                     {"int16", 2},   {"uint16", 2},  {"int32", 4}, {"uint32", 4},
-                                     {"int64", 8},   {"uint64", 8},  {"can", 0},   {"bytes", 0}};
+// In the order of Element: the types of numbers, and then what is no number.
+constexpr auto kElements = [] {
+    std::array<ElementName, std::size(kValueTypes) + 2> names{};
+    for (size_t i = 0; i < std::size(kValueTypes); i++)
+        names[i] = {kValueTypes[i].name, kValueTypes[i].size};
+    names[std::size(kValueTypes)] = {"can", 0};
+    names[std::size(kValueTypes) + 1] = {"bytes", 0};
+    return names;
+}();
+static_assert(static_cast<size_t>(Element::kUint64) == static_cast<size_t>(ValueType::kUint64) &&
+              static_cast<size_t>(Element::kUnknown) == kElements.size());
 // In the order of Kind.
 constexpr const char *kKinds[] = {"sequential",  "message_raw",   "message_text",
                                   "message_can", "message_float", "message_float_ntp"};

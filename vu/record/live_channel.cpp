@@ -205,7 +205,7 @@ Track LiveChannel::ownTrack()
     track.unit = channel_.unit;
     track.store = channel_.store;
     track.pipes = &node_->pipes;
-    track.element = channel_.wide ? "float64" : "float32";
+    track.element = nameOf(channel_.values);
     track.element_size = node_->element_size;
     track.kind = "sequential";
     switch (channel_.kind) {
@@ -240,7 +240,7 @@ std::vector<Track> LiveChannel::tracks()
         Track track;
         track.name = decoded.signal->name;
         track.kind = decoded.stream ? "sequential" : "message_text";
-        track.element = !decoded.stream ? "bytes" : decoded.signal->wide ? "float64" : "float32";
+        track.element = decoded.stream ? nameOf(decoded.signal->values) : "bytes";
         track.element_size = decoded.stream ? decoded.stream->element_size : 0;
         track.sample_rate = decoded.stream ? decoded.signal->sample_rate : 0.0;
         track.unit = decoded.signal->unit;

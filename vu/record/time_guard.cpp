@@ -34,9 +34,9 @@ void storeWord(uint8_t *bytes, uint32_t word)
 double filledBytesPerSecond(const Channel &channel)
 {
     double sum =
-        channel.kind == ChannelKind::kHeldFloats ? channel.sample_rate * (channel.wide ? 8 : 4) : 0.0;
+        channel.kind == ChannelKind::kHeldFloats ? channel.sample_rate * sizeOf(channel.values) : 0.0;
     for (const Signal &signal : channel.signals)
-        sum += signal.sample_rate * (signal.wide ? 8 : 4);
+        sum += signal.sample_rate * sizeOf(signal.values);
     return sum;
 }
 
