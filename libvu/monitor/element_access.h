@@ -1,8 +1,8 @@
 /* The float samples of a frame, whatever their width; a frame to a chain of pipes; what a pipe holds.
  *
  * Readers and writers check nothing: the caller knows that the index lies in the frame and that the frame's
- * elements have that width. Errors: as told, through libvuError() and libvuCriticalError(). Thread: the
- * loop's. */
+ * elements have that width. Errors: as each function says, through libvuError() and libvuCriticalError().
+ * Thread: the loop's. */
 #ifndef LIBVU_MONITOR_ELEMENT_ACCESS_H
 #define LIBVU_MONITOR_ELEMENT_ACCESS_H
 

@@ -10,18 +10,15 @@
 #include "libvu/core/wire_private.h"
 #include "libvu/monitor/element_access.h"
 #include "libvu/monitor/over_range_module_private.h"
+#include "libvu/monitor/window_ring_private.h"
 
 namespace {
 
 using libvu::kRing;
 using libvu::OverRngChannel;
-using libvu::OverRngEntry;
 using libvu::OverRngModule;
 
 constexpr uint32_t kTableStep = 10;
-constexpr double kEdge = 2.5e-06; // seconds of rounding allowed at a window's edge
-// Windows ahead of `front` in use at a time: with one more, a full ring would look like an empty one.
-constexpr uint32_t kMostAhead = kRing - 1;
 
 struct Table {
     uint32_t count;
@@ -64,22 +61,6 @@ OverRngModule *moduleOf(int32_t id)
     return table.modules[slot];
 }
 
-OverRngEntry &entryAt(OverRngModule &module, uint32_t index)
-{
-    return module.entries[index % kRing];
-}
-
-// Windows between the oldest one not yet put out and the oldest one not yet passed.
-uint32_t windowsWaiting(const OverRngModule &module)
-{
-    return (module.back - module.front) % kRing;
-}
-
-double backTime(const OverRngModule &module)
-{
-    return static_cast<double>(module.windowsPassed) / module.rate;
-}
-
 template <typename Sample>
 void repeatSamples(Frame &to, const Frame &from, uint32_t times)
 {
@@ -101,21 +82,20 @@ Frame *upsampled(const OverRngChannel &channel, const Frame &frame)
         internalError("could not allocate up-sampled frame");
         return nullptr;
     }
-    if (frame.element_size == sizeof(float))
-        repeatSamples<float>(*longer, frame, channel.upsample);
-    else
-        repeatSamples<double>(*longer, frame, channel.upsample);
+    switch (channel.type) {
+    case libvu::SampleType::float32: repeatSamples<float>(*longer, frame, channel.upsample); break;
+    case libvu::SampleType::float64: repeatSamples<double>(*longer, frame, channel.upsample); break;
+    }
     libvu::stampStart(longer, libvu::multiplySaturated(frame.start, channel.upsample));
     return longer;
 }
 
-// One channel's frame against the ring as it stands.
+// A frame of one channel, and the time of the oldest window that is not passed.
 struct Passage {
     OverRngModule &module;
     OverRngChannel &channel;
-    uint32_t number; // of the channel
-    double back;     // time of the entry at `back`
-    double first;    // times of the frame's samples
+    double back;  // time of the entry at `back`
+    double first; // times of the frame's samples
     double last;
 };
 
@@ -133,7 +113,7 @@ void guardRing(const Passage &at)
                            at.first, at.back, at.last, end);
 }
 
-// Logged whole; in the list of the run it is cut to the length of a text there.
+// The log has the complete text; the list of the run has as much of it as fits.
 void give(OverRngModule &module, const OverRngChannel &channel, double time, bool over, double value)
 {
     const char *kind = over ? "over" : "under";
@@ -164,71 +144,43 @@ void giveNotices(const Passage &at, const libvu::Excursions &found, double time)
     }
 }
 
-// All windows from the first to the last excursion, in-range ones between included. A sample covers its whole
-// period.
+// A sample covers all of its period. A channel's first notice is given wherever its windows are.
 void mark(const Passage &at, const Frame &frame, const libvu::Excursions &found)
 {
-    OverRngModule &module = at.module;
+    OverRngChannel &channel = at.channel;
     const auto timeOf = [&](uint32_t sample) {
-        return static_cast<double>(libvu::addSaturated(frame.start, sample)) * at.channel.period;
+        return static_cast<double>(libvu::addSaturated(frame.start, sample)) * channel.period;
     };
     const double first = timeOf(found.first);
-    const double lastEnd = timeOf(found.last) + (at.channel.period - kEdge);
-    const uint32_t room = kMostAhead - windowsWaiting(module);
-    for (uint32_t k = 0;; k++) {
-        const double begin = at.back + k * module.window;
-        if (begin > lastEnd)
-            return;
-        if (k == room) {
-            logWarning("%s:  channel '%s' is too far ahead, marks of its windows out of range are lost",
-                       module.name, at.channel.name);
-            return;
-        }
-        if (!(begin + module.window - kEdge > first))
-            continue;
-        entryAt(module, module.back + k).value = 1.0;
-        giveNotices(at, found, first);
-    }
+    const libvu::Marked marked =
+        libvu::markWindows(at.module, first, timeOf(found.last) + (channel.period - libvu::kWindowEdge));
+    if (marked == libvu::Marked::none)
+        return;
+    giveNotices(at, found, first);
+    const bool wasLosing = channel.losesMarks;
+    channel.losesMarks = marked == libvu::Marked::notAll;
+    if (channel.losesMarks && !wasLosing)
+        logWarning("%s:  channel '%s' is too far ahead, marks of its windows out of range are lost",
+                   at.module.name, channel.name);
 }
 
-// The channel passes every window that ends at or before the frame's last sample. A later frame passes what
-// the ring has no room for now.
-void pass(const Passage &at)
-{
-    OverRngModule &module = at.module;
-    const uint32_t begin = module.back;
-    const uint32_t room = kMostAhead - windowsWaiting(module);
-    double end = at.back + module.window;
-    for (uint32_t k = 0; k < room && at.last >= end; k++, end += module.window) {
-        OverRngEntry &entry = entryAt(module, begin + k);
-        if (!entry.seen[at.number]) {
-            entry.seen[at.number] = 1;
-            entry.seenCount++;
-        }
-        if (entry.seenCount == module.channelCount) {
-            module.back = (module.back + 1) % kRing;
-            module.windowsPassed++;
-        }
-    }
-}
-
-// Looks at a frame in its place in time. What a report's callback leaves of the module is for the caller to
-// ask; its memory stays until the run ends.
+// A report's callback may stop the module: its memory stays until the run ends, and the caller looks whether
+// it is stopped.
 void watch(OverRngModule &module, uint32_t number, const Frame &frame)
 {
     OverRngChannel &channel = *module.channels[number];
     const double first = static_cast<double>(frame.start) * channel.period;
     const double last = first + channel.period * (static_cast<double>(frame.length) - 1.0);
-    const Passage at{module, channel, number, backTime(module), first, last};
+    const Passage at{module, channel, libvu::backTime(module), first, last};
     guardRing(at);
     libvu::Excursions found;
     if (channel.badMode)
         internalError("invalid mode value");
     else
-        found = libvu::findExcursions(frame, channel.range);
+        found = libvu::findExcursions(frame, channel.type, channel.range);
     if (found.over || found.under)
         mark(at, frame, found);
-    pass(at);
+    libvu::passWindows(module, number, last);
 }
 
 bool isUsable(const OverRngChannel &channel, const Frame &frame)
@@ -289,17 +241,13 @@ Frame *outputFrame(const OverRngModule &module, double value)
 void putOut(OverRngModule &module)
 {
     while (module.front != module.back && !module.stopped) {
-        OverRngEntry &entry = entryAt(module, module.front);
-        Frame *const frame = outputFrame(module, entry.value);
+        Frame *const frame = outputFrame(module, libvu::oldestWindow(module).value);
         if (!frame)
             return;
         if (!Put_Frame(frame, module.output))
             frameDelete(frame);
         module.nextStart++;
-        entry.value = 0.0;
-        entry.seenCount = 0;
-        std::memset(entry.seen, 0, module.channelCount);
-        module.front = (module.front + 1) % kRing;
+        libvu::dropOldestWindow(module);
     }
 }
 
@@ -323,7 +271,9 @@ OverRngNotices *Over_Rng_Detect_run(int32_t module_id)
         return nullptr;
     module->notices.count = module->notices.dropped = 0;
     module->running = true;
+    libvu::takeWaitingMarks(*module);
     takeAll(*module);
+    libvu::passHeldBackWindows(*module);
     putOut(*module);
     module->running = false;
     if (module->stopped) {

@@ -7,8 +7,11 @@
  *
  * A sample of a frame has the time (`start` + its index) / `sample_rate`, so only frames of periodic channels
  * are meant. A sample equal to a limit is in range, and so is a NaN. Frames of length 0, or of elements of
- * another size than configured, are reported and released. At most 4095 windows are passed or marked in one
- * run; marks beyond are lost, with a logged warning.
+ * another size than configured, are reported and released.
+ *
+ * A run puts out 4095 windows at most. Further runs put out the rest, whether or not a frame has come since:
+ * run until nothing more comes out. A channel may be 2^20 windows ahead of the slowest one; marks of windows
+ * beyond that are lost, with a logged warning, while its notices are still given.
  *
  * Memory: all of it is made at init; a run makes the frames alone. Errors: libvuCriticalError(). Thread: the
  * loop's. */
@@ -70,8 +73,8 @@ static_assert(offsetof(OverRngNotices, text) == 8 && sizeof(OverRngNotices) == 4
  * result is its number, counted from 0; -1 after a report if memory is short, an element size is not 4 or 8,
  * or rates are not positive and finite or lie too far apart. */
 VU_API int32_t Over_Rng_Detect_init(const OverRngModuleConfig *config, const OverRngChannelConfig *channels);
-/* Empties the channels' pipes and puts out every window that is complete. Returns the notices of this run,
- * valid until the module's next run or stop, or null if there is none. */
+/* Empties the channels' pipes and puts out the windows that are complete, 4095 at most. Returns the notices
+ * of this run, valid until the module's next run or stop, or null if there is none. */
 VU_API OverRngNotices *Over_Rng_Detect_run(int32_t module_id);
 /* Releases the module. Its number is never given out again. */
 VU_API void Over_Rng_Detect_stop(int32_t module_id);

@@ -77,6 +77,7 @@ bool addChannel(OverRngModule &module, uint32_t number, const OverRngChannelConf
     if (!getFrameBufReader(config.element_size)) // reports a size that nothing can read
         return false;
     channel->elementSize = config.element_size;
+    channel->type = config.element_size == sizeof(float) ? SampleType::float32 : SampleType::float64;
     channel->report = config.report;
     channel->pipe = config.pipe;
     setRange(*channel, config);

@@ -10,7 +10,8 @@ namespace {
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-// The limit in the samples' own width, rounded towards `inside`: it decides alike for every sample.
+// The limit in the samples' own width, rounded towards `inside`: comparing samples with it gives the same
+// result as comparing them, widened, with `limit`.
 template <typename Sample>
 Sample narrowed(double limit, double inside)
 {
@@ -44,6 +45,12 @@ VU_AVX2 bool anyOutsideAvx2(const uint8_t *data, uint32_t count, Sample lower, S
 }
 
 template <typename Sample>
+VU_AVX512 bool anyOutsideAvx512(const uint8_t *data, uint32_t count, Sample lower, Sample upper)
+{
+    return anyOutsideLoop(data, count, lower, upper);
+}
+
+template <typename Sample>
 libvu::Excursions scan(const uint8_t *data, uint32_t count, const libvu::Range &range)
 {
     libvu::Excursions found;
@@ -70,7 +77,8 @@ libvu::Excursions scan(const uint8_t *data, uint32_t count, const libvu::Range &
 template <typename Sample>
 libvu::Excursions find(const Frame &frame, const libvu::Range &range)
 {
-    static const auto anyOutside = libvu::hasAvx2() ? anyOutsideAvx2<Sample> : anyOutsidePlain<Sample>;
+    static auto *const anyOutside =
+        libvu::fastest(anyOutsidePlain<Sample>, anyOutsideAvx2<Sample>, anyOutsideAvx512<Sample>);
     const auto *data = static_cast<const uint8_t *>(frame.data);
     const auto lower = narrowed<Sample>(range.lower, kInfinity);
     const auto upper = narrowed<Sample>(range.upper, -kInfinity);
@@ -83,9 +91,13 @@ libvu::Excursions find(const Frame &frame, const libvu::Range &range)
 
 namespace libvu {
 
-Excursions findExcursions(const Frame &frame, const Range &range)
+Excursions findExcursions(const Frame &frame, SampleType type, const Range &range)
 {
-    return frame.element_size == sizeof(float) ? find<float>(frame, range) : find<double>(frame, range);
+    switch (type) {
+    case SampleType::float32: return find<float>(frame, range);
+    case SampleType::float64: return find<double>(frame, range);
+    }
+    __builtin_unreachable();
 }
 
 } // namespace libvu

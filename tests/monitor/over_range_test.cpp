@@ -80,7 +80,7 @@ protected:
     }
 };
 
-// `count` zeros, and what stands out.
+// `count` zeros but for the given samples.
 Doubles quiet(size_t count, const std::vector<std::pair<size_t, double>> &loud = {})
 {
     Doubles samples(count);
@@ -89,7 +89,7 @@ Doubles quiet(size_t count, const std::vector<std::pair<size_t, double>> &loud =
     return samples;
 }
 
-TEST_F(OverRange, WorkedWindows)
+TEST_F(OverRange, WindowsAndNoticesAreThoseOfTheTable)
 {
     for (const Case &row : cases("monitor/windows.txt"))
         for (const int size : {4, 8}) {
@@ -116,7 +116,7 @@ TEST_F(OverRange, WorkedWindows)
     EXPECT_THAT(run(), IsEmpty());
 }
 
-// Powers of two keep every time exact, so that whole numbers tell the windows: in units of one sample of a
+// Powers of two keep every time exact, so that whole numbers give the windows: in units of one sample of a
 // channel, window w is [w, w + 1) x rates / 8.
 TEST_F(OverRange, AgreesWithAReferenceOverRandomFrames)
 {
@@ -173,28 +173,74 @@ TEST_F(OverRange, NoticesOfManyChannelsOverflowIntoACount)
     EXPECT_EQ(log.lines().size(), 256u);
     feed(0, quiet(10, {{1, 6}}));
     run();
-    EXPECT_EQ(notices, nullptr) << "each kind is told once, and the list starts anew";
+    EXPECT_EQ(notices, nullptr) << "each kind is reported once, and the list starts anew";
 }
 
-TEST_F(OverRange, TheRingNeverWraps)
+// 1000 samples/s in windows of 10 samples, in frames long and short, ahead of a channel of 10/s: each window
+// comes out once, with the marks of a reference in whole samples, however many runs that takes.
+TEST_F(OverRange, WindowsBeyondTheRingComeOutOfLaterRunsWithTheirMarks)
 {
-    watch(100);
+    constexpr int64_t kSeconds = 150;
+    std::mt19937 random(5);
+    for (const int64_t length : {50'000, 10'000, 50})
+        for (const bool withSlow : {false, true}) {
+            SCOPED_TRACE(Message() << "frames of " << length << (withSlow ? ", a slow channel" : ""));
+            clear();
+            watch(1000);
+            if (withSlow)
+                watch(10);
+            start(100);
+            std::vector<int> loud(kSeconds * 100);
+            for (int64_t at = 0; at < kSeconds * 1000; at += length) {
+                Doubles samples(static_cast<size_t>(length));
+                const int64_t first = static_cast<int64_t>(random()) % length,
+                              last = first + (length - first) / 3;
+                if (at >= 5000 && random() % 2) {
+                    samples[size_t(first)] = 6, samples[size_t(last)] = -7;
+                    std::fill(&loud[size_t((at + first) / 10)], &loud[size_t((at + last) / 10)] + 1, 1);
+                }
+                feed(0, samples);
+            }
+            Doubles all = run();
+            const auto said = log.lines();
+            EXPECT_EQ(said.size(), 2u) << "one notice of each kind, both with the first frame out of range";
+            EXPECT_TRUE(notices && notices->count == 2);
+            EXPECT_LE(all.size(), 4095u);
+            for (int64_t second = 0; withSlow && second < kSeconds; second += 30) {
+                feed(1, quiet(300));
+                const Doubles more = run();
+                all.insert(all.end(), more.begin(), more.end());
+            }
+            for (Doubles more = run(); !more.empty(); more = run())
+                all.insert(all.end(), more.begin(), more.end());
+            ASSERT_EQ(all.size(), size_t{kSeconds} * 100 - 1);
+            for (size_t w = 0; w < all.size(); w++)
+                ASSERT_EQ(all[w], loud[w]) << "window " << w;
+            EXPECT_THAT(log.lines(), IsEmpty());
+            errors.critical(); // the second and later frames of a run may reach beyond the ring, which is
+                               // reported
+        }
+}
+
+TEST_F(OverRange, MarksTooFarAheadAreLoggedAsLostOnceAndTheNoticeIsGiven)
+{
     watch(1000);
-    start(100);
-    feed(1, quiet(100'000, {{5, 6}, {99'990, 7}})); // 10,000 windows ahead of the other
-    EXPECT_THAT(run(), IsEmpty());
-    EXPECT_THAT(log.lines().back().second, HasSubstr("too far ahead"));
-    Doubles all;
-    for (int k = 0; k < 4; k++) {
-        feed(0, quiet(5000)); // each longer than the ring, too
-        feed(1, quiet(10));
-        for (const double window : run())
-            all.push_back(window);
+    watch(1000);
+    start(1000);
+    for (const int64_t position : {0, 2'000'000, 3'000'000}) {
+        positions[0] = position;
+        feed(0, quiet(10, {{3, 6}}));
     }
-    errors.critical(); // frames outside the ring are told
-    Doubles expected(all.size());
-    std::fill_n(expected.begin(), 4095, 1);
-    EXPECT_TRUE(all.size() > 9000 && all == expected);
+    positions[0] = int64_t{1} << 62;
+    feed(0, quiet(1, {{0, -6}}));
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_EQ(notices->count, 2u);
+    std::string said;
+    for (const auto &[priority, line] : log.lines())
+        said += line.substr(0, line.find_first_of("0123456789")) + '|';
+    EXPECT_EQ(said, "\nlimits (|limits:  channel 'c' is too far ahead, marks of its windows out of range are "
+                    "lost|\nlimits (|");
+    errors.critical();
 }
 
 TEST_F(OverRange, EveryFailedAllocationIsSurvived)
@@ -220,7 +266,7 @@ TEST_F(OverRange, EveryFailedAllocationIsSurvived)
     EXPECT_EQ(errors.critical().back(), "Internal Error: could not allocate output frame");
 }
 
-TEST_F(OverRange, AReportMayStopTheModuleAtWork)
+TEST_F(OverRange, AReportMayStopTheModuleThatIsRunning)
 {
     static int stopped;
     watch(100, 0);
@@ -228,7 +274,7 @@ TEST_F(OverRange, AReportMayStopTheModuleAtWork)
     stopped = start(10);
     const auto callback = libvuCriticalErrorCallback;
     libvuCriticalErrorCallback = [](const char *) { return Over_Rng_Detect_stop(stopped), 1; };
-    feed(0, quiet(21)); // of a mode that there is not
+    feed(0, quiet(21)); // the mode is unknown
     feed(1, quiet(21, {{3, 6}}));
     EXPECT_THAT(run(), IsEmpty());
     EXPECT_EQ(channels[1].pipe->queued, 21);
