@@ -15,7 +15,7 @@ inline uint64_t payloadWord(const uint8_t *payload)
     return order == ByteOrder::intel ? loadHost<uint64_t>(payload) : loadBig<uint64_t>(payload);
 }
 
-// Shifts out of the word come from fields without bits or beyond the payload: such a field reads 0.
+// A field without bits, or one beyond the payload, has shifts that C++ does not define; it reads 0.
 inline bool leavesWord(uint32_t leftShift, uint32_t rightShift)
 {
     return (leftShift | rightShift) > 63;

@@ -1,4 +1,4 @@
-/* One CAN message as it comes over a channel's connection and as it stands in frames: 21 bytes, no gaps
+/* One CAN message as it comes over a channel's connection and as it is in frames: 21 bytes, no gaps
  * between records, so nothing in it is aligned.
  *
  * The timestamp is big-endian on the wire; canProcessSignals() and can_set_process() turn it to host order in

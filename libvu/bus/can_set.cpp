@@ -78,7 +78,7 @@ struct Field {
     uint32_t rightShift;
 };
 
-// None if the shifts would leave the payload; a format that does not shift looks at no position.
+// None if the field does not lie within the payload; a format that uses no shifts has no position to check.
 std::optional<Field> placeField(const Format &format, uint32_t start, uint32_t length)
 {
     const bool whole = format.whole && length == 64;
@@ -144,7 +144,7 @@ bool readMode(const libvu::Stanza &stanza, CanSetSignal &signal)
     return true;
 }
 
-bool makeStream(const libvu::Stanza &stanza, CanSetSignal &signal)
+bool makeSequentializer(const libvu::Stanza &stanza, CanSetSignal &signal)
 {
     const auto invalid = stanza.number("invalid_data_output_value");
     const auto stale = stanza.number("stale_data_expiration_time");
@@ -160,7 +160,7 @@ bool makeStream(const libvu::Stanza &stanza, CanSetSignal &signal)
     return true;
 }
 
-// The stream comes last: nothing that fails behind it would have to take it back.
+// The Sequentializer comes last, so that no later failure has to release it.
 bool configure(const libvu::Stanza &stanza, CanSetSignal &signal)
 {
     const char *name = stanza.text("name");
@@ -176,7 +176,7 @@ bool configure(const libvu::Stanza &stanza, CanSetSignal &signal)
     signal.element_size = libvu::elementSizeOf(dataType);
     signal.state = kRecordsFlow;
     return signal.element_size != 0 && readField(stanza, signal) && readMode(stanza, signal) &&
-           makeStream(stanza, signal);
+           makeSequentializer(stanza, signal);
 }
 
 void reportShortMemory()
@@ -197,20 +197,20 @@ CanSetGroup *groupOf(CanSet &set, uint32_t id, uint32_t mask)
     return group;
 }
 
-// A multiplexed signal of another mode takes neither value nor time.
+// A multiplexed signal whose mode field holds another value takes neither value nor time.
 inline void decode(CanSetSignal &signal, const uint8_t *payload, libvu::Moment time)
 {
     if (signal.mode_extract &&
         signal.mode_extract(payload, signal.mode_left_shift, signal.mode_right_shift) != signal.mode_value)
         return;
     const double raw = signal.extract(payload, signal.left_shift, signal.right_shift);
-    const double unzeroed = raw * signal.scale + signal.offset;
     if (signal.rezero_pending && libvuRezeroCallback) {
-        signal.rezero_offset = unzeroed;
+        signal.rezero_offset = raw * signal.scale + signal.offset;
         libvuRezeroCallback(signal.name, signal.rezero_offset);
         signal.rezero_pending = 0;
     }
-    libvu::takeValue(*signal.sequentializer, time, unzeroed - signal.rezero_offset);
+    // The callback may have set a scale or an offset of its own.
+    libvu::takeValue(*signal.sequentializer, time, raw * signal.scale + signal.offset - signal.rezero_offset);
 }
 
 inline void prefetch(const void *record, size_t size)
@@ -221,9 +221,9 @@ inline void prefetch(const void *record, size_t size)
     __builtin_prefetch(bytes + size - 1);
 }
 
-// The records of a large set lie beyond the caches: those of a message are called for together, one pointer
-// behind the other, before the first is needed.
-void callForSignals(const CanSetGroup &group)
+// The records of a large set do not fit the caches, so those of a message are prefetched together, following
+// one level of pointers after the other, before the first is needed.
+void prefetchSignals(const CanSetGroup &group)
 {
     for (uint32_t k = 0; k < group.count; k++)
         prefetch(group.signals[k], sizeof(CanSetSignal));
@@ -246,7 +246,7 @@ void decodeRecord(const CanSet &set, const CanRecord &record, libvu::Moment time
         if ((id & group.mask) != group.id)
             continue;
         if (set.group_count > kGroupsInCache)
-            callForSignals(group);
+            prefetchSignals(group);
         for (uint32_t k = 0; k < group.count; k++)
             decode(*group.signals[k], record.payload, time);
     }

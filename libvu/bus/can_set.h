@@ -1,6 +1,6 @@
 /* All signals of a CAN channel: groups of equal identifier and mask, reached through 256 hash buckets.
  *
- * Calling order: can_set_create(), can_set_add_signal() for each signal, can_set_finalize() once behind the
+ * Calling order: can_set_create(), can_set_add_signal() for each signal, can_set_finalize() once after the
  * last one, can_set_process() for each batch, can_set_destroy(). Nothing may be added after finalizing: the
  * buckets point into `groups`.
  *
@@ -76,15 +76,16 @@ static_assert(offsetof(CanSet, groups) == 8 && offsetof(CanSet, buckets) == 16 &
 
 /* An empty set; null, without a report, if memory is short. */
 VU_API CanSet *can_set_create(void);
-/* A signal with its stream from a stanza. Null after a report: the stanza is no JSON, a key is missing or
- * out of its list, a field leaves the 64-bit word, the stream cannot be made, or memory is short. The set
- * stays usable, at most with one empty group more. */
+/* A signal with its Sequentializer from a stanza. Null after a report: the stanza is no JSON, a key is
+ * missing or out of its list, a field leaves the 64-bit word, the Sequentializer cannot be made, or memory is
+ * short. The set stays usable, at most with one empty group more. */
 VU_API CanSetSignal *can_set_add_signal(CanSet *set, const char *json);
 /* Fills the buckets. Harmless when called again. */
 VU_API void can_set_finalize(CanSet *set);
 /* Decodes `count` records. Turns every timestamp to host order, whatever matches. A record that matches no
- * signal, or not a signal's mode, moves no stream; a time-only record moves all. A pending zero is served by
- * the next record that is decoded or time-only: raw x scale + offset, or the invalid value. */
+ * signal, or not a signal's mode, advances no Sequentializer; a time-only record advances all. A pending zero
+ * is served by the next record that is decoded or time-only: raw x scale + offset, or the invalid value. What
+ * the callback writes into the signal counts for that record already. */
 VU_API void can_set_process(CanSet *set, void *records, uint32_t count);
 /* Frees signals, groups and buckets, and leaves the set empty. */
 VU_API void can_set_destroy(CanSet *set);

@@ -55,7 +55,7 @@ double handleFloatIntel(CanSignalNode *node, const uint8_t *payload)
     return physical(*node, std::bit_cast<float>(bits));
 }
 
-// One half of the payload, whatever the length says.
+// Always bytes 0 to 3 or 4 to 7: the length does not count.
 double handleFloatMotorola(CanSignalNode *node, const uint8_t *payload)
 {
     const auto bits = libvu::loadBig<uint32_t>(payload + (node->left_shift > 0 ? 4 : 0));
@@ -110,7 +110,7 @@ bool chooseHandler(CanSignalNode &node, const char *text, char (&format)[5])
     return false;
 }
 
-// A shift that no integer holds is none of the word's.
+// A shift that no integer holds becomes one that lies outside the 64-bit word, so that the field reads 0.
 int32_t shift(double bits)
 {
     return std::isnan(bits) ? -1 : libvu::saturated<int32_t>(bits);
@@ -120,7 +120,8 @@ void placeField(CanSignalNode &node, const char *format)
 {
     const double start = node.bit_start;
     const double byte = std::floor(start / 8.0) * 8.0;
-    // The rest is never negative, so that a start in front of the payload does not fold back into it.
+    // floor() and not trunc(): a negative start then gives a negative shift, which reads 0, and not the bits
+    // of some other field.
     node.left_shift = std::strstr(format, "MSB") ? shift(byte + 7.0 - (start - byte))
                                                  : shift(64.0 - std::trunc(start + node.bit_length));
     node.right_shift = shift(64.0 - std::trunc(node.bit_length));
@@ -142,7 +143,7 @@ bool readDecoding(const libvu::Stanza &stanza, libvu::RequiredKeys &required, Ca
     return true;
 }
 
-bool makeStream(libvu::RequiredKeys &required, CanSignalNode &node)
+bool makeSequentializer(libvu::RequiredKeys &required, CanSignalNode &node)
 {
     double pipeRate, sampleRate, invalid, stale;
     if (!required.read("pipe_rate", pipeRate) || !required.read("sample_rate", sampleRate) ||
@@ -158,8 +159,20 @@ bool makeStream(libvu::RequiredKeys &required, CanSignalNode &node)
     return true;
 }
 
+void reportShortMemory()
+{
+    libvuError("Unable to allocate can signal node");
+}
+
+// A CAN signal that cannot be named ends the process.
+bool copyOrDie(const char *text, char *&copy)
+{
+    asprintf_or_die(&copy, "%s", text);
+    return true;
+}
+
 bool configure(const libvu::Stanza &stanza, libvu::RequiredKeys &required, CanSignalNode &node,
-               libvu::ReadOwnKeys readOwnKeys)
+               libvu::ReadOwnKeys readOwnKeys, libvu::CopyText copyText)
 {
     const char *dataType, *name;
     if (!required.read("data_type", dataType))
@@ -171,9 +184,12 @@ bool configure(const libvu::Stanza &stanza, libvu::RequiredKeys &required, CanSi
     }
     if (!required.read("name", name))
         return false;
-    asprintf_or_die(&node.name, "%s", name);
+    if (!copyText(name, node.name)) {
+        reportShortMemory();
+        return false;
+    }
     return required.read("scale", node.scale) && required.read("offset", node.offset) &&
-           readOwnKeys(stanza, required, node) && makeStream(required, node);
+           readOwnKeys(stanza, required, node) && makeSequentializer(required, node);
 }
 
 void decode(CanSignalNode &node, const CanRecord &record)
@@ -197,7 +213,7 @@ void decode(CanSignalNode &node, const CanRecord &record)
 
 } // namespace
 
-CanSignalNode *libvu::makeSignal(const char *json, ReadOwnKeys readOwnKeys)
+CanSignalNode *libvu::makeSignal(const char *json, ReadOwnKeys readOwnKeys, CopyText copyText)
 {
     static char parserText[libvu::Stanza::kErrorSize];
     const libvu::Stanza stanza(json, parserText);
@@ -206,13 +222,12 @@ CanSignalNode *libvu::makeSignal(const char *json, ReadOwnKeys readOwnKeys)
         return nullptr;
     }
     OwnedNode node(libvu::makeZeroed<CanSignalNode>().release());
-    if (!node) {
-        libvuError("Unable to allocate can signal node");
+    if (!node || !copyText(json, node->config)) {
+        reportShortMemory();
         return nullptr;
     }
-    asprintf_or_die(&node->config, "%s", json);
     libvu::RequiredKeys required(stanza);
-    if (configure(stanza, required, *node, readOwnKeys))
+    if (configure(stanza, required, *node, readOwnKeys, copyText))
         return node.release();
     if (const char *key = required.missing())
         libvuError("%s:  Can not find parameter '%s' or is not expected type.\n%s\n",
@@ -222,7 +237,7 @@ CanSignalNode *libvu::makeSignal(const char *json, ReadOwnKeys readOwnKeys)
 
 CanSignalNode *canSignalInit(const char *json)
 {
-    return libvu::makeSignal(json, readDecoding);
+    return libvu::makeSignal(json, readDecoding, copyOrDie);
 }
 
 void canProcessSignals(CanSignalNode *list, void *records, int32_t count)

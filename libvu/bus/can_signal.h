@@ -56,8 +56,9 @@ enum { CAN_DATA_HANDLERS = 8 };
 /* ULSB, UMSB, SLSB, SMSB, FLSB, FMSB, DLSB, DMSB; no end marker. */
 VU_API const CanDataHandler data_handlers[CAN_DATA_HANDLERS];
 
-/* A node with its stream from a signal's stanza; null after a report. No field is refused: where its shifts
- * leave 0 to 63 it reads raw 0, and the bits of a Motorola integer that lie behind the payload read 0. */
+/* A node with its Sequentializer from a signal's stanza; null after a report. No field is refused: where its
+ * shifts leave 0 to 63 it reads raw 0, and the bits of a Motorola integer after the end of the payload read
+ * 0. */
 VU_API CanSignalNode *canSignalInit(const char *json);
 /* Decodes `count` records for each node of `list` in turn. Turns their timestamps to host order, also with
  * an empty list. A record that does not match a node leaves that node's time where it is; a time-only record

@@ -10,7 +10,11 @@ namespace libvu {
 // or with a key missing in `required`.
 using ReadOwnKeys = bool (*)(const Stanza &stanza, RequiredKeys &required, CanSignalNode &node);
 
-// A node with its stream from a stanza; null after a report.
-CanSignalNode *makeSignal(const char *json, ReadOwnKeys readOwnKeys);
+// A copy of `text` in memory of its own. False, with null in its place, if there is none and the caller
+// survives that.
+using CopyText = bool (*)(const char *text, char *&copy);
+
+// A node with its Sequentializer from a stanza; null after a report.
+CanSignalNode *makeSignal(const char *json, ReadOwnKeys readOwnKeys, CopyText copyText);
 
 } // namespace libvu

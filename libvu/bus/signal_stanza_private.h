@@ -18,18 +18,18 @@ public:
     bool read(const char *key, const char *&text)
     {
         text = stanza_.text(key);
-        return text || lack(key);
+        return text || rememberMissing(key);
     }
     bool read(const char *key, double &number)
     {
         const auto value = stanza_.number(key);
         number = value.value_or(0.0);
-        return value || lack(key);
+        return value || rememberMissing(key);
     }
     const char *missing() const { return missing_; }
 
 private:
-    bool lack(const char *key)
+    bool rememberMissing(const char *key)
     {
         missing_ = key;
         return false;

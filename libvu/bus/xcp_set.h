@@ -43,8 +43,8 @@ static_assert(offsetof(XcpIpSet, measurements) == 8 && sizeof(XcpIpSet) == 16, "
 
 /* An empty set; null, without a report, if memory is short. */
 VU_API XcpIpSet *xcp_ip_set_create(void);
-/* A measurement with its stream from a stanza, at the next index; reachable at once. Null after a report, and
- * then no index is taken. */
+/* A measurement with its Sequentializer from a stanza, at the next index; reachable at once. Null after a
+ * report, and then no index is taken. */
 VU_API XcpMeasurement *xcp_ip_set_add_measurement(XcpIpSet *set, const char *json);
 /* Takes one message of `length` bytes. `timestamp` is in ticks of 25 ns, in host order. An index beyond the
  * set, or a value cut short, ends the message silently; what came before it counts. */

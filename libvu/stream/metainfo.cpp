@@ -43,7 +43,8 @@ const char *ignore(ProxyNode *, uint32_t, yajl_val_s *)
     return nullptr;
 }
 
-// The whole stanza is searched, so a short name may be found in a signal that stands before the one meant.
+// The whole stanza is searched, so a short name may be found in the stanza of an earlier signal than the one
+// meant.
 CanSignalNode *findSignal(const ProxyNode *node, const char *name)
 {
     CanSignalNode *signal = node->cs_list;

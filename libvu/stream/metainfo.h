@@ -22,7 +22,7 @@ enum { STREAM_METHODS = 10 };
 /* Compared with the JSON's "method" from row 0 on, exactly. */
 VU_API const StreamMethod methods[STREAM_METHODS];
 
-/* Handles one metainfo text of `length` bytes, which need not be terminated. A method that stands in no row
+/* Handles one metainfo text of `length` bytes, which need not be terminated. A method that no row names
  * is ignored. */
 VU_API void process_metainfo(ProxyNode *node, uint32_t signal_number, const void *text, uint32_t length);
 

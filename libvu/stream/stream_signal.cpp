@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cmath>
+#include <cstring>
 
 #include "libvu/bus/can_signal_private.h"
 #include "libvu/bus/time_only_private.h"
@@ -31,7 +32,7 @@ struct BigEndian {
     }
 };
 
-// Not only the bytes are turned round: the fraction comes first.
+// The words are in the other order, too: the fraction comes first.
 struct LittleEndian {
     static WireSample load(const uint8_t *sample)
     {
@@ -90,8 +91,8 @@ void timeToHost(uint8_t *sample, const WireSample &wire)
     libvu::storeHost(sample + 4, wire.fraction);
 }
 
-// Takes samples as long as each brings about one step of the stream at most and no frame gets full, with the
-// state in registers; nearly all of them. Returns the first that it leaves.
+// Nearly all samples complete one output sample at most and fill no frame. They are taken with the
+// Sequentializer's state in registers; the result is the first sample that needs takeSample().
 template <typename Order, typename Scaling>
 VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample, const uint8_t *end,
                                    Scaling scaling)
@@ -140,13 +141,13 @@ VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample,
     return sample;
 }
 
-// Any sample.
+// Takes any sample, one call of the Sequentializer each.
 template <typename Order, typename Scaling>
 [[gnu::noinline]] void takeSample(CanSignalNode *signal, uint8_t *sample, Scaling scaling)
 {
     const WireSample wire = Order::load(sample);
     timeToHost(sample, wire);
-    // The stream takes whole ticks, toward zero.
+    // Cut toward zero, since a Sequentializer takes ticks without a fraction.
     const libvu::Moment time(libvu::saturated<int64_t>(ticksOf(wire, *signal->proxy)));
     if (wire.value == libvu::kNoValueBits) {
         if (Scaling::isZeroPending(signal))
@@ -197,6 +198,12 @@ void take(CanSignalNode *signal, void *payload, uint32_t size, Scaling scaling)
         takePlain<Order, Scaling>(signal, static_cast<uint8_t *>(payload), size, scaling);
 }
 
+bool copyText(const char *text, char *&copy)
+{
+    copy = strdup(text);
+    return copy;
+}
+
 bool nothingMore(const libvu::Stanza &, libvu::RequiredKeys &, CanSignalNode &)
 {
     return true;
@@ -206,7 +213,7 @@ bool nothingMore(const libvu::Stanza &, libvu::RequiredKeys &, CanSignalNode &)
 
 CanSignalNode *streamCANSignalInit(const char *stanza)
 {
-    return libvu::makeSignal(stanza, nothingMore);
+    return libvu::makeSignal(stanza, nothingMore, copyText);
 }
 
 void streamProcessCANSignalNoScaling(CanSignalNode *signal, void *payload, uint32_t payload_size, float scale,

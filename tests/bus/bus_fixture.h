@@ -48,7 +48,7 @@ inline json field(const std::string &format, const json &start, const json &leng
     return {{"db_data_format", format}, {"db_bit_start", start}, {"db_bit_length", length}};
 }
 
-// A complete stanza for all three kinds of signal, with changes. A text stands for itself.
+// A complete stanza for all three kinds of signal, with changes. A text is taken as it is.
 inline std::string stanza(const json &changes)
 {
     if (changes.is_string())
@@ -67,9 +67,9 @@ struct Signals {
     explicit Signals(std::string ofKind) : kind(std::move(ofKind)) {}
     ~Signals()
     {
-        for (size_t i = 0; i < streams.size(); i++) { // while the records still tell them
+        for (size_t i = 0; i < sequentializers.size(); i++) { // while the records still know them
             free(names[i]);
-            releaseStream(streams[i]);
+            releaseStream(sequentializers[i]);
         }
         for (CanSignalNode *node : list) {
             free(node->config);
@@ -97,16 +97,16 @@ struct Signals {
             list.push_back(node);
         return keep(node);
     }
-    // One thing of every stream, in the order of the signals' making.
+    // One field of every Sequentializer, in the order of the signals' making.
     template <typename T>
     std::vector<T> each(T Sequentializer::*what) const
     {
         std::vector<T> all;
-        for (const Sequentializer *stream : streams)
-            all.push_back(stream->*what);
+        for (const Sequentializer *sequentializer : sequentializers)
+            all.push_back(sequentializer->*what);
         return all;
     }
-    // What they hold behind a batch whose end is guarded: every timestamp is turned, whatever matches. A set
+    // What they hold after a batch whose end is guarded: every timestamp is turned, whatever matches. A set
     // is finalized anew each time: no signal may come twice by that.
     std::vector<double> after(const Batch &batch)
     {
@@ -132,7 +132,7 @@ struct Signals {
     XcpIpSet *const xcp = xcp_ip_set_create();
     std::vector<CanSignalNode *> list;
     std::vector<char *> names;
-    std::vector<Sequentializer *> streams;
+    std::vector<Sequentializer *> sequentializers;
     std::vector<int32_t *> pending; // requests for a zero
 
 private:
@@ -141,7 +141,7 @@ private:
         if (!signal)
             return false;
         names.push_back(signal->name);
-        streams.push_back(signal->sequentializer);
+        sequentializers.push_back(signal->sequentializer);
         if constexpr (requires { signal->rezero_pending; })
             pending.push_back(&signal->rezero_pending);
         return true;

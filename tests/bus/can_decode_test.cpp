@@ -54,7 +54,7 @@ json stanzaOf(const Field &of)
     return changes;
 }
 
-// A field that lies in the payload: a length of 0 is one, too.
+// A field that lies in the payload: a length of 0 counts as one.
 Field randomField(std::mt19937_64 &random)
 {
     const auto upTo = [&](int most) { return static_cast<int>(random() % static_cast<uint64_t>(most + 1)); };

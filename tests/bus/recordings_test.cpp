@@ -53,8 +53,8 @@ TEST_F(Bus, DecodesFramesLikeAnIndependentDecoder)
     ASSERT_GT(frames.size(), 10u);
     for (const auto &[frame, expected] : frames) {
         Signals &set = databases.at(frame[0]);
-        for (Sequentializer *stream : set.streams)
-            stream->value = std::nan("");
+        for (Sequentializer *sequentializer : set.sequentializers)
+            sequentializer->value = std::nan("");
         const auto values = set.after(Batch().at(0, hexNumber(frame[1]), payloadOf(frame[2])));
         std::map<std::string, double> taken;
         for (size_t i = 0; i < values.size(); i++)

@@ -5,7 +5,7 @@ using namespace vu::test;
 
 namespace {
 
-// Takes off the line what stands behind the mark.
+// Takes off the line what follows the mark.
 std::string cutBehind(std::string &line, const std::string &mark)
 {
     const size_t at = std::min(line.rfind(mark), line.size());

@@ -16,10 +16,10 @@ namespace vu::test {
 using Texts = std::vector<std::string>;
 
 constexpr uint32_t kMetainfo = 2;
-constexpr uint32_t kStartSecond = 828'315'200; // since 2000; the tests' streams start there
+constexpr uint32_t kStartSecond = 828'315'200; // since 2000; the tests' samples start there
 constexpr int64_t kStart = 71'000'000'000'000'000;
 
-// The size stands in a word of its own where it must, or is 0.
+// A size that does not fit the header, or is 0, follows in a word of its own.
 inline Bytes streamRecord(uint32_t type, uint32_t number, std::span<const uint8_t> payload)
 {
     const auto size = static_cast<uint32_t>(payload.size()), inHeader = size > 255 ? 0 : size;
@@ -48,7 +48,7 @@ struct StreamChannel : TestChannel {
           torque(streamCANSignalInit(torqueStanza.c_str()))
     {
         node->start_time = kStart;
-        for (CanSignalNode *signal : {torque, speed, rawSpeed}) { // the last one made stands first
+        for (CanSignalNode *signal : {torque, speed, rawSpeed}) { // the last one made comes first
             signal->proxy = node;
             signal->next = node->cs_list;
             node->cs_list = signal;

@@ -69,7 +69,36 @@ TEST(StreamRecords, OfImpossibleSizeEndTheStreamAndNothingElse)
     }
 }
 
-// Every call that the samples make, told a second time in plain words to a stream of its own.
+TEST(StreamSamples, AZeroedValueIsFormedFromWhatTheCallbackLeaves)
+{
+    static CanSignalNode *asked;
+    StreamChannel channel("pd806h", R"(,"scale":2,"offset":1)");
+    channel.process(20, kBindTorque);
+    asked = channel.torque;
+    asked->rezero_pending = 1;
+    libvuRezeroCallback = [](const char *, double zero) {
+        EXPECT_EQ(zero, 3.0);
+        asked->rezero_offset = 0.5;
+        return 1;
+    };
+    channel.send(streamRecord(0, 20, sample(false, {kStartSecond, 0}, 3.0f)));
+    EXPECT_EQ(asked->sequentializer->value, 6.5);
+}
+
+TEST(StreamSignals, WithoutMemoryForTheRecordTheStanzaOrTheNameAreReportedAndNotMade)
+{
+    ErrorTrap errors;
+    AllocationFaults memory;
+    const std::string stanza = signalStanza("torque");
+    for (int nth = 0; nth < 3; nth++) {
+        memory.failAt(nth);
+        EXPECT_EQ(streamCANSignalInit(stanza.c_str()), nullptr);
+        EXPECT_THAT(errors.texts(), ElementsAre("Unable to allocate can signal node"))
+            << "allocation " << nth;
+    }
+}
+
+// Every call that the samples make, made once more, by a slow reference, on a Sequentializer of its own.
 TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
 {
     for (const Form &form : kForms) {
@@ -115,7 +144,7 @@ TEST(StreamSamples, AgreeWithTheSlowWayAndAllocateNothing)
                     sequentialize(slow, ticks);
             }
             channel.send(streamRecord(random() % 2, 16, payload.zeros(random() % 12)));
-            // Seconds first, in host order, behind a word of head.
+            // Seconds first, in host order, after a word of head.
             for (size_t i = 0; i < times.size() / 8; i++)
                 EXPECT_EQ(std::memcmp(channel->inbuf.buf + 4 + 12 * i, &times[8 * i], 8), 0);
             EXPECT_EQ(std::tuple(signal->rezero_offset, stream->invalid_value, stream->last_target),

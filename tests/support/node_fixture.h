@@ -137,6 +137,8 @@ public:
     {
         for (int events = 0; node->read_count != 0 && events < kSpinning; events++)
             node->reader(node);
+        if (node->read_count != 0)
+            ADD_FAILURE() << "a record still waits after " << kSpinning << " events";
     }
 
 private:
