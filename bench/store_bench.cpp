@@ -1,5 +1,5 @@
-// Frames to blocks in a file in memory, beside a bare writev and zlib's crc32 over the same pieces in the
-// same run: "of_writev_crc" is what is left of that speed.
+// Frames to blocks in a file in memory, beside a bare writev of the same pieces in the same run: "of_writev"
+// is what is left of its speed without any checksum, "of_writev_crc" with zlib's.
 #include <benchmark/benchmark.h>
 #include <cstdlib>
 #include <cstring>
@@ -66,19 +66,22 @@ uint32_t summed(uint32_t crc, const void *data, size_t bytes)
     return static_cast<uint32_t>(crc32(crc, static_cast<const Bytef *>(data), static_cast<uInt>(bytes)));
 }
 
+// Writes blocks with zlib's checksum or with none.
 class Bare {
 public:
+    explicit Bare(bool sums) : sums_(sums) {}
     void block(Frames &frames, size_t count, size_t bytes)
     {
         head_[0] = __builtin_bswap32(static_cast<uint32_t>(bytes + 28));
-        uint32_t crc = summed(summed(0, head_, sizeof head_), &position_, sizeof position_);
+        uint32_t crc = sums_ ? summed(summed(0, head_, sizeof head_), &position_, sizeof position_) : 0;
         pieces_[0] = {head_, sizeof head_};
         pieces_[1] = {&position_, sizeof position_};
         size_t n = 2;
         for (size_t i = 0; i < count; i++) {
             const Frame *frame = frames.next();
             pieces_[n++] = {frame->data, bytes / count};
-            crc = summed(crc, frame->data, bytes / count);
+            if (sums_)
+                crc = summed(crc, frame->data, bytes / count);
             if (n == pieces_.size())
                 write(n);
         }
@@ -95,6 +98,7 @@ private:
             std::abort();
         n = 0;
     }
+    const bool sums_;
     std::vector<iovec> pieces_{1024};
     uint32_t head_[3] = {0, 1, 2};
     uint64_t position_ = 0;
@@ -135,20 +139,24 @@ void FramesToFile(benchmark::State &state)
     const size_t bytes = count * samples * sizeof(float);
     const int64_t room = kLargestFile / static_cast<int64_t>(bytes);
     Frames frames(samples, count);
-    Bare bare;
+    Bare bare(false), withSum(true);
     Recorded recorded;
     vu::bench::Turns turns;
     int64_t blocks = 0;
     for (auto _ : state) {
-        if (blocks++ % room == 0 && (ftruncate(bare.fd, 0) || ftruncate(recorded.record->fd, 0)))
+        if (blocks++ % room == 0 &&
+            (ftruncate(bare.fd, 0) || ftruncate(withSum.fd, 0) || ftruncate(recorded.record->fd, 0)))
             std::abort();
         turns.limit([&] { bare.block(frames, count, bytes); });
+        turns.limit([&] { withSum.block(frames, count, bytes); }, 1);
         recorded.queue(frames, count);
         turns.work([&] { KRDWriter_flush_these(0, 1, recorded.record, 1); });
         state.SetIterationTime(turns.lastWork());
     }
-    state.counters["of_writev_crc"] = turns.ratio();
+    state.counters["of_writev"] = turns.ratio();
+    state.counters["of_writev_crc"] = turns.ratio(1);
     close(bare.fd);
+    close(withSum.fd);
     const double wanted = static_cast<double>(blocks) * static_cast<double>(bytes + 28);
     if (KRDWriter_is_disk_full() || recorded.record->amount_written != wanted)
         state.SkipWithError("not everything reached the file");

@@ -1,11 +1,13 @@
 // Queued frames to one block: what is due, how large it gets, where the limit cuts it, and its pieces.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 #include "libvu/core/report.h"
 #include "libvu/core/saturate_private.h"
 #include "libvu/core/wire_private.h"
+#include "libvu/datafile/checksum_private.h"
 #include "libvu/datafile/output_private.h"
 
 namespace {
@@ -15,7 +17,7 @@ struct BlockSize {
     double bytes = kFraming;
     int64_t elements = 0;
 
-    bool fitsSizeWord() const { return bytes >= kFraming && bytes <= std::numeric_limits<uint32_t>::max(); }
+    bool fitsSizeWord() const { return bytes <= std::numeric_limits<uint32_t>::max(); }
 
     static constexpr double kFraming = static_cast<double>(KRD_FRAMING_SIZE);
 };
@@ -33,10 +35,17 @@ double releaseFrames(KRDBuffer *record)
     return 0.0;
 }
 
+// Elements that `position` may still move on by, for a limit above 0. Their difference is in range where a
+// sum of position and elements would not be.
+int64_t leftToLimit(const KRDBuffer *record)
+{
+    return libvu::subtractSaturated(record->sample_limit, record->position);
+}
+
 bool isDue(const KRDBuffer *record, int32_t force)
 {
     const int64_t queued = record->pipe->queued;
-    if (record->sample_limit > 0 && libvu::addSaturated(record->position, queued) >= record->sample_limit)
+    if (record->sample_limit > 0 && queued >= leftToLimit(record))
         return true;
     return force || queued >= record->min_samples;
 }
@@ -91,7 +100,8 @@ void shorten(Frame *frame, int64_t excess, BlockSize &size)
     size.elements -= excess;
 }
 
-// Takes whole frames off the newest end, then the rest off the one behind them. False: no frame is left.
+// Takes complete frames off the newest end, then the rest off the end of the one before them. False: no frame
+// is left.
 bool dropNewest(Pipe *pipe, int64_t excess, BlockSize &size)
 {
     Frame *frame = pipe->newest;
@@ -113,15 +123,15 @@ bool dropNewest(Pipe *pipe, int64_t excess, BlockSize &size)
 // nothing of it may be stored.
 bool clipAtLimit(KRDBuffer *record, BlockSize &size)
 {
-    const int64_t end = libvu::addSaturated(record->position, size.elements);
-    if (record->sample_limit <= 0 || end <= record->sample_limit)
+    const int64_t left = leftToLimit(record);
+    if (record->sample_limit <= 0 || size.elements <= left)
         return true;
-    const int64_t excess = end - record->sample_limit;
     record->sample_limit = 0;
-    if (libvu::subtractSaturated(size.elements, excess) < 1) {
+    if (left < 1) {
         releaseFrames(record);
         return false;
     }
+    const int64_t excess = size.elements - left;
     if (!converts(record))
         return dropNewest(record->pipe, excess, size);
     if (record->pipe->oldest->length >= excess)
@@ -136,34 +146,45 @@ void reportMismatch(const KRDBuffer *record, int64_t gathered, double wanted)
                record->fd);
 }
 
-// The scatter list of one block. A full list goes out at once; the next call begins behind the header.
+// The scatter list of one block. A full list goes out at once; the next call begins after the header.
 class Pieces {
 public:
+    // With the leading fields, which lie in the record like the header.
     explicit Pieces(KRDBuffer *record)
-        : record_(record), checksum_(libvu::headerChecksum(record)),
-          gathered_(static_cast<int64_t>(record->iov[0].iov_len))
+        : record_(record), gathered_(static_cast<int64_t>(record->iov[0].iov_len))
     {
+        // Summed up together, since a call for each would cost a short block as much as its samples do.
+        uint8_t head[KRD_HEADER_SIZE + KRD_POSITION_SIZE + KRD_AUX_SIZE];
+        size_t bytes = KRD_HEADER_SIZE;
+        std::memcpy(head, libvu::headerOf(record), KRD_HEADER_SIZE);
+        const auto lead = [&](void *field, size_t size) {
+            std::memcpy(head + bytes, field, size);
+            bytes += size;
+            list(field, size);
+        };
+        if (!record->no_position)
+            lead(&record->position, KRD_POSITION_SIZE);
+        if (record->block_type == KRD_BLOCK_START_AUX)
+            lead(&record->aux_value, KRD_AUX_SIZE);
+        checksum_ = libvu::checksum(0, head, bytes);
     }
 
-    // False: the disk refused.
+    // False: the disk refused. An empty piece takes no place: a list of nothing else would make a write of 0
+    // bytes, which looks like a full disk.
     bool add(void *data, size_t bytes)
     {
-        record_->iov[next_++] = {data, bytes};
+        if (bytes == 0)
+            return true;
+        list(data, bytes);
         checksum_ = libvu::checksum(checksum_, data, bytes);
-        gathered_ += static_cast<int64_t>(bytes);
         return next_ < KRD_BUFFER_PIECES || write();
     }
-    bool addTrailer()
+    void addTrailer()
     {
         record_->crc_word = libvu::reversed(checksum_);
         record_->block_size_tail = record_->block_size_word;
         record_->iov[next_++] = {&record_->crc_word, KRD_TRAILER_SIZE};
-        return write();
     }
-    // Bytes of the block so far, with the trailer that is still to come.
-    int64_t blockBytes() const { return gathered_ + KRD_TRAILER_SIZE; }
-
-private:
     bool write()
     {
         const int64_t written = libvu::writePieces(record_, first_, next_ - first_, down_);
@@ -171,36 +192,42 @@ private:
         first_ = next_ = 1;
         return written > 0;
     }
+    // Bytes of the block so far, the trailer included, whether or not it has been added.
+    int64_t blockBytes() const { return gathered_ + KRD_TRAILER_SIZE; }
+
+private:
+    void list(void *data, size_t bytes)
+    {
+        record_->iov[next_++] = {data, bytes};
+        gathered_ += static_cast<int64_t>(bytes);
+    }
 
     KRDBuffer *record_;
-    uint32_t checksum_;
+    uint32_t checksum_ = 0;
     int64_t gathered_;
-    int64_t down_ = 0;
+    int64_t down_ = 0; // bytes of the block that are in the file
     int first_ = 0;
     int next_ = 1;
 };
 
 bool writeBlock(KRDBuffer *record, const BlockSize &size)
 {
-    record->block_size_word = libvu::reversed(static_cast<uint32_t>(size.bytes));
+    record->block_size_word = libvu::reversed(libvu::saturated<uint32_t>(size.bytes));
     Pieces pieces(record);
-    if (!record->no_position)
-        pieces.add(&record->position, KRD_POSITION_SIZE);
-    if (record->block_type == KRD_BLOCK_START_AUX)
-        pieces.add(&record->aux_value, KRD_AUX_SIZE);
-    const auto wanted = static_cast<int64_t>(size.bytes);
-    int64_t left = wanted - pieces.blockBytes();
+    const auto wanted = libvu::saturated<int64_t>(size.bytes);
+    int64_t left = libvu::subtractSaturated(wanted, pieces.blockBytes());
     for (Frame *frame = record->pipe->oldest; frame && left > 0; frame = frame->prev) {
         const uint64_t bytes = std::min(bytesOf(frame), static_cast<uint64_t>(left));
         if (!pieces.add(frame->data, bytes))
             return false;
         left -= static_cast<int64_t>(bytes);
     }
+    pieces.addTrailer();
     if (pieces.blockBytes() != wanted) {
         reportMismatch(record, pieces.blockBytes(), size.bytes);
         return false;
     }
-    return pieces.addTrailer();
+    return pieces.write();
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "libvu/core/saturate_private.h"
 #include "libvu/core/wire_private.h"
+#include "libvu/datafile/checksum_private.h"
 #include "libvu/datafile/output_private.h"
 
 namespace {
@@ -21,7 +22,8 @@ int64_t seal(KRDBuffer *record)
     Membuf &bytes = record->buffer;
     const uint32_t length = bytes.size + KRD_FRAMING_SIZE;
     record->block_size_word = libvu::reversed(length);
-    record->crc_word = libvu::reversed(libvu::checksum(libvu::headerChecksum(record), bytes.buf, bytes.size));
+    const uint32_t header = libvu::checksum(0, libvu::headerOf(record), KRD_HEADER_SIZE);
+    record->crc_word = libvu::reversed(libvu::checksum(header, bytes.buf, bytes.size));
     record->block_size_tail = record->block_size_word;
     record->iov[1] = {bytes.buf, bytes.size};
     record->iov[2] = {&record->crc_word, KRD_TRAILER_SIZE};

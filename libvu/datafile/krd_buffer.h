@@ -1,14 +1,14 @@
-/* KRDBuffer: one stored channel, or one stream of byte blocks, on its way into the data file.
+/* KRDBuffer: one stored channel, or one series of byte blocks, on its way into the data file.
  *
  * The host keeps the records side by side in an array, zeroed, fills the fields marked "host" and drives the
  * functions below; the library makes no record and opens no file. The file is opened with O_APPEND: a write
- * that a full disk cut short shortens the file and leaves the descriptor behind its end.
+ * that a full disk cut short shortens the file and leaves the descriptor after its end.
  *
  * Frames in `pipe` become one block a flush, written from where they lie and then released. Bytes are
  * gathered in `buffer` and become a block by KRDBuffer_flush().
  *
  * Errors: the first failed write of any record makes every later write of all records succeed without a file
- * (KRDWriter_is_disk_full() is 1), so that a test runs on; a block that was written whole before it stays.
+ * (KRDWriter_is_disk_full() is 1), so that a test runs on; a block that was complete before it stays.
  * A full disk is logged, any other refusal reported through libvuError(). Thread: the loop's. */
 #ifndef LIBVU_DATAFILE_KRD_BUFFER_H
 #define LIBVU_DATAFILE_KRD_BUFFER_H

@@ -1,11 +1,11 @@
-/* The data file on disk: a plain sequence of checksummed blocks. Writer and readers share what stands here.
+/* The data file on disk: a plain sequence of checksummed blocks. Writer and readers share this header.
  *
  *     block   [size 4][group 4][tag 4][payload n][checksum 4][size 4]       size = n + 20, at both ends
  *     frames  payload = [position 8, unless left out][aux 8, type 0x42 only][samples]
  *     bytes   payload = what the host appended: catalogue, closing block, or a run of index entries
  *
- * Sizes, checksum and index entries are big-endian; `position`, `aux` and samples lie as they stood in
- * memory. The checksum is zlib's crc32() over header and payload. */
+ * Sizes, checksum and index entries are big-endian; `position`, `aux` and samples lie as they were in
+ * memory. The checksum is the CRC-32 of zlib's crc32() over header and payload. */
 #ifndef LIBVU_DATAFILE_KRD_FORMAT_H
 #define LIBVU_DATAFILE_KRD_FORMAT_H
 
@@ -41,7 +41,7 @@ enum {
 
 typedef struct KrdBlockHeader KrdBlockHeader;
 struct KrdBlockHeader {
-    uint32_t size;  /* bytes of the whole block, big-endian */
+    uint32_t size;  /* bytes of the block, header and trailer included, big-endian */
     uint32_t group; /* whose block it is, big-endian */
     uint32_t tag;   /* KRD_TAG, as bytes */
 };

@@ -1,19 +1,16 @@
 #include "libvu/datafile/output_private.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <unistd.h>
-#include <zlib.h>
 
 #include "libvu/core/report.h"
 
 namespace {
 
-// Every write goes through this one pointer: writev itself, or its stand-in once the disk has refused.
+// Every write goes through this one pointer: writev itself, or its substitute after the disk has refused.
 ssize_t (*write_vector)(int fd, const iovec *pieces, int count) = writev;
 
 int64_t bytesOf(const iovec *pieces, int count)
@@ -29,7 +26,7 @@ ssize_t write_vector_discard(int, const iovec *pieces, int count)
     return static_cast<ssize_t>(bytesOf(pieces, count));
 }
 
-// Takes the last `bytes` off the file, so that it ends with its last whole block.
+// Takes the last `bytes` off the file, so that it ends with its last complete block.
 void cutBack(const KRDBuffer *record, int64_t bytes)
 {
     const off64_t end = lseek64(record->fd, 0, SEEK_END);
@@ -53,25 +50,6 @@ void announceFullDisk()
 
 namespace libvu {
 
-uint32_t checksum(uint32_t running, const void *piece, size_t bytes)
-{
-    auto *at = static_cast<const Bytef *>(piece);
-    // For a null piece zlib starts over instead of going on.
-    while (at && bytes > 0) {
-        const auto part = static_cast<uInt>(std::min<size_t>(bytes, std::numeric_limits<uInt>::max()));
-        running = static_cast<uint32_t>(crc32(running, at, part));
-        at += part;
-        bytes -= part;
-    }
-    return running;
-}
-
-uint32_t headerChecksum(const KRDBuffer *record)
-{
-    const auto *header = reinterpret_cast<const uint8_t *>(record) + offsetof(KRDBuffer, block_size_word);
-    return checksum(static_cast<uint32_t>(crc32(0, nullptr, 0)), header, KRD_HEADER_SIZE);
-}
-
 int64_t writePieces(KRDBuffer *record, int first, int count, int64_t down)
 {
     const iovec *pieces = &record->iov[first];
@@ -84,7 +62,8 @@ int64_t writePieces(KRDBuffer *record, int first, int count, int64_t down)
         return written;
     }
     if (written < 0 && error != ENOSPC) {
-        // The hook turns last: whatever a callback does with it, a failed file is not written again.
+        // Discarding begins after the report: a callback that restores writing must not bring back a file
+        // that has just failed.
         libvuError("KRD %s write() error: %s %d %d %p", record->name, std::strerror(error), record->fd,
                    record->idx, static_cast<void *>(record));
         write_vector = write_vector_discard;

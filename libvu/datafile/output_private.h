@@ -5,10 +5,11 @@
 
 namespace libvu {
 
-// The running CRC-32 over one more piece, of any length; an empty piece changes nothing.
-uint32_t checksum(uint32_t running, const void *piece, size_t bytes);
-// The checksum over the record's 12 header bytes.
-uint32_t headerChecksum(const KRDBuffer *record);
+// The KRD_HEADER_SIZE bytes of the block's header, which are three fields of the record.
+inline const uint8_t *headerOf(const KRDBuffer *record)
+{
+    return reinterpret_cast<const uint8_t *>(record) + offsetof(KRDBuffer, block_size_word);
+}
 
 // Writes `count` pieces of the record's scatter list from entry `first` on. `down` is what earlier calls of
 // the same block have put into the file: a short write cuts that off as well. Returns the bytes written, 0

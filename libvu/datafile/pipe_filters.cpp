@@ -21,14 +21,15 @@ struct GiveUp {
 };
 using FrameReference = std::unique_ptr<Frame, GiveUp>;
 
-// Whole records in a frame, whatever its element size claims.
-size_t recordsIn(const Frame *frame, size_t record_size)
+// Complete entries of a frame, whose element size may be smaller than an entry.
+size_t entriesIn(const Frame *frame, size_t entry_size)
 {
     const uint64_t bytes = uint64_t{frame->length} * frame->element_size;
-    return std::min<uint64_t>(frame->length, bytes / record_size);
+    return std::min<uint64_t>(frame->length, bytes / entry_size);
 }
 
-// A frame with room for twice the batch, numbered like the oldest frame of it. Null after a text.
+// A frame with room for twice the batch, which starts where its oldest frame does. Null, with a text for
+// libvuLastError(), if there is none.
 FrameReference outputFor(const Frame *oldest, int64_t batch, uint32_t element_size)
 {
     if (batch > std::numeric_limits<uint32_t>::max() / 2) {
@@ -70,11 +71,11 @@ double convertBare(KRDBuffer *record)
     if (!output)
         return drop(record);
     Conversion conversion = {record, output.get(), static_cast<uint8_t *>(output->data)};
-    // An open run of none.
+    // The open run has a count of 0 until the first value joins it.
     std::memset(output->data, 0, std::min<size_t>(output->capacity, 2) * entry->element_size);
     bool any = false;
     for (; input; input.reset(pipeGetFrame(record->pipe))) {
-        const size_t count = recordsIn(input.get(), sizeof(Source));
+        const size_t count = entriesIn(input.get(), sizeof(Source));
         if (count == 0)
             continue;
         any = true;
@@ -90,12 +91,12 @@ double convertBare(KRDBuffer *record)
     return handOn(record, std::move(output));
 }
 
-// Copies timestamps and converts values, record by record. False: more than the frame holds.
+// Copies timestamps and converts values, entry by entry. False: more than the frame holds.
 template <typename Source>
 bool appendMessages(const KRDBuffer *record, const Frame *input, Frame *output)
 {
-    constexpr size_t kRecord = kTimestamp + sizeof(Source);
-    const size_t count = recordsIn(input, kRecord);
+    constexpr size_t kEntry = kTimestamp + sizeof(Source);
+    const size_t count = entriesIn(input, kEntry);
     if (count > frameAvailable(output))
         return false;
     const auto *from = static_cast<const uint8_t *>(input->data);
@@ -103,7 +104,7 @@ bool appendMessages(const KRDBuffer *record, const Frame *input, Frame *output)
     for (size_t i = 0; i < count; i++) {
         std::memcpy(to, from, kTimestamp);
         record->convertor->convert(record, to + kTimestamp, loadHost<Source>(from + kTimestamp));
-        from += kRecord;
+        from += kEntry;
         to += output->element_size;
     }
     output->length += static_cast<uint32_t>(count);

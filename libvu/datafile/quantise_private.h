@@ -1,4 +1,4 @@
-// (value - offset) / scale over a run of samples: the front of every conversion.
+// (value - offset) / scale over many samples, with which every conversion begins.
 //
 // The division stays a division and halves go away from zero. Where the machine allows it several samples are
 // taken at once, with the same results to the bit.
@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <limits>
 #include <type_traits>
-
-#include "libvu/core/saturate_private.h"
 
 namespace libvu {
 
@@ -21,13 +19,20 @@ struct Quantisation {
     double most = std::numeric_limits<double>::infinity();
 };
 
-// For elements of T: 8 and 16 bits stop where 32 bits stop, and keep the low bits of that.
+// The least power of two that is beyond T: as a double it is exact, while the largest 64-bit number is not.
+template <typename T>
+constexpr double kBeyond = static_cast<double>(std::numeric_limits<T>::max() / 2 + 1) * 2.0;
+
+// For elements of T: 8 and 16 bits stop where 32 bits stop, and keep the low bits of that; 64 bits may reach
+// the number that is just beyond them.
 template <typename T>
 constexpr Quantisation quantisationFor(double scale, double offset)
 {
     using Wide = std::conditional_t<std::is_signed_v<T>, int32_t, uint32_t>;
     if constexpr (std::is_integral_v<T> && sizeof(T) < 8)
         return {scale, offset, std::numeric_limits<Wide>::min(), std::numeric_limits<Wide>::max()};
+    if constexpr (std::is_integral_v<T>)
+        return {scale, offset, static_cast<double>(std::numeric_limits<T>::min()), kBeyond<T>};
     return {scale, offset};
 }
 
@@ -37,13 +42,18 @@ enum class Rounding { none, halfAwayFromZero };
 template <typename Source, Rounding kRounding>
 void quotients(double *out, const uint8_t *values, size_t count, Quantisation by);
 
-// What trunc() cuts off is exact, so it alone decides; an infinity cuts off a NaN, which decides for itself.
-// No branch: noise around a half or a bound costs no more than a quiet signal.
+// Quotients rounded within the bounds of T, as they are stored, to any address.
+template <typename T>
+void storeIntegers(uint8_t *to, const double *rounded, size_t count);
+
+// What trunc() cuts off is exact, so comparing it with a half rounds correctly; for an infinity it is a NaN,
+// which is not above a half. There is no branch, so that noise around a half or a bound costs no more than a
+// quiet signal.
 [[gnu::always_inline]] inline double roundedWithin(double x, Quantisation by)
 {
-    const double whole = __builtin_trunc(x);
-    const double step = __builtin_fabs(x - whole) >= 0.5 ? 1.0 : 0.0;
-    const double rounded = whole + __builtin_copysign(step, x);
+    const double truncated = __builtin_trunc(x);
+    const double step = __builtin_fabs(x - truncated) >= 0.5 ? 1.0 : 0.0;
+    const double rounded = truncated + __builtin_copysign(step, x);
     const double below = rounded > by.most ? by.most : rounded;
     const double held = below < by.least ? by.least : below;
     return held == held ? held : 0.0;
@@ -58,10 +68,13 @@ template <Rounding kRounding>
 
 // A quotient rounded within the bounds of T, as it is stored.
 template <typename T>
-inline T storedInteger(double rounded)
+[[gnu::always_inline]] inline T storedInteger(double rounded)
 {
-    if constexpr (sizeof(T) == 8)
-        return saturated<T>(rounded);
+    if constexpr (sizeof(T) == 8) {
+        const bool isBeyond = rounded >= kBeyond<T>;
+        const auto whole = static_cast<T>(isBeyond ? 0.0 : rounded);
+        return isBeyond ? std::numeric_limits<T>::max() : whole;
+    }
     // Several at a time are converted to signed 32 bits only.
     if constexpr (std::is_signed_v<T>)
         return static_cast<T>(static_cast<int32_t>(rounded));

@@ -28,11 +28,41 @@ uint32_t widthIn(const char *name)
     return width;
 }
 
-// Place in a group of nine. A float of the source's own width is none, and falls on the signed integer.
-std::optional<size_t> placeInGroup(const char *destination, bool from64)
+// What frames to be converted hold: everything that depends on it, in one place.
+enum class SourceType { float32, float64 };
+
+struct SourceTraits {
+    uint32_t other_width; // bits of the float that it can be converted to
+    libvu::StorageGroup bare, message;
+    double (*bare_filter)(KRDBuffer *record);
+    double (*message_filter)(KRDBuffer *record);
+};
+
+// A source of any other width is read as 32-bit floats.
+SourceType sourceNamed(const char *name)
+{
+    return widthIn(name) == 64 ? SourceType::float64 : SourceType::float32;
+}
+
+SourceTraits traitsOf(SourceType type)
+{
+    switch (type) {
+    case SourceType::float32:
+        return {64, libvu::kBare32, libvu::kMessage32, libvu::sequential_float32_filter,
+                libvu::message_float32_filter};
+    case SourceType::float64:
+        return {32, libvu::kBare64, libvu::kMessage64, libvu::sequential_float64_filter,
+                libvu::message_float64_filter};
+    }
+    __builtin_unreachable();
+}
+
+// The entry within a group of nine. A float of the source's own width has none and is stored as a signed
+// integer.
+std::optional<size_t> placeInGroup(const char *destination, const SourceTraits &source)
 {
     const uint32_t width = widthIn(destination);
-    if (width == (from64 ? 32 : 64) && contains(destination, "_float"))
+    if (width == source.other_width && contains(destination, "_float"))
         return 0;
     const size_t sign = contains(destination, "_uint") ? 0 : 1;
     switch (width) {
@@ -58,9 +88,9 @@ void KRDBuffer_set_storage_convert(KRDBuffer *record, const char *source, const 
 {
     if (!source || !destination || !meantForConversion(source, destination))
         return;
-    const bool from64 = widthIn(source) == 64;
+    const SourceTraits traits = traitsOf(sourceNamed(source));
     const bool bare = sequential || contains(source, "sequential_");
-    const std::optional<size_t> place = placeInGroup(destination, from64);
+    const std::optional<size_t> place = placeInGroup(destination, traits);
     if (!place) {
         record->pipe_filter = nullptr;
         libvuSetError("No storage convertor to convert from '%s' to '%s'", source, destination);
@@ -71,15 +101,8 @@ void KRDBuffer_set_storage_convert(KRDBuffer *record, const char *source, const 
         logWarning("Run-length encoding is not for message channels: '%s' is stored plain", source);
         runs = false;
     }
-    libvu::StorageGroup group;
-    if (bare) {
-        group = from64 ? libvu::kBare64 : libvu::kBare32;
-        record->pipe_filter = from64 ? libvu::sequential_float64_filter : libvu::sequential_float32_filter;
-    } else {
-        group = from64 ? libvu::kMessage64 : libvu::kMessage32;
-        record->pipe_filter = from64 ? libvu::message_float64_filter : libvu::message_float32_filter;
-    }
-    const size_t plain = group + *place;
-    record->convertor = &libvu::storage_convertors[runs ? plain + libvu::kRunsBehindPlain : plain];
+    record->pipe_filter = bare ? traits.bare_filter : traits.message_filter;
+    const size_t plain = (bare ? traits.bare : traits.message) + *place;
+    record->convertor = &libvu::storage_convertors[runs ? plain + libvu::kRunsAfterPlain : plain];
     record->rle_extra = runs ? 2 : 0;
 }

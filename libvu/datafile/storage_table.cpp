@@ -31,7 +31,7 @@ T quantised(const KRDBuffer *record, double value)
     return stored<T>(quotient<kRoundingOf<T>>(value, quantisationFor<T>(record->scale, record->offset)));
 }
 
-// Runs `store` over the quotients of all values, a batch at a time, until it says false.
+// Calls `store` with the quotients of all values, a batch at a time, until it returns false.
 template <typename Source, typename T, typename Store>
 bool inBatches(const Conversion &conversion, const uint8_t *values, size_t count, Store store)
 {
@@ -63,20 +63,21 @@ struct Plain {
     static const char *batch(Conversion &conversion, const uint8_t *values, size_t count)
     {
         Frame *frame = conversion.frame;
-        // A frame filled to the brim counts as overrun: a batch takes half of it.
+        // A batch takes half of the frame, so that a full frame already shows that there was more than the
+        // pipe said.
         if (frame->length + count >= frame->capacity)
             return kOverrun;
         if constexpr (std::is_floating_point_v<T>)
-            storeFloats<Source, T>(conversion, values, count);
+            convertFloats<Source, T>(conversion, values, count);
         else
-            storeIntegers<Source, T>(conversion, values, count);
+            convertIntegers<Source, T>(conversion, values, count);
         frame->length += static_cast<uint32_t>(count);
         return nullptr;
     }
 
 private:
     template <typename Source, typename T>
-    static void storeFloats(Conversion &conversion, const uint8_t *values, size_t count)
+    static void convertFloats(Conversion &conversion, const uint8_t *values, size_t count)
     {
         for (size_t i = 0; i < count; i++)
             storeHost(conversion.cursor + i * sizeof(T),
@@ -85,22 +86,45 @@ private:
     }
 
     template <typename Source, typename T>
-    static void storeIntegers(Conversion &conversion, const uint8_t *values, size_t count)
+    static void convertIntegers(Conversion &conversion, const uint8_t *values, size_t count)
     {
         inBatches<Source, T>(conversion, values, count, [&](const double *rounded, size_t taken) {
-            storeEach<T>(conversion.cursor, rounded, taken);
+            storeIntegers<T>(conversion.cursor, rounded, taken);
             conversion.cursor += taken * sizeof(T);
             return true;
         });
     }
-
-    template <typename T>
-    static void storeEach(uint8_t *__restrict to, const double *__restrict rounded, size_t count)
-    {
-        for (size_t i = 0; i < count; i++)
-            storeHost(to + i * sizeof(T), stored<T>(rounded[i]));
-    }
 };
+
+template <size_t kStep, typename T>
+bool allEqual(const T *samples, T value)
+{
+    using Bits = std::conditional_t<std::is_integral_v<T>, T, unsigned>;
+    Bits differs = 0;
+    for (size_t k = 0; k < kStep; k++)
+        if constexpr (std::is_integral_v<T>)
+            differs = static_cast<T>(differs | (samples[k] ^ value));
+        else
+            differs |= static_cast<unsigned>(!(samples[k] == value));
+    return differs == 0;
+}
+
+// How many samples at the head are equal to `value`. Most runs are longer than a step.
+template <typename T>
+size_t equalAtHead(const T *samples, size_t count, T value)
+{
+    constexpr size_t kLong = 16, kShort = 4;
+    if (count == 0 || !(samples[0] == value))
+        return 0;
+    size_t equal = 1;
+    while (equal + kLong <= count && allEqual<kLong>(samples + equal, value))
+        equal += kLong;
+    while (equal + kShort <= count && allEqual<kShort>(samples + equal, value))
+        equal += kShort;
+    while (equal < count && samples[equal] == value)
+        equal++;
+    return equal;
+}
 
 // A pair as it lies in the file.
 template <typename T>
@@ -108,17 +132,25 @@ struct Run {
     T count;
     T value;
 
-    // False: the sample belongs to a run of its own.
-    bool takes(T sample)
+    // How many samples at the head join the run; the next one begins another.
+    size_t take(const T *samples, size_t offered)
     {
         if (count == 0)
-            value = sample;
-        // A float has no largest count; a NaN is not even equal to itself, and leaves a run of none.
-        const bool full = std::is_integral_v<T> && count == std::numeric_limits<T>::max();
-        if (full || !(sample == value))
-            return false;
-        count = static_cast<T>(count + 1);
-        return true;
+            value = samples[0];
+        if constexpr (std::is_integral_v<T>) {
+            const auto room =
+                static_cast<uint64_t>(std::numeric_limits<T>::max()) - static_cast<uint64_t>(count);
+            const size_t taken = equalAtHead(samples, std::min<uint64_t>(offered, room), value);
+            count = static_cast<T>(count + static_cast<T>(taken));
+            return taken;
+        } else {
+            // A count of floats stays where adding 1 no longer changes it. A NaN is not even equal to itself,
+            // so that it leaves the open run with a count of 0.
+            constexpr auto kMost = static_cast<double>(uint64_t{1} << std::numeric_limits<T>::digits);
+            const size_t taken = equalAtHead(samples, offered, value);
+            count = static_cast<T>(std::min(static_cast<double>(count) + static_cast<double>(taken), kMost));
+            return taken;
+        }
     }
 };
 
@@ -128,7 +160,7 @@ struct Runs {
     {
         const T sample = quantised<T>(record, value);
         auto run = loadHost<Run<T>>(target);
-        const bool joined = run.takes(sample);
+        const bool joined = run.take(&sample, 1) == 1;
         storeHost(target, run);
         if (joined)
             return 0;
@@ -146,16 +178,17 @@ struct Runs {
             return kOverrun;
         auto run = loadHost<Run<T>>(conversion.cursor);
         const auto store = [&](const double *quotients, size_t taken) {
-            for (size_t i = 0; i < taken; i++) {
-                const T sample = stored<T>(quotients[i]);
-                if (run.takes(sample))
-                    continue;
+            T samples[kBatch];
+            storeAll(samples, quotients, taken);
+            size_t joined = run.take(samples, taken);
+            while (joined < taken) {
                 storeHost(conversion.cursor, run);
                 conversion.cursor += sizeof run;
                 frame->length += 2;
                 if (frame->length >= most)
                     return false;
-                run = {1, sample};
+                run = {1, samples[joined++]};
+                joined += run.take(samples + joined, taken - joined);
             }
             return true;
         };
@@ -163,6 +196,16 @@ struct Runs {
             return "RLE channel is too random for RLE encoding.";
         storeHost(conversion.cursor, run);
         return nullptr;
+    }
+
+private:
+    template <typename T>
+    static void storeAll(T *samples, const double *quotients, size_t count)
+    {
+        if constexpr (std::is_integral_v<T>)
+            storeIntegers<T>(reinterpret_cast<uint8_t *>(samples), quotients, count);
+        else
+            std::transform(quotients, quotients + count, samples, stored<T>);
     }
 };
 
@@ -189,8 +232,8 @@ constexpr auto makeTable()
     fillGroup<double, Plain>(&table[kMessage64]);
     fillGroup<float, Plain>(&table[kBare32]);
     fillGroup<float, Plain>(&table[kMessage32]);
-    fillGroup<double, Runs>(&table[kBare64 + kRunsBehindPlain]);
-    fillGroup<float, Runs>(&table[kBare32 + kRunsBehindPlain]);
+    fillGroup<double, Runs>(&table[kBare64 + kRunsAfterPlain]);
+    fillGroup<float, Runs>(&table[kBare32 + kRunsAfterPlain]);
     return table;
 }
 

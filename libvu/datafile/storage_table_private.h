@@ -27,7 +27,7 @@ enum StorageGroup : size_t {
     kMessage64 = 10,
     kBare32 = 19,
     kMessage32 = 28,
-    kRunsBehindPlain = 36, // from a plain group to its run-length group; those of messages are empty
+    kRunsAfterPlain = 36, // from a plain group to its run-length group; those of messages are empty
     kStorageConvertors = 73,
 };
 

@@ -12,4 +12,4 @@ for name in $listed; do
 done
 readelf -d "$1" | grep -q 'SONAME.*\[libvu\.so\.1\]' || { echo "wrong SONAME"; exit 1; }
 needed=$(readelf -d "$1" | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p' | grep -v 'libc\.\|libm\.\|libgcc_s\|libstdc++\|lib\(a\|ub\)san' | sort | tr '\n' ' ')
-[ "$needed" = "libev.so.4 libgmp.so.10 libyajl.so.2 libz.so.1 " ] || { echo "depends on: $needed"; exit 1; }
+[ "$needed" = "libev.so.4 libgmp.so.10 libisal.so.2 libyajl.so.2 libz.so.1 " ] || { echo "depends on: $needed"; exit 1; }

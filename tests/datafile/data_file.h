@@ -1,9 +1,11 @@
 // A data file, the records that write it, and a reader that shares no code with the writer.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sstream>
 #include <unistd.h>
 
 #include "libvu/libvu.h"
@@ -32,8 +34,8 @@ inline uint32_t slowCrc(const std::string &bytes)
     return ~crc;
 }
 
-// The whole blocks at the head of a file.
-inline std::vector<Block> wholeBlocks(const std::string &file)
+// The complete blocks at the head of a file.
+inline std::vector<Block> completeBlocks(const std::string &file)
 {
     const auto word = [&](size_t at) {
         uint32_t value;
@@ -55,6 +57,46 @@ template <typename T>
 std::string bytesOf(const std::vector<T> &values)
 {
     return {reinterpret_cast<const char *>(values.data()), values.size() * sizeof(T)};
+}
+
+inline std::string hexFrom(const std::string &bytes, size_t at)
+{
+    std::string text;
+    for (size_t i = at; i < bytes.size() && i < at + 8; i++)
+        text += "0123456789abcdef"[static_cast<uint8_t>(bytes[i]) / 16],
+            text += "0123456789abcdef"[static_cast<uint8_t>(bytes[i]) % 16];
+    return text;
+}
+
+// The first field in which one list of blocks differs from what was expected; empty for equal ones.
+inline std::string difference(const std::vector<Block> &found, const std::vector<Block> &expected)
+{
+    const auto differ = [](size_t block, const std::string &field, auto is, auto wanted) {
+        std::ostringstream text;
+        text << "block " << block << ": " << field << " " << is << ", expected " << wanted;
+        return text.str();
+    };
+    for (size_t i = 0; i < std::min(found.size(), expected.size()); i++) {
+        const Block &is = found[i], &wanted = expected[i];
+        if (is.offset != wanted.offset)
+            return differ(i, "offset", is.offset, wanted.offset);
+        if (is.group != wanted.group)
+            return differ(i, "group", is.group, wanted.group);
+        const auto end = std::min(is.payload.size(), wanted.payload.size());
+        const auto at = static_cast<size_t>(
+            std::mismatch(is.payload.begin(), is.payload.begin() + static_cast<std::ptrdiff_t>(end),
+                          wanted.payload.begin())
+                .first -
+            is.payload.begin());
+        if (at < end)
+            return differ(i, "payload from byte " + std::to_string(at) + " on", hexFrom(is.payload, at),
+                          hexFrom(wanted.payload, at));
+        if (is.payload.size() != wanted.payload.size())
+            return differ(i, "payload bytes", is.payload.size(), wanted.payload.size());
+    }
+    return found.size() == expected.size()
+               ? ""
+               : std::to_string(found.size()) + " blocks, expected " + std::to_string(expected.size());
 }
 
 class DataFile : public ::testing::Test {
@@ -81,7 +123,7 @@ protected:
     // Of a file that has nothing else in it.
     std::vector<Block> blocks() const
     {
-        auto found = wholeBlocks(file());
+        auto found = completeBlocks(file());
         EXPECT_EQ(found.empty() ? 0 : found.back().end(), file().size()) << "a piece of one";
         return found;
     }
