@@ -2,6 +2,7 @@
 //
 // Reading and translating are apart. A Database holds what the file says, also where the library could not
 // decode it; toStanzas() makes a stanza of every signal that can be decoded and names each of the others.
+// Files are taken as they are: a statement that cannot be read costs that statement and a warning.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +25,21 @@ struct Selection {
     std::vector<ValueRange> values;
 };
 
+// One line of a value table.
+struct ValueText {
+    double value = 0.0; // in the file the raw value, in a SignalStanza the physical one
+    std::string text;   // UTF-8
+};
+
+// Something that was left out.
+struct Warning {
+    std::string kind;  // the same for all of one kind, in the plural: "signals left out, they have no bits"
+    std::string place; // "MESSAGE.SIGNAL" or "FILE:LINE: what was expected"
+    std::string text;  // all there is to say of this one
+};
+// One line for each kind: the text of a single one, else how many there are and where the first of them are.
+std::vector<std::string> summarised(const std::vector<Warning> &warnings);
+
 struct Signal {
     enum class Number { kInteger, kFloat32, kFloat64 };
 
@@ -38,26 +54,29 @@ struct Signal {
     double offset = 0.0;
     bool isSelector = false;
     std::optional<Selection> selection; // multiplexed signals only
+    std::vector<ValueText> values;
+    std::string comment;
 };
 
 struct Message {
-    std::string name;
-    uint32_t id = 0; // without the bit that marks 29-bit identifiers
+    std::string name; // unique: of two messages that share one, the later is NAME@1F0, its identifier in hex
+    uint32_t id = 0;  // without the bit that marks 29-bit identifiers
     bool extended = false;
     uint32_t length = 0; // bytes
+    std::string comment;
     std::vector<Signal> signals;
-
-    const Signal *find(std::string_view signal) const;
 };
 
 struct Database {
     std::vector<Message> messages;
+    std::vector<Warning> warnings; // statements that could not be read
 };
 
-// Reads the text of a DBC file. Throws InputError with "FILE:LINE: what was expected"; `fileName` is used for
-// that alone. A text that is not UTF-8 is taken as Latin-1.
+// Reads the text of a DBC file; one that is no UTF-8 is taken as Windows-1252. Throws InputError where
+// nothing comes of it: an empty text, one without a message, or one of which 1000 statements cannot be read.
+// `fileName` is used in messages alone.
 Database parse(std::string_view text, const std::string &fileName);
-// The same, of a file. A file that can not be read is an InputError too.
+// The same, of a file, which may be compressed with gzip. One that cannot be read is an InputError too.
 Database read(const std::filesystem::path &file);
 
 enum class Match {
@@ -78,15 +97,16 @@ struct StanzaOptions {
 };
 
 struct SignalStanza {
-    std::string name; // MESSAGE.SIGNAL; with several selector values MESSAGE.SIGNAL.mVALUE, one stanza each
+    std::string name; // MESSAGE.SIGNAL; one that several selector values carry is MESSAGE.SIGNAL.mVALUE
     std::string unit;
     std::string json; // as can_set_add_signal() takes it
+    std::string comment;
+    std::vector<ValueText> values;
 };
 
 struct Stanzas {
     std::vector<SignalStanza> signals;
-    std::vector<std::string>
-        warnings; // each names a signal that is left out and why, or a glob without a match
+    std::vector<Warning> warnings; // those of the database, signals left out, globs without a match
 };
 
 Stanzas toStanzas(const Database &database, const StanzaOptions &options);

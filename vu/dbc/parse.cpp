@@ -1,16 +1,14 @@
-// DBC text into a Database. Only what decoding needs is kept; every other statement is passed over.
+// DBC text into a Database. Only what decoding and naming need is kept; every other statement is passed over.
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <fmt/format.h>
-#include <fstream>
-#include <map>
+#include <functional>
 #include <set>
-#include <sstream>
 
 #include "vu/command.h"
 #include "vu/dbc/dbc.h"
+#include "vu/dbc/extras.h"
+#include "vu/dbc/file_text.h"
 #include "vu/dbc/lexer.h"
 
 namespace vu::dbc {
@@ -18,7 +16,8 @@ namespace vu::dbc {
 namespace {
 
 constexpr uint32_t kExtendedBit = 0x80000000;
-// A message that tools invent to keep signals in that no message has.
+constexpr size_t kMostWarnings = 1000; // a text with more bad statements is something else
+// A message that tools invent for signals that belong to none.
 constexpr std::string_view kOrphans = "VECTOR__INDEPENDENT_SIG_MSG";
 
 bool isKeyword(std::string_view word)
@@ -64,95 +63,96 @@ bool isKeyword(std::string_view word)
     return kKeywords.contains(word);
 }
 
-// How many bytes the UTF-8 character at the front of `text` has; 0 if there is none.
-size_t utf8Length(std::string_view text)
-{
-    const auto byte = [&](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u; };
-    const auto follow = [&](size_t i) { return (byte(i) & 0xC0) == 0x80; };
-    if (byte(0) < 0x80)
-        return 1;
-    if (byte(0) >= 0xC2 && byte(0) < 0xE0)
-        return follow(1) ? 2 : 0;
-    const unsigned pair = byte(0) << 8 | byte(1);
-    if (byte(0) >= 0xE0 && byte(0) < 0xF0) // neither overlong nor half of a surrogate pair
-        return follow(1) && follow(2) && pair >= 0xE0A0 && (pair < 0xEDA0 || pair > 0xEDBF) ? 3 : 0;
-    return pair >= 0xF090 && pair <= 0xF48F && follow(1) && follow(2) && follow(3) ? 4 : 0;
-}
-
-std::string toUtf8(std::string_view text)
-{
-    if (text.starts_with("\xEF\xBB\xBF"))
-        text.remove_prefix(3);
-    size_t length = 1;
-    for (std::string_view rest = text; !rest.empty() && length > 0; rest.remove_prefix(length))
-        length = utf8Length(rest);
-    if (length > 0)
-        return std::string(text);
-    std::string converted; // Latin-1: each byte is its own code point
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x80)
-            converted += static_cast<char>(0xC0 | byte >> 6);
-        converted += static_cast<char>(byte < 0x80 ? byte : 0x80 | (byte & 0x3F));
-    }
-    return converted;
-}
-
 class Parser {
 public:
-    Parser(std::string_view text, const std::string &fileName) : lexer_(text, fileName) {}
+    Parser(std::string_view text, const std::string &fileName) : lexer_(text, fileName), fileName_(fileName)
+    {
+    }
     Database run();
 
 private:
-    struct SignalKey {
-        uint32_t id; // as the file writes it, with the mark of 29 bits
-        std::string signal;
-        auto operator<=>(const SignalKey &) const = default;
-    };
-
     void statement();
+    void guarded(const std::function<void()> &read);
+    void recover(const Token &begin);
     bool atKeyword() const { return lexer_.at(Token::kName) && isKeyword(lexer_.token().text); }
+    bool atStatement() const { return atKeyword() && lexer_.token().startsLine; }
     void passKeywords();
     void passNames();
     void passStatement();
+    void endStatement(const char *expected);
     void message();
     Signal signal();
     void multiplexing(Signal &signal, std::string_view indicator);
+    SignalKey keyOf(std::string_view keyword);
     void attribute();
+    void comment();
     void valueType();
+    void valueTable();
+    void valuesOfSignal();
+    std::vector<ValueText> valueTexts();
     void selectorValues();
-    void applyToSignals();
 
     Lexer lexer_;
+    const std::string &fileName_;
     Database database_;
     std::vector<uint32_t> ids_; // of database_.messages, as the file writes them
-    std::map<SignalKey, Signal::Number> numbers_;
-    std::map<SignalKey, Selection> selections_;
-    std::map<SignalKey, std::string> longNames_; // of a message under an empty signal
+    Extras extras_;
+    std::map<std::string, std::vector<ValueText>, std::less<>> tables_; // by name
+    bool anyMessage_ = false;
+    bool messageFailed_ = false; // the latest one could not be read
 };
 
 Database Parser::run()
 {
+    if (lexer_.at(Token::kEnd))
+        throw InputError(fmt::format("{}: expected a DBC file, and there is nothing in it", fileName_));
     while (!lexer_.at(Token::kEnd))
-        statement();
-    applyToSignals();
+        guarded([this] { statement(); });
+    if (!anyMessage_ && !database_.warnings.empty())
+        throw InputError(database_.warnings.front().place);
+    if (!anyMessage_)
+        throw InputError(fmt::format("{}: expected a DBC file, and no message (BO_) is in it", fileName_));
+    attach(database_.messages, ids_, extras_);
     return std::move(database_);
+}
+
+// Reads something that begins here. Where it cannot be read, it is left out with a warning.
+void Parser::guarded(const std::function<void()> &read)
+{
+    const Token begin = lexer_.token();
+    try {
+        read();
+    } catch (const SyntaxError &error) {
+        if (database_.warnings.size() == kMostWarnings)
+            throw InputError(fmt::format("{} ({} statements before it could not be read either)", error.text,
+                                         kMostWarnings));
+        database_.warnings.push_back({"statements left out that could not be read", error.text,
+                                      error.text + ": this statement is left out"});
+        recover(begin);
+    }
+}
+
+// What is wrong can be far from where it began, after a quote that was never closed: so the search for the
+// next statement begins on the next line.
+void Parser::recover(const Token &begin)
+{
+    lexer_.nextLineAfter(begin);
+    while (!lexer_.at(Token::kEnd) && !atStatement())
+        lexer_.nextLineAfter(lexer_.token());
 }
 
 void Parser::statement()
 {
     static const std::map<std::string_view, void (Parser::*)()> kStatements = {
-        {"NS_", &Parser::passKeywords},
-        {"BS_", &Parser::passNames},
-        {"BU_", &Parser::passNames},
-        {"BO_", &Parser::message},
-        {"BA_", &Parser::attribute},
-        {"SIG_VALTYPE_", &Parser::valueType},
-        {"SG_MUL_VAL_", &Parser::selectorValues},
+        {"NS_", &Parser::passKeywords},       {"BS_", &Parser::passNames},
+        {"BU_", &Parser::passNames},          {"BO_", &Parser::message},
+        {"BA_", &Parser::attribute},          {"CM_", &Parser::comment},
+        {"VAL_TABLE_", &Parser::valueTable},  {"VAL_", &Parser::valuesOfSignal},
+        {"SIG_VALTYPE_", &Parser::valueType}, {"SG_MUL_VAL_", &Parser::selectorValues},
     };
     if (lexer_.at("VERSION")) {
         lexer_.next();
-        lexer_.text("the version as a text in quotes");
+        lexer_.shortText("the version as a text in quotes");
         return;
     }
     const auto known = kStatements.find(lexer_.at(Token::kName) ? lexer_.token().text : std::string_view());
@@ -163,40 +163,59 @@ void Parser::statement()
     }
     if (!atKeyword())
         lexer_.fail("the keyword of a statement");
+    if (lexer_.at("SG_") && !messageFailed_) // those of a message that is left out go with it
+        lexer_.fail("a message (BO_) before its signals");
+    lexer_.next();
     passStatement();
 }
 
-// Keywords, of which only what follows one tells whether it begins a statement.
+// Keywords, of which only what follows one tells whether it begins a statement. A tool may have some of its
+// own.
 void Parser::passKeywords()
 {
     lexer_.mark(':');
-    const auto beginsStatement = [this] {
-        const Token &after = lexer_.following();
-        return after.kind == Token::kNumber || after.kind == Token::kText || after.text == ":";
+    const auto isListed = [this] {
+        const Token after = lexer_.following();
+        const bool begins = after.kind == Token::kNumber || after.kind == Token::kText || after.text == ":";
+        return after.startsLine || (atKeyword() && !begins);
     };
-    while (lexer_.at(Token::kName) && !beginsStatement())
+    while (lexer_.at(Token::kName) && isListed())
         lexer_.next();
 }
 
 void Parser::passNames()
 {
     lexer_.mark(':');
-    while (!lexer_.at(Token::kEnd) && !atKeyword())
+    while (!lexer_.at(Token::kEnd) && !lexer_.at(Token::kText) && !lexer_.at(Token::kOpenText) &&
+           !atKeyword())
         lexer_.next();
 }
 
+// Up to its semicolon, without which some tools end their files.
 void Parser::passStatement()
 {
-    while (!lexer_.at(";")) {
-        if (lexer_.at(Token::kEnd))
-            lexer_.fail("';' at the end of the last statement");
+    while (!lexer_.at(";") && !lexer_.at(Token::kEnd) && !atStatement()) {
+        if (lexer_.at(Token::kOpenText) ||
+            (lexer_.at(Token::kText) && lexer_.token().text.find('\n') != std::string_view::npos))
+            lexer_.fail("a closing quote on the same line");
         lexer_.next();
     }
-    lexer_.next();
+    if (lexer_.at(";"))
+        lexer_.next();
+}
+
+void Parser::endStatement(const char *expected)
+{
+    if (lexer_.at(";"))
+        lexer_.next();
+    else if (!lexer_.at(Token::kEnd) && !atStatement())
+        lexer_.fail(expected);
 }
 
 void Parser::message()
 {
+    anyMessage_ = true;
+    messageFailed_ = true; // unless it comes to its end here
     const uint32_t id = lexer_.whole("the identifier of a message");
     Message message;
     message.name = lexer_.name("the name of a message");
@@ -204,11 +223,14 @@ void Parser::message()
     message.extended = (id & kExtendedBit) != 0;
     lexer_.mark(':');
     message.length = lexer_.whole("the length of a message in bytes");
-    lexer_.name("the sender of a message");
-    while (lexer_.at("SG_")) {
-        lexer_.next();
-        message.signals.push_back(signal());
-    }
+    if (!lexer_.token().startsLine)
+        lexer_.name("the sender of a message");
+    while (lexer_.at("SG_"))
+        guarded([&] {
+            lexer_.next();
+            message.signals.push_back(signal());
+        });
+    messageFailed_ = false;
     if (message.name == kOrphans)
         return;
     database_.messages.push_back(std::move(message));
@@ -241,14 +263,13 @@ Signal Parser::signal()
     signal.offset = lexer_.number("the offset of a signal");
     lexer_.mark(')');
     lexer_.mark('[');
-    lexer_.number("the minimum of a signal");
-    lexer_.mark('|');
-    lexer_.number("the maximum of a signal");
-    lexer_.mark(']');
-    signal.unit = lexer_.text("the unit of a signal as a text in quotes");
+    // The limits of a value have no part in decoding it, and some are beyond what a number can be.
+    lexer_.passTo('|', "the minimum of a signal");
+    lexer_.passTo(']', "the maximum of a signal");
+    signal.unit = lexer_.shortText("the unit of a signal as a text in quotes");
 
-    // Receivers, with commas or without; a keyword begins what comes behind them.
-    while (lexer_.at(",") || (lexer_.at(Token::kName) && !atKeyword()))
+    // Receivers, with commas or without; a keyword begins what follows them.
+    while (lexer_.at(",") || lexer_.at(Token::kNumber) || (lexer_.at(Token::kName) && !atKeyword()))
         lexer_.next();
     return signal;
 }
@@ -266,23 +287,43 @@ void Parser::multiplexing(Signal &signal, std::string_view indicator)
     const char *end = indicator.data() + indicator.size();
     const auto [stop, error] = std::from_chars(indicator.data() + 1, end, value);
     if (indicator[0] != 'm' || error != std::errc() || stop != end)
-        lexer_.fail("':' or one of 'M', 'm0', 'm0M' and so on behind the name of a signal");
+        lexer_.fail("':' or one of 'M', 'm0', 'm0M' and so on after the name of a signal");
     signal.selection = Selection{{}, {{value, value}}};
 }
 
-// Names are cut at 32 characters, and the whole ones stand in attributes.
+// The message or signal that a statement is about, after its keyword.
+SignalKey Parser::keyOf(std::string_view keyword)
+{
+    lexer_.next();
+    const uint32_t id = lexer_.whole("the identifier of a message");
+    return {id, std::string(keyword == "SG_" ? lexer_.name("the name of a signal") : "")};
+}
+
 void Parser::attribute()
 {
-    const std::string attribute = lexer_.text("the name of an attribute in quotes");
+    const std::string attribute = lexer_.shortText("the name of an attribute in quotes");
     const bool ofMessage = attribute == "SystemMessageLongSymbol" && lexer_.at("BO_");
     const bool ofSignal = attribute == "SystemSignalLongSymbol" && lexer_.at("SG_");
     if (ofMessage || ofSignal) {
-        lexer_.next();
-        const uint32_t id = lexer_.whole("the identifier of a message");
-        const std::string signal(ofSignal ? lexer_.name("the name of a signal") : "");
-        longNames_[{id, signal}] = lexer_.text("the whole name in quotes");
+        const SignalKey key = keyOf(lexer_.token().text);
+        extras_.longNames[key] = lexer_.shortText("the whole name in quotes");
     }
     passStatement();
+}
+
+// Comments of the network, its nodes and variables are passed over. A quote within a comment that is not
+// escaped would end it too early, so that nothing may follow it but the end.
+void Parser::comment()
+{
+    if (lexer_.at("BO_") || lexer_.at("SG_")) {
+        const SignalKey key = keyOf(lexer_.token().text);
+        extras_.comments[key] = lexer_.text("a comment in quotes");
+    } else {
+        while (lexer_.at(Token::kName) && !lexer_.token().startsLine)
+            lexer_.next();
+        lexer_.text("a comment in quotes");
+    }
+    endStatement("';' after the comment");
 }
 
 void Parser::valueType()
@@ -294,7 +335,42 @@ void Parser::valueType()
     const uint32_t type = lexer_.whole("a value type: 0, 1 or 2");
     if (type > 2)
         lexer_.fail("a value type: 0, 1 or 2, before this");
-    numbers_[{id, signal}] = static_cast<Signal::Number>(type);
+    extras_.numbers[{id, signal}] = static_cast<Signal::Number>(type);
+    passStatement();
+}
+
+std::vector<ValueText> Parser::valueTexts()
+{
+    std::vector<ValueText> texts;
+    while (lexer_.at(Token::kNumber) || lexer_.at("-") || lexer_.at("+")) {
+        const double value = lexer_.number("a value");
+        texts.push_back({value, lexer_.shortText("the text of a value in quotes")});
+    }
+    endStatement("a value and its text, or ';'");
+    return texts;
+}
+
+void Parser::valueTable()
+{
+    const std::string name(lexer_.name("the name of a value table"));
+    tables_[name] = valueTexts();
+}
+
+// Environment variables have value tables as well, under a name and without an identifier.
+void Parser::valuesOfSignal()
+{
+    if (!lexer_.at(Token::kNumber))
+        return passStatement();
+    const uint32_t id = lexer_.whole("the identifier of a message");
+    const SignalKey key{id, std::string(lexer_.name("the name of a signal"))};
+    if (!lexer_.at(Token::kName) || atStatement()) {
+        extras_.values[key] = valueTexts();
+        return;
+    }
+    const auto table = tables_.find(lexer_.token().text);
+    if (table == tables_.end())
+        lexer_.fail("values and their texts, or the name of a value table");
+    extras_.values[key] = table->second;
     passStatement();
 }
 
@@ -314,38 +390,11 @@ void Parser::selectorValues()
             lexer_.fail("a range of selector values that rises, before this");
         selection.values.push_back({first, last});
     } while (lexer_.at(",") || lexer_.at(Token::kNumber));
-    selections_[{id, signal}] = std::move(selection);
+    extras_.selections[{id, signal}] = std::move(selection);
     passStatement();
 }
 
-void Parser::applyToSignals()
-{
-    const auto rename = [this](uint32_t id, const std::string &signal, std::string &name) {
-        if (const auto found = longNames_.find({id, signal}); found != longNames_.end())
-            name = found->second;
-    };
-    for (size_t i = 0; i < database_.messages.size(); ++i) {
-        rename(ids_[i], "", database_.messages[i].name);
-        for (Signal &signal : database_.messages[i].signals) {
-            const SignalKey key{ids_[i], signal.name};
-            if (const auto number = numbers_.find(key); number != numbers_.end())
-                signal.number = number->second;
-            if (const auto selection = selections_.find(key); selection != selections_.end())
-                signal.selection = selection->second;
-            if (signal.selection && !signal.selection->selector.empty())
-                rename(ids_[i], signal.selection->selector, signal.selection->selector);
-            rename(ids_[i], key.signal, signal.name);
-        }
-    }
-}
-
 } // namespace
-
-const Signal *Message::find(std::string_view signal) const
-{
-    const auto found = std::ranges::find(signals, signal, &Signal::name);
-    return found == signals.end() ? nullptr : &*found;
-}
 
 Database parse(std::string_view text, const std::string &fileName)
 {
@@ -355,12 +404,7 @@ Database parse(std::string_view text, const std::string &fileName)
 
 Database read(const std::filesystem::path &file)
 {
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    if (!in || !(text << in.rdbuf()))
-        throw InputError(
-            fmt::format("{}: expected a DBC file that can be read: {}", file.string(), std::strerror(errno)));
-    return parse(text.view(), file.string());
+    return parse(readFile(file), file.string());
 }
 
 } // namespace vu::dbc

@@ -1,6 +1,8 @@
 // A Database into the stanzas of CAN signals. What one signal needs beyond the library's means is said here.
+#include <cmath>
 #include <fmt/format.h>
 #include <fnmatch.h>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -29,52 +31,95 @@ uint64_t fieldEnd(const Signal &signal)
     return first + signal.length;
 }
 
-std::string fieldProblem(const Signal &signal)
+// Why a signal is left out: in the plural what all of its kind have in common, and what is said of it alone.
+struct Problem {
+    const char *kind = nullptr; // null: none
+    std::string text;
+};
+
+Problem fieldProblem(const Signal &signal)
 {
     if (signal.length == 0)
-        return "it has no bits";
+        return {"they have no bits", "it has no bits"};
     if (fieldEnd(signal) > kWordBits)
-        return fmt::format("its field of {} bits at {} reaches beyond {} bytes", signal.length, signal.start,
-                           kFrameBytes);
+        return {"their fields reach beyond 8 bytes",
+                fmt::format("its field of {} bits at {} reaches beyond {} bytes", signal.length, signal.start,
+                            kFrameBytes)};
     const uint32_t wanted = signal.number == Signal::Number::kFloat64   ? 64
                             : signal.number == Signal::Number::kFloat32 ? 32
                                                                         : signal.length;
     if (signal.length != wanted)
-        return fmt::format("a float of {} bits can not have a length of {}", wanted, signal.length);
+        return {"floats of another length than 32 or 64 bits",
+                fmt::format("a float of {} bits cannot have a length of {}", wanted, signal.length)};
     return {};
 }
 
-// The selector of a multiplexed signal, or null with the reason.
-const Signal *selectorOf(const Message &message, const Signal &signal, std::string &problem)
-{
-    const Signal *selector = nullptr;
-    size_t candidates = 0;
-    for (const Signal &candidate : message.signals) {
-        const std::string &named = signal.selection->selector;
-        const bool fits =
-            named.empty() ? candidate.isSelector && &candidate != &signal : candidate.name == named;
-        if (!fits)
-            continue;
-        selector = &candidate;
-        ++candidates;
-    }
-    if (candidates != 1)
-        problem =
-            fmt::format("it is multiplexed, and {} signals of its message can be its selector", candidates);
-    else if (selector->selection)
-        problem = fmt::format("nested multiplexing: its selector '{}' is multiplexed itself", selector->name);
-    else if (selector->number != Signal::Number::kInteger || !fieldProblem(*selector).empty())
-        problem = fmt::format("its selector '{}' is no integer within {} bytes", selector->name, kFrameBytes);
-    return problem.empty() ? selector : nullptr;
-}
-
-std::string messageProblem(const Message &message)
+Problem messageProblem(const Message &message)
 {
     if (message.length > kFrameBytes)
-        return fmt::format("its message has {} bytes, and a frame has {}", message.length, kFrameBytes);
+        return {"their messages are longer than 8 bytes",
+                fmt::format("its message has {} bytes, and a frame has {}", message.length, kFrameBytes)};
     if (message.id > (message.extended ? kMaxExtendedId : kMaxStandardId))
-        return fmt::format("identifier {} does not fit {} bits", message.id, message.extended ? 29 : 11);
+        return {"identifiers of too many bits",
+                fmt::format("identifier {} does not fit {} bits", message.id, message.extended ? 29 : 11)};
     return {};
+}
+
+// What a message's signals have to do with each other, gathered once.
+class Siblings {
+public:
+    explicit Siblings(const Message &message)
+    {
+        for (const Signal &signal : message.signals) {
+            const auto add = [&signal](Found &found) {
+                found.first = found.count++ == 0 ? &signal : found.first;
+                found.last = &signal;
+            };
+            add(byName_[signal.name]);
+            if (signal.isSelector)
+                add(selectors_);
+        }
+    }
+
+    bool shareName(const Signal &signal) const { return byName_.at(signal.name).count > 1; }
+    // The selector of a multiplexed signal, or null with the reason.
+    const Signal *selectorOf(const Signal &signal, Problem &problem) const;
+
+private:
+    struct Found {
+        const Signal *first = nullptr;
+        const Signal *last = nullptr;
+        size_t count = 0;
+    };
+    std::map<std::string_view, Found> byName_;
+    Found selectors_;
+};
+
+const Signal *Siblings::selectorOf(const Signal &signal, Problem &problem) const
+{
+    const std::string &named = signal.selection->selector;
+    Found found = selectors_;
+    if (!named.empty()) {
+        const auto place = byName_.find(named);
+        found = place == byName_.end() ? Found{} : place->second;
+    } else if (signal.isSelector) { // of another level: not its own
+        found.first = found.first == &signal ? found.last : found.first;
+        --found.count;
+    }
+    const Signal *selector = found.first;
+    if (found.count != 1)
+        problem = {
+            "multiplexed, and their messages have no one selector",
+            fmt::format("it is multiplexed, and {} signals of its message can be its selector", found.count)};
+    else if (selector->selection)
+        problem = {
+            "nested multiplexing",
+            fmt::format("nested multiplexing: its selector '{}' is multiplexed itself", selector->name)};
+    else if (selector->number != Signal::Number::kInteger || fieldProblem(*selector).kind)
+        problem = {
+            "their selectors are no integers within 8 bytes",
+            fmt::format("its selector '{}' is no integer within {} bytes", selector->name, kFrameBytes)};
+    return problem.kind ? nullptr : selector;
 }
 
 const char *format(const Signal &signal)
@@ -86,18 +131,24 @@ const char *format(const Signal &signal)
 
 class Translator {
 public:
-    Translator(const StanzaOptions &options) : options_(options), matched_(options.select.size(), false) {}
+    explicit Translator(const StanzaOptions &options)
+        : options_(options), matched_(options.select.size(), false)
+    {
+    }
 
-    void add(const Message &message, const Signal &signal);
-    Stanzas finish();
+    void add(const Message &message);
+    Stanzas finish(const std::vector<Warning> &ofDatabase);
 
 private:
     bool selected(const Message &message, const std::string &name);
+    void addMultiplexed(const Message &message, const Signal &signal, const Siblings &siblings,
+                        const std::string &name);
     Json stanza(const Message &message, const Signal &signal) const;
     void emit(const std::string &name, const Signal &signal, Json json);
-    void leaveOut(const std::string &name, const std::string &why)
+    void leaveOut(const std::string &name, const Problem &problem)
     {
-        result_.warnings.push_back(fmt::format("{}: left out: {}", name, why));
+        result_.warnings.push_back({fmt::format("signals left out, {}", problem.kind), name,
+                                    fmt::format("{}: left out: {}", name, problem.text)});
     }
 
     const StanzaOptions &options_;
@@ -139,41 +190,35 @@ Json Translator::stanza(const Message &message, const Signal &signal) const
 void Translator::emit(const std::string &name, const Signal &signal, Json json)
 {
     if (!names_.insert(name).second) {
-        leaveOut(name, "there is a signal of this name already");
+        leaveOut(name, {"of names that other signals have", "there is a signal of this name already"});
         return;
     }
     json["name"] = name;
     // A unit is not the library's business, but a stanza read by a person is better for it.
     json["unit"] = signal.unit;
-    result_.signals.push_back({name, signal.unit, json.dump()});
+    SignalStanza made{name, signal.unit, json.dump(), signal.comment, signal.values};
+    for (ValueText &one : made.values)
+        one.value = one.value * signal.scale + signal.offset;
+    std::erase_if(made.values, [](const ValueText &one) { return !std::isfinite(one.value); });
+    result_.signals.push_back(std::move(made));
 }
 
-void Translator::add(const Message &message, const Signal &signal)
+void Translator::addMultiplexed(const Message &message, const Signal &signal, const Siblings &siblings,
+                                const std::string &name)
 {
-    const std::string name = message.name + "." + signal.name;
-    if (!selected(message, name))
-        return;
-    std::string problem = messageProblem(message);
-    if (problem.empty())
-        problem = fieldProblem(signal);
-    if (!problem.empty() || !signal.selection) {
-        if (problem.empty())
-            emit(name, signal, stanza(message, signal));
-        else
-            leaveOut(name, problem);
-        return;
-    }
-
-    const Signal *selector = selectorOf(message, signal, problem);
+    Problem problem;
+    const Signal *selector = siblings.selectorOf(signal, problem);
     uint64_t count = 0;
     for (const ValueRange &range : signal.selection->values)
         count += uint64_t{range.last} - range.first + 1;
-    if (problem.empty() && count > kMaxSelectorValues)
-        problem = fmt::format("{} selector values, and {} are supported", count, kMaxSelectorValues);
-    if (!selector || !problem.empty()) {
+    if (selector && count > kMaxSelectorValues)
+        problem = {"of more than 64 selector values",
+                   fmt::format("{} selector values, and {} are supported", count, kMaxSelectorValues)};
+    if (problem.kind) {
         leaveOut(name, problem);
         return;
     }
+    const bool several = count > 1 || siblings.shareName(signal);
     for (const ValueRange &range : signal.selection->values) {
         for (uint64_t value = range.first; value <= range.last; ++value) {
             Json json = stanza(message, signal);
@@ -181,16 +226,37 @@ void Translator::add(const Message &message, const Signal &signal)
             json["db_mode_start"] = selector->start;
             json["db_mode_length"] = selector->length;
             json["db_mode_value"] = value;
-            emit(count == 1 ? name : fmt::format("{}.m{}", name, value), signal, std::move(json));
+            emit(several ? fmt::format("{}.m{}", name, value) : name, signal, std::move(json));
         }
     }
 }
 
-Stanzas Translator::finish()
+void Translator::add(const Message &message)
 {
+    const Siblings siblings(message);
+    const Problem ofMessage = messageProblem(message);
+    for (const Signal &signal : message.signals) {
+        const std::string name = message.name + "." + signal.name;
+        if (!selected(message, name))
+            continue;
+        const Problem problem = ofMessage.kind ? ofMessage : fieldProblem(signal);
+        if (problem.kind)
+            leaveOut(name, problem);
+        else if (signal.selection)
+            addMultiplexed(message, signal, siblings, name);
+        else
+            emit(name, signal, stanza(message, signal));
+    }
+}
+
+Stanzas Translator::finish(const std::vector<Warning> &ofDatabase)
+{
+    result_.warnings.insert(result_.warnings.begin(), ofDatabase.begin(), ofDatabase.end());
     for (size_t i = 0; i < matched_.size(); ++i) {
+        const std::string &glob = options_.select[i];
         if (!matched_[i])
-            result_.warnings.push_back(fmt::format("'{}' selects no signal", options_.select[i]));
+            result_.warnings.push_back({"globs that select no signal", fmt::format("'{}'", glob),
+                                        fmt::format("'{}' selects no signal", glob)});
     }
     return std::move(result_);
 }
@@ -209,11 +275,9 @@ std::optional<Match> matchFromName(std::string_view name)
 Stanzas toStanzas(const Database &database, const StanzaOptions &options)
 {
     Translator translator(options);
-    for (const Message &message : database.messages) {
-        for (const Signal &signal : message.signals)
-            translator.add(message, signal);
-    }
-    return translator.finish();
+    for (const Message &message : database.messages)
+        translator.add(message);
+    return translator.finish(database.warnings);
 }
 
 } // namespace vu::dbc
