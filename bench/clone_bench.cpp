@@ -1,4 +1,4 @@
-// One more consumer of a frame: the clone and its deletion, beside the memory traffic that it can not do
+// One more consumer of a frame: the clone and its deletion, beside the memory traffic that it cannot do
 // without.
 #include <benchmark/benchmark.h>
 #include <chrono>

@@ -26,7 +26,7 @@ constexpr uint8_t kMarker[] = {0xFE, 0xED};
 // swap, no pipe.
 class BareFrames {
 public:
-    // Of whole records in `arrived`; returns how many bytes they are.
+    // Number of bytes of the complete records in `arrived`.
     size_t take(const uint8_t *arrived, size_t size)
     {
         size_t at = 0;

@@ -46,7 +46,7 @@ public:
         membufAppend(&node->inbuf, bytes.data(), static_cast<uint32_t>(bytes.size()));
         node->read_count = static_cast<uint32_t>(bytes.size());
     }
-    // Events until every whole record is used up.
+    // Events until every complete record is used up.
     void read()
     {
         while (node->read_count != 0)

@@ -17,7 +17,7 @@ constexpr size_t kRecords = 2000;
 
 struct Kind {
     const char *name;
-    size_t entry, value, head; // bytes: an entry, its value if it has one, what stands before the entries
+    size_t entry, value, head; // bytes: an entry, its value if it has one, what comes before the entries
     void (*limit)(const Bytes &wire, std::vector<void *> &blocks);
 };
 template <size_t entry, size_t value, size_t head>

@@ -45,7 +45,7 @@ void add(std::vector<Record> &records, int64_t arrival, const char *text)
     records.push_back({bytes + text, arrival});
 }
 
-// A pulse each second, then $GPRMC, $GPGGA and $GPGSA of each fix within a tenth of a second behind it.
+// A pulse each second, then $GPRMC, $GPGGA and $GPGSA of each fix within a tenth of a second after it.
 std::vector<Record> drive()
 {
     std::vector<Record> records;

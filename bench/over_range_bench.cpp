@@ -1,6 +1,6 @@
-// A detector's run over frames that are in range, as a rule the whole of its work, beside a scan of the same
-// samples with one call of a reader each and beside one pass over their bytes. All take turns in the same
-// run.
+// A detector's run over frames that are in range, which is nearly all of its work in practice, beside a scan
+// of the same samples with one call of a reader each and beside one pass over their bytes. All take turns in
+// the same run.
 #include <benchmark/benchmark.h>
 #include <cstring>
 #include <vector>

@@ -92,7 +92,7 @@ double secondsOf(Work work)
 }
 
 // Runs the library's work and the plain one in turn, so that both see the same noise. The benchmark's time is
-// the library's; `x_plain` tells how many times as fast that is as the plain form.
+// the library's; `x_plain` says how many times faster than the plain form it is.
 template <typename Prepare, typename Ours, typename Plain>
 void compare(benchmark::State &state, Prepare prepare, Ours ours, Plain plain)
 {

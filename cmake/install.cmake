@@ -1,8 +1,10 @@
+# SPDX-License-Identifier: MIT
 # What `cmake --install` puts in place: headers, library, CMake package, pkg-config file and the command.
 include(CMakePackageConfigHelpers)
 install(TARGETS libvu EXPORT libvu-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(TARGETS vu RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(EXPORT libvu-targets NAMESPACE libvu:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/libvu)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/libvuConfigVersion.cmake COMPATIBILITY SameMajorVersion)

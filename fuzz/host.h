@@ -10,13 +10,13 @@
 #include "tests/support/release_stream.h"
 #include "tests/support/socket_node.h"
 
-// A record that claims to be huge costs no memory: its buffer can not be had.
+// A record that claims to be huge costs no memory: its buffer cannot be allocated.
 extern "C" const char *__asan_default_options()
 {
     return "allocator_may_return_null=1:max_allocation_size_mb=32";
 }
 
-// Reports are taken and told to nobody.
+// Reports are taken and dropped.
 inline const auto quiet = libvuErrorCallback = libvuCriticalErrorCallback =
     libvuChannelDisconnectCallback = [](const char *) { return 1; };
 inline const auto quietZero = libvuRezeroCallback = [](const char *, double) { return 1; };
@@ -61,7 +61,7 @@ struct Signals {
 struct FuzzNode : vu::test::SocketNode {
     using SocketNode::SocketNode;
 
-    // Records behind the marker, as if one read had brought them.
+    // Records after the marker, as if one read had brought them.
     void feed(std::span<const uint8_t> bytes)
     {
         if (node->state == PROXY_NODE_DISCARDS)

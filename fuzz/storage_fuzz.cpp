@@ -1,6 +1,6 @@
 // Arbitrary type names, scalings and frames through every storage convertor and into a file. Besides the
-// sanitizers' checks: a forced flush leaves no frame behind; what it says is what the file has, an element
-// for each sample, or a pair for each run.
+// sanitizers' checks: a forced flush leaves no frame in the pipe; what it says is what the file has, an
+// element for each sample, or a pair for each run.
 #include <cmath>
 #include <sys/mman.h>
 #include <syslog.h>
@@ -70,7 +70,7 @@ void fuzz(const uint8_t *data, size_t size)
         require(stored <= 0 || written > 0);
         if (written == 0 || !record.pipe_filter || record.sample_limit >= 0 || !known)
             continue;
-        // A NaN at the very first leaves one pair of none more.
+        // A NaN as the first sample leaves an empty pair in front of the others.
         require(written == stored * static_cast<double>(record.convertor->element_size + time_size) + 20);
         require(record.rle_extra ? std::fmod(stored, 2) == 0 && stored / 2 <= samples + 1
                                  : stored == samples);

@@ -1,5 +1,5 @@
-// A module's connection behind the marker. The first byte picks byte order, scaling and start of the test,
-// the second where a read ends. In two pieces or whole, the bytes leave the same behind.
+// A module's connection after its marker. The first byte picks byte order, scaling and start of the test,
+// the second where a read ends. Bytes that come in two pieces have the same effect as in one.
 #include "fuzz/host.h"
 
 static auto play(uint8_t form, std::span<const uint8_t> bytes, size_t cut)

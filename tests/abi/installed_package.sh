@@ -5,6 +5,7 @@ set -euo pipefail
 place=$(mktemp -d)
 trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$place"' EXIT
 cmake --install "$1" --prefix "$place/usr" >/dev/null
+find "$place/usr" -name LICENSE | grep -q . || { echo "the license is not installed"; exit 1; }
 cp "$2"/examples/*.c "$2"/examples/*.cpp "$2"/examples/CMakeLists.txt "$place"
 cmake -S "$place" -B "$place/build" -DCMAKE_PREFIX_PATH="$place/usr" >/dev/null
 cmake --build "$place/build" >/dev/null

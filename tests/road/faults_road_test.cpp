@@ -140,6 +140,47 @@ TEST_F(FaultsRoad, AbsurdTimesFillNothing)
     run(AnyOf(0, 3));
 }
 
+TEST_F(FaultsRoad, AMonitorEndsWithTheFirstOfItsChannelsAndSaysSo)
+{
+    const Json stanza = {{"data_type", "sequential_float64"}, {"sample_rate", 1000}};
+    addChannel("brief", stanza, {{"kind", "sim"}, {"duration", 0.5}});
+    addChannel("long", stanza, {{"kind", "sim"}, {"duration", 2}});
+    addChannel("slow", stanza, {{"kind", "sim"}, {"signal", "counter"}, {"duration", 50}, {"speed", 0}},
+               {{"pipe_rate", 0.02}}); // a frame of all of it, and more windows than the detector holds
+    description["monitors"] =
+        R"([{"name": "both", "rate": 100, "channels": [{"channel": "brief", "mode": "upper", "upper": 9},
+                                                       {"channel": "long", "mode": "upper", "upper": 9}]},
+            {"name": "many", "rate": 100, "channels": [{"channel": "slow", "mode": "upper", "upper": 9}]}])"_json;
+    run(AnyOf(0, 3));
+    EXPECT_EQ(events["monitor_ended"], 2u);
+    EXPECT_THAT(recorder->err(), HasSubstr("both  its track ends, since 'brief' brings no more samples"));
+    EXPECT_EQ(ledger["both"]["received"], 49); // the last window has no sample at its end
+    EXPECT_EQ(ledger["many"]["received"], 4999);
+    EXPECT_EQ(samples("many").size(), ledger["many"]["stored"]);
+}
+
+TEST_F(FaultsRoad, SignalsThatNeverHadAValueAreNamed)
+{
+    addChannel("can0", {{"data_type", "message_can"}},
+               {{"kind", "sim"}, {"can_ids", {"100"}}, {"rate", 100}, {"duration", 1}, {"speed", 0}});
+    for (const std::string id : {"100", "200"})
+        description["channels"][0]["signals"].push_back(held(100, {{"name", "s" + id},
+                                                                   {"data_type", "float64"},
+                                                                   {"db_msg_id", id},
+                                                                   {"db_data_format", "SLSB"},
+                                                                   {"db_bit_start", 0},
+                                                                   {"db_bit_length", 16},
+                                                                   {"scale", 1},
+                                                                   {"offset", 0}}));
+    run();
+    EXPECT_EQ(ledger["s200"].value("never", false), true);
+    EXPECT_FALSE(ledger["s100"].contains("never"));
+    for (const char *command : {"info", "verify"}) {
+        EXPECT_THAT(runVu({command, file}).out, HasSubstr("1 of 2 signals never had a value: s200\n"));
+        EXPECT_EQ(Json::parse(runVu({command, file, "--json"}).out)["never"], Json({"s200"}));
+    }
+}
+
 TEST_F(FaultsRoad, ZeroAskedForWhileItRuns)
 {
     const Json source = R"({"kind": "sim", "signal": "square", "amplitude": 0, "bias": 5, "rate": 100})"_json;

@@ -140,6 +140,7 @@ Description parseDescription(std::string_view text, const std::filesystem::path 
         warnOfFullDisk(test, findings);
     findings.throwIfAny();
     test.warnings = findings.warnings();
+    test.details = findings.details();
     test.filled_in = findings.filledIn();
     return test;
 }

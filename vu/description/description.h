@@ -43,6 +43,8 @@ struct Signal {
     double sample_rate = 0.0;      // Hz
     double pipe_rate = 10.0;       // frames per second, at least 1
     std::optional<double> invalid; // what a sample without a value reads
+    std::string comment;           // from a DBC file, like the next
+    std::vector<std::pair<double, std::string>> value_texts; // of its value table, by physical value
 };
 
 // What a channel's data type and connector make of it.
@@ -96,6 +98,7 @@ struct Description {
     std::vector<Channel> channels;
     std::vector<Monitor> monitors;
     std::vector<Finding> warnings;
+    std::vector<Finding> details;   // every line of what a warning only counts
     std::vector<Finding> filled_in; // what the description left out, and what is taken for it
 };
 

@@ -16,6 +16,8 @@ public:
 
     void mistake(const std::string &path, std::string_view what) { add(mistakes_, path, what); }
     void warning(const std::string &path, std::string_view what) { add(warnings_, path, what); }
+    // One of what a warning only counts.
+    void detail(const std::string &path, std::string_view what) { add(details_, path, what); }
     // Something that the description left out, and what is taken for it.
     void filledIn(const std::string &path, std::string_view what) { add(filled_in_, path, what); }
     // A mistake that the text has no place for, such as an option of the command line.
@@ -28,6 +30,7 @@ public:
     bool isMistakeUnder(const std::string &path) const;
 
     const std::vector<Finding> &warnings() const { return warnings_; }
+    const std::vector<Finding> &details() const { return details_; }
     const std::vector<Finding> &filledIn() const { return filled_in_; }
     // DescriptionError, if there is a mistake.
     void throwIfAny() const;
@@ -41,6 +44,7 @@ private:
     const LocatedJson &text_;
     std::vector<Finding> mistakes_;
     std::vector<Finding> warnings_;
+    std::vector<Finding> details_;
     std::vector<Finding> filled_in_;
 };
 

@@ -182,13 +182,18 @@ void readDbc(ObjectReader &keys, const Json &value, const std::filesystem::path 
         keys.findings().mistake(list.pathOf("file"), error.what());
         return;
     }
-    for (const std::string &warning : stanzas.warnings)
+    for (const std::string &warning : dbc::summarised(stanzas.warnings))
         keys.findings().warning(list.path(), warning);
+    for (const dbc::Warning &warning : stanzas.warnings)
+        keys.findings().detail(list.path(), warning.text);
     for (const dbc::SignalStanza &made : stanzas.signals) {
         Json stanza = Json::parse(made.json);
         stanza["name"] = common.prefix + made.name;
         Signal signal = makeSignal(stanza, list.path(), keys.findings());
         signal.unit = made.unit;
+        signal.comment = made.comment;
+        for (const dbc::ValueText &one : made.values)
+            signal.value_texts.push_back({one.value, one.text});
         signal.store = common.store;
         checkName(keys.findings(), list.path(), signal.name);
         warnOfBits(stanza, signal, keys.findings());

@@ -195,6 +195,7 @@ LedgerEntry parseLedgerEntry(const OrderedJson &json, size_t number)
     const Fields causes(discarded, fmt::format("closing block: ledger[{}]: discarded", number));
     for (const auto &item : discarded.items())
         entry.discarded[item.key()] = causes.whole<uint64_t>(item.key().c_str());
+    entry.never = json.value("never", OrderedJson()) == OrderedJson(true);
     return entry;
 }
 
@@ -322,6 +323,8 @@ OrderedJson toJson(const Closing &closing)
                                   {"received", entry.received},
                                   {"stored", entry.stored},
                                   {"discarded", entry.discarded}});
+        if (entry.never)
+            json["ledger"].back()["never"] = true;
     }
     json["events"] = closing.events;
     json["index_blocks"] = closing.indexBlocks;

@@ -78,6 +78,7 @@ struct LedgerEntry {
     uint64_t received = 0; // elements, and so the next two
     uint64_t stored = 0;
     std::map<std::string, uint64_t> discarded; // by cause
+    bool never = false;                        // a signal that never had a value
 
     uint64_t discardedSum() const;
 };

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "vu/command.h"
+#include "vu/krdfile/never.h"
 #include "vu/krdfile/recording.h"
 #include "vu/support/texts.h"
 
@@ -14,6 +15,7 @@ namespace {
 struct InfoOptions {
     std::string file;
     bool json = false;
+    bool verbose = false;
 };
 
 OrderedJson toJson(const Recording &recording, const Catalogue &catalogue, const std::string &file)
@@ -28,6 +30,7 @@ OrderedJson toJson(const Recording &recording, const Catalogue &catalogue, const
         json["end"] = recording.closing->end;
         json["seconds"] = recording.closing->seconds;
         json["events"] = recording.closing->events;
+        json["never"] = neverNames(recording);
     }
     json["channels"] = OrderedJson::array();
     for (const Channel &channel : catalogue.channels) {
@@ -66,7 +69,7 @@ std::string eventText(const OrderedJson &event)
                        text("channel"), text("text"));
 }
 
-void print(const Recording &recording, const Catalogue &catalogue, const std::string &file)
+void print(const Recording &recording, const Catalogue &catalogue, const std::string &file, bool verbose)
 {
     fmt::print("{}: test '{}', started {}\n", file, catalogue.test, catalogue.startTime);
     fmt::print("{}, {} channels", sizeText(recording.file.size()), catalogue.channels.size());
@@ -84,7 +87,11 @@ void print(const Recording &recording, const Catalogue &catalogue, const std::st
                         ledger ? fmt::format("{}", ledger->discardedSum()) : "?", channel.unit});
     }
     fmt::print("{}", tableText(rows));
-    if (!recording.closing || recording.closing->events.empty())
+    if (!recording.closing)
+        return;
+    if (const std::string never = neverText(recording, verbose); !never.empty())
+        fmt::print("\n{}\n", never);
+    if (recording.closing->events.empty())
         return;
     fmt::print("\n");
     for (const OrderedJson &event : recording.closing->events)
@@ -99,7 +106,7 @@ int info(const InfoOptions &options)
     if (options.json)
         fmt::print("{}\n", toJson(recording, catalogue, options.file).dump(2));
     else
-        print(recording, catalogue, options.file);
+        print(recording, catalogue, options.file, options.verbose);
     if (recording.closing)
         return kDone;
     fmt::print(
@@ -121,5 +128,6 @@ void vu::addInfo(CLI::App &app, Action &chosen)
     const auto options = std::make_shared<krd::InfoOptions>();
     command->add_option("FILE", options->file, "The data file")->required();
     command->add_flag("--json", options->json, "Answer with JSON, everything the file says of itself");
+    command->add_flag("--verbose", options->verbose, "Names all signals that never had a value");
     command->callback([&chosen, options] { chosen = [options] { return krd::info(*options); }; });
 }

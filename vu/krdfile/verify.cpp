@@ -5,6 +5,7 @@
 
 #include "vu/command.h"
 #include "vu/krdfile/check.h"
+#include "vu/krdfile/never.h"
 #include "vu/support/texts.h"
 
 namespace vu::krd {
@@ -14,6 +15,7 @@ namespace {
 struct VerifyOptions {
     std::string file;
     bool json = false;
+    bool verbose = false;
 };
 
 OrderedJson toJson(const Recording &recording, const Check &found, const std::string &file)
@@ -32,7 +34,8 @@ OrderedJson toJson(const Recording &recording, const Check &found, const std::st
                           {"dangling_entries", found.danglingEntries},
                           {"unlisted_blocks", found.unlistedBlocks}}},
                         {"channels", OrderedJson::array()},
-                        {"problems", found.problems}};
+                        {"problems", found.problems},
+                        {"never", neverNames(recording)}};
     for (const Damage &damage : recording.damage)
         json["damage"].push_back({{"offset", damage.offset}, {"bytes", damage.bytes}});
     for (const ChannelCheck &channel : found.channels) {
@@ -48,7 +51,7 @@ OrderedJson toJson(const Recording &recording, const Check &found, const std::st
     return json;
 }
 
-void print(const Recording &recording, const Check &found, const std::string &file)
+void print(const Recording &recording, const Check &found, const std::string &file, bool verbose)
 {
     fmt::print("{}: {}, {} whole blocks, {} channels, {} index entries in {} blocks\n", file,
                sizeText(recording.file.size()), recording.blocks.size(), found.channels.size(),
@@ -58,6 +61,8 @@ void print(const Recording &recording, const Check &found, const std::string &fi
     if (found.sound() && found.danglingEntries > 0)
         fmt::print("  {} index entries point at blocks that the full disk did not take\n",
                    found.danglingEntries);
+    if (const std::string never = neverText(recording, verbose); !never.empty())
+        fmt::print("  {}\n", never);
     if (found.sound())
         fmt::print("whole: every checksum, index entry, sample number and ledger line agrees\n");
     else if (recording.damagedBytes > 0)
@@ -75,7 +80,7 @@ int verify(const VerifyOptions &options)
     if (options.json)
         fmt::print("{}\n", toJson(recording, found, options.file).dump(2));
     else
-        print(recording, found, options.file);
+        print(recording, found, options.file, options.verbose);
     return found.sound() ? kDone : kDataMissing;
 }
 
@@ -93,5 +98,6 @@ void vu::addVerify(CLI::App &app, Action &chosen)
     const auto options = std::make_shared<krd::VerifyOptions>();
     command->add_option("FILE", options->file, "The data file")->required();
     command->add_flag("--json", options->json, "Answer with JSON");
+    command->add_flag("--verbose", options->verbose, "Names all signals that never had a value");
     command->callback([&chosen, options] { chosen = [options] { return krd::verify(*options); }; });
 }

@@ -21,6 +21,7 @@ struct Options {
     std::string description;
     std::string output;
     double seconds = 0.0;
+    bool verbose = false;
     RecordOptions record;
 };
 
@@ -98,6 +99,9 @@ int withDescription(const Options &options, Sources sources,
     }
     for (const Finding &warning : test.warnings)
         say("{}\n", warningLine(warning));
+    if (options.verbose)
+        for (const Finding &detail : test.details)
+            say("{}\n", warningLine(detail));
     return useIt(test);
 }
 
@@ -149,6 +153,7 @@ CLI::App *addDescription(CLI::App &app, const char *name, const char *about,
     command->add_option("--for", options->seconds, "Ends after this many seconds")
         ->check(CLI::PositiveNumber);
     command->add_flag("--force", options->record.force, "Replaces an existing data file");
+    command->add_flag("--verbose", options->verbose, "Lists what a warning only counts");
     return command;
 }
 

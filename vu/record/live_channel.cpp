@@ -239,6 +239,7 @@ std::vector<Track> LiveChannel::tracks()
     for (const Decoded &decoded : decoded_) {
         Track track;
         track.name = decoded.signal->name;
+        track.signal = decoded.signal;
         track.kind = decoded.stream ? "sequential" : "message_text";
         track.element = decoded.stream ? nameOf(decoded.signal->values) : "bytes";
         track.element_size = decoded.stream ? decoded.stream->element_size : 0;

@@ -73,6 +73,10 @@ void Session::onTick(struct ev_loop *, ev_timer *timer, int)
 {
     auto *self = static_cast<Session *>(timer->data);
     self->takeIn();
+    if (!self->sources_.allEnded() && !self->stopping_)
+        for (const auto &channel : self->recording_.channels)
+            if (channel->ended())
+                self->recording_.watch.noteEnd(channel->description().name, self->recording_.events);
     self->progress_.show();
 }
 
@@ -147,7 +151,8 @@ const char *Session::run()
     progress_.end();
     for (const auto &channel : recording_.channels)
         channel->deliverUnfinished();
-    recording_.watch.run(recording_.events);
+    while (recording_.watch.run(recording_.events))
+        recording_.file.flush(false, recording_.events);
     return KRDWriter_is_disk_full() ? "disk_full" : end;
 }
 

@@ -33,6 +33,18 @@ void printTable(const DataFile &file)
     }
 }
 
+std::string neverText(const DataFile &file)
+{
+    std::vector<std::string> names;
+    size_t signals = 0;
+    for (const auto &stored : file.tracks()) {
+        signals += !stored.track.parent.empty();
+        if (stored.ledger.never)
+            names.push_back(stored.track.name);
+    }
+    return vu::neverText(names, signals, false);
+}
+
 } // namespace
 
 int recordingStatus(const DataFile &file, const Events &events)
@@ -60,6 +72,8 @@ void printSummary(const Description &test, const DataFile &file, const Events &e
         return;
     }
     printTable(file);
+    if (const std::string never = neverText(file); !never.empty())
+        fmt::print("\n{}\n", never);
     std::map<std::string, size_t> kinds;
     for (const Event &event : events.list())
         kinds[event.kind]++;

@@ -114,6 +114,18 @@ std::string tableText(const std::vector<std::vector<std::string>> &rows)
     return text;
 }
 
+std::string neverText(const std::vector<std::string> &names, size_t signals, bool all)
+{
+    constexpr size_t kShown = 10, kLongestName = 100;
+    if (names.empty())
+        return {};
+    std::string text = fmt::format("{} of {} signals never had a value: ", names.size(), signals);
+    const size_t shown = all ? names.size() : std::min(names.size(), kShown);
+    for (size_t i = 0; i < shown; ++i)
+        text += (i > 0 ? ", " : "") + printable(names[i], kLongestName);
+    return shown < names.size() ? text + fmt::format(" and {} more", names.size() - shown) : text;
+}
+
 std::string secondsText(int64_t ticks, int64_t ticksPerSecond)
 {
     if (kNanosecondsPerSecond % ticksPerSecond != 0)

@@ -22,6 +22,10 @@ std::string tableText(const std::vector<std::vector<std::string>> &rows);
 // no UTF-8 likewise, and at most `most` bytes of it, with "..." where it was longer.
 std::string printable(std::string_view text, size_t most = 400);
 
+// "3 of 40 signals never had a value: A, B, C", the first ten of them by name unless `all` are wanted; empty
+// for none.
+std::string neverText(const std::vector<std::string> &names, size_t signals, bool all);
+
 // Ticks as decimal seconds, exactly where the file counts 25 ns ticks.
 std::string secondsText(int64_t ticks, int64_t ticksPerSecond);
 

@@ -59,6 +59,8 @@ Json ledgerJson(const DataFile &file, bool all)
                            {"received", stored.ledger.received},
                            {"stored", stored.ledger.stored},
                            {"discarded", discarded}});
+        if (stored.ledger.never)
+            entries.back()["never"] = true;
     }
     return entries;
 }

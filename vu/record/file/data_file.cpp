@@ -256,10 +256,12 @@ void DataFile::settleLedgers()
     for (Stored &stored : tracks_) {
         const Track &track = stored.track;
         Ledger &ledger = stored.ledger;
-        const uint64_t counted = track.stream ? static_cast<uint64_t>(track.stream->sample_count)
-                                 : track.node ? static_cast<uint64_t>(track.node->sample_count)
-                                              : stored.delivered;
+        const uint64_t counted = track.stream    ? static_cast<uint64_t>(track.stream->sample_count)
+                                 : track.node    ? static_cast<uint64_t>(track.node->sample_count)
+                                 : track.counted ? *track.counted
+                                                 : stored.delivered;
         ledger.received = std::max(counted, stored.delivered);
+        ledger.never = neverHadValue(track, stored.delivered);
         if (stored.record)
             ledger.unfinished = ledger.received - stored.delivered;
         else

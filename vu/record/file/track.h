@@ -22,13 +22,25 @@ struct Track {
     std::string parent; // the channel that it was decoded from
     Store store;
     PipeList *pipes = nullptr; // where its frames come out
-    // Where samples are counted before they are delivered; both null: frames are all that is known.
+    // Where samples are counted before they are delivered; all null: frames are all that is known.
     const ProxyNode *node = nullptr;
     const Sequentializer *stream = nullptr;
+    const uint64_t *counted = nullptr; // of a monitor: the windows that are complete
+    const Signal *signal = nullptr;    // of a decoded one: comment, texts of values
     int32_t *rezero_pending = nullptr; // null: it cannot be zeroed
     ProxyNode *sequential = nullptr;   // zeroed through its kernel instead
 
     bool periodic() const { return sample_rate > 0.0; }
 };
+
+// A decoded signal that has not had a value yet; `delivered` is what has come out of its pipe. A stream that
+// gets a value sets the end of its life, which is 0 only before. Of texts that are not stored nothing is
+// known.
+inline bool neverHadValue(const Track &track, uint64_t delivered)
+{
+    if (track.stream)
+        return track.stream->expiry_tick == 0;
+    return track.signal && track.store.wanted && delivered == 0;
+}
 
 } // namespace vu
