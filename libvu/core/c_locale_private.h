@@ -1,4 +1,4 @@
-// Numbers in stanzas, sentences and times have a decimal point, whatever the host's locale says.
+// Numbers in stanzas, sentences, times and reports have a decimal point, whatever the host's locale says.
 #pragma once
 
 #include <clocale>

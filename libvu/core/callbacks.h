@@ -2,7 +2,8 @@
  *
  * They are called on the loop's thread, from inside the library. A callback may detach pipes, set
  * `rezero_pending` and call proxyNode_Stop(). It may not free a node, a signal or a Sequentializer: the
- * reader that called it goes on with them. Texts belong to the library and end with the call. */
+ * reader that called it goes on with them. A delivery goes on with the next pipe that is still attached.
+ * Texts belong to the library and end with the call. */
 #ifndef LIBVU_CORE_CALLBACKS_H
 #define LIBVU_CORE_CALLBACKS_H
 

@@ -6,8 +6,8 @@
 namespace libvu {
 
 // The first pipe takes over the producer's reference, each further one gets a clone. A clone that could not
-// be made is handed on as null, so that the pipe reports what it misses. The chain is read as it stands at
-// every step: a report may run a callback that detaches pipes. With no pipe left the frame is deleted.
+// be made is reported, as is the null that its pipe gets instead. The callback that gets the report may
+// detach any pipes; the delivery goes on with the pipe after them. With no pipe at all the frame is deleted.
 void deliver(const PipeList &list, Frame *frame);
 
 // Numbers a frame of a periodic or message channel: `start`, and the same as a 32-bit float in `aux`.

@@ -5,34 +5,26 @@
 #include <cstring>
 #include <limits>
 
+#include "libvu/core/frame_pool_private.h"
 #include "libvu/core/report.h"
 
 namespace {
 
 constexpr size_t kCloneSize = offsetof(Frame, aux_inline);
 
-void returnToPool(Frame *frame)
-{
-    Frame *head = *frame->pool;
-    frame->prev = nullptr;
-    frame->next = head;
-    if (head)
-        head->prev = frame;
-    *frame->pool = frame; // the payload stays: the next user only resets the header
-}
-
 void retire(Frame *root)
 {
-    // Word 0 of a message frame's `aux` may still lie inside the frame, where no block of its own begins.
+    // A host that has given its message frame no `aux` of its own leaves it inside the frame, which free()
+    // does not take.
     if (root->is_message && root->aux && root->aux != root->aux_inline)
         std::free(root->aux);
     if (root->pool)
-        returnToPool(root);
+        libvu::pushFrame(*root->pool, root);
     else
         std::free(root);
 }
 
-// The new count; below 0 it stays stored, so that every further deletion is told as well.
+// The new count. It stays stored below 0 too, so that every further deletion is reported as well.
 int dropReference(Frame *frame)
 {
     frame->refcount = static_cast<int16_t>(frame->refcount - 1);

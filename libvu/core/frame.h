@@ -29,7 +29,7 @@ struct Frame {
     uint32_t length;        /* elements held now; private to each clone */
     uint64_t reserved;      /* the host's own; copied into a block of type 0x42 */
     int64_t start;          /* first element: sample number, or 25 ns ticks on message channels */
-    void *data;             /* the payload behind the header, or a buffer that the host keeps */
+    void *data;             /* the payload after the header, or a buffer that the host keeps */
     uint32_t *aux;          /* two words: 0, and `start` as a 32-bit float */
     uint32_t aux_inline[2]; /* roots only: a clone's allocation ends before this field */
 };
@@ -45,8 +45,7 @@ VU_API Frame *frameCreate(uint32_t capacity, uint32_t element_size, void *extern
 /* frameCreate() with elements of one byte and `is_message` set. Before its last reference goes, the caller
  * points `aux` at a block from malloc(), which is freed with the frame, or at null. */
 VU_API Frame *frameCreateMessage(void *external, uint32_t capacity);
-/* One reference more, in a header of its own. `length` is the root's as it stands now, whoever is passed in.
- */
+/* One reference more, in a header of its own. `length` is the root's at this moment, whoever is passed in. */
 VU_API Frame *frameClone(Frame *frame);
 /* Gives up one reference; the last one returns the frame to its pool or the heap. Null is fine. */
 VU_API void frameDelete(Frame *frame);

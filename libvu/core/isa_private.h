@@ -1,8 +1,8 @@
 // Loops that are worth more than the baseline instruction set.
 //
-// A kernel is written once, as an always-inlined loop, and instantiated for each: plainly, and inside a
-// function that carries VU_AVX2 or VU_AVX512. Which one runs is asked of the machine once. All give the same
-// bits. VU_INDEPENDENT stands before a loop of which no round needs what another stores.
+// A kernel is written once, as an always-inlined loop, and instantiated for each set: plainly, and inside a
+// function that carries VU_AVX2 or VU_AVX512. The machine is asked once which one runs. All give the same
+// bits. VU_INDEPENDENT marks a loop in which no round needs what another one stores.
 #pragma once
 
 #define VU_AVX2 __attribute__((target("avx2,fma")))

@@ -10,17 +10,18 @@ namespace {
 
 constexpr uint64_t kLargest = uint64_t{1} << 31;
 
-// A growth beyond 2^31 bytes is refused like one that memory cannot serve.
+// A growth beyond 2^31 bytes is refused like one for which there is no memory. Its report names 64-bit sizes:
+// the power of two above the wanted size does not fit 32 bits.
 void grow(Membuf *m, uint64_t wanted)
 {
     if (m->capacity >= wanted)
         return;
-    const uint64_t rounded = wanted > kLargest ? kLargest : std::bit_ceil(wanted);
-    void *buf = wanted > kLargest ? nullptr : std::realloc(m->buf, rounded);
+    const uint64_t rounded = std::bit_ceil(wanted);
+    void *buf = rounded > kLargest ? nullptr : std::realloc(m->buf, rounded);
     if (!buf) {
-        libvuError("realloc() of buf=%p size=%u to size=%u (max_size=%u) failed\n",
-                   static_cast<void *>(m->buf), m->capacity, static_cast<uint32_t>(rounded),
-                   wanted > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(wanted));
+        libvuError("realloc() of buf=%p size=%u to size=%lu (max_size=%lu) failed\n",
+                   static_cast<void *>(m->buf), m->capacity, static_cast<unsigned long>(rounded),
+                   static_cast<unsigned long>(wanted));
         return;
     }
     m->buf = static_cast<uint8_t *>(buf);
@@ -62,13 +63,13 @@ Membuf *membufInitialize(Membuf *m, uint32_t wanted, const void *src, uint32_t l
 
 void membufRemove(Membuf *m, uint32_t pos, uint32_t len)
 {
-    const int64_t behind = int64_t{m->size} - pos - len;
-    if (behind < 0) {
+    const int64_t after = int64_t{m->size} - pos - len; // bytes that follow the cut
+    if (after < 0) {
         libvuError("Bad arguments to membuf:remove() pos=%u + len=%u > size=%u", pos, len, m->size);
         return;
     }
-    if (behind > 0)
-        std::memmove(m->buf + pos, m->buf + pos + len, static_cast<size_t>(behind));
+    if (after > 0)
+        std::memmove(m->buf + pos, m->buf + pos + len, static_cast<size_t>(after));
     m->size -= len;
 }
 

@@ -20,8 +20,8 @@ struct Membuf {
 static_assert(offsetof(Membuf, capacity) == 4 && offsetof(Membuf, buf) == 8 && sizeof(Membuf) == 16,
               "Membuf layout");
 
-/* Makes `capacity` at least `wanted` bytes, rounded up to a power of two; bytes from `size` up become zero.
- */
+/* Makes `capacity` at least `wanted` bytes, rounded up to a power of two, and clears the bytes after `size`.
+ * More than 2^31 bytes are a failed growth. */
 VU_API void membufExpand(Membuf *m, uint32_t wanted);
 /* Doubles a full buffer. A buffer of capacity 0 stays as it is. */
 VU_API void membufAssureAvailable(Membuf *m);

@@ -1,6 +1,7 @@
 #include "libvu/core/pipe.h"
 
 #include <cstdlib>
+#include <utility>
 
 #include "libvu/core/deliver_private.h"
 #include "libvu/core/owned_private.h"
@@ -38,6 +39,27 @@ void unlink(Pipe *pipe, Frame *frame)
     (frame->next ? frame->next->prev : pipe->oldest) = frame->prev;
 }
 
+// The pipe that each delivery under way is serving. A callback that gets the report of a missing clone may
+// detach it: its place then goes to the pipe before, which has been served already. Nobody delivers frames
+// within so many callbacks.
+class ServedPipes {
+public:
+    void push(Pipe *pipe) { places_[depth_++ % kDeepest] = pipe; }
+    Pipe *pop() { return std::exchange(places_[--depth_ % kDeepest], nullptr); }
+    void forget(const Pipe *detached)
+    {
+        for (Pipe *&place : places_)
+            if (place == detached)
+                place = detached->prev;
+    }
+
+private:
+    static constexpr unsigned kDeepest = 8;
+    Pipe *places_[kDeepest] = {};
+    unsigned depth_ = 0;
+};
+ServedPipes servedPipes;
+
 } // namespace
 
 PipeList *pipeNewPipeList(void)
@@ -74,6 +96,7 @@ void pipeDetachPipe(PipeList *list, Pipe *pipe)
         libvuError("Pipe not given");
         return;
     }
+    servedPipes.forget(pipe);
     if (list->first == pipe)
         list->first = pipe->next;
     if (pipe->prev)
@@ -154,26 +177,13 @@ namespace libvu {
 
 namespace {
 
-bool isAttached(const PipeList &list, const Pipe *wanted)
-{
-    const Pipe *pipe = list.first;
-    while (pipe && pipe != wanted)
-        pipe = pipe->next;
-    return pipe != nullptr;
-}
-
-// Hands a clone to `pipe` and returns the pipe after it. The reports of a failed clone may have detached
-// either.
+// Hands a clone to `pipe` and returns the pipe that comes next.
 Pipe *deliverClone(const PipeList &list, Pipe *pipe, Frame *frame)
 {
-    Pipe *const next = pipe->next;
-    Frame *const clone = frameClone(frame);
-    pipeAddFrame(pipe, clone);
-    if (clone)
-        return next;
-    if (isAttached(list, pipe))
-        return pipe->next;
-    return isAttached(list, next) ? next : nullptr;
+    servedPipes.push(pipe);
+    pipeAddFrame(pipe, frameClone(frame)); // without a clone it reports that too, and leaves the pipe alone
+    const Pipe *const served = servedPipes.pop();
+    return served ? served->next : list.first;
 }
 
 } // namespace
@@ -189,7 +199,7 @@ void deliver(const PipeList &list, Frame *frame)
         pipeAddFrame(pipe, frame);
         return;
     }
-    // Held for the while of the delivery: a callback may detach the first pipe, and the frame with it.
+    // One reference more until all are served: a callback may detach the first pipe, which deletes its frame.
     frame->refcount = static_cast<int16_t>(frame->refcount + 1);
     pipeAddFrame(pipe, frame);
     pipe = pipe->next;

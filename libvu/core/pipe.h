@@ -35,7 +35,7 @@ VU_API void pipeAddFrame(Pipe *pipe, Frame *frame);
 /* The oldest frame, now the caller's; null if the pipe is empty. */
 VU_API Frame *pipeGetFrame(Pipe *pipe);
 VU_API void pipeFlushFrames(Pipe *pipe);
-/* Unlinks and deletes `frame` wherever it stands in the pipe; a frame that is not there is left alone. */
+/* Unlinks and deletes `frame` wherever it is in the pipe; a frame that is not there is left alone. */
 VU_API void pipeRemoveFrame(Pipe *pipe, Frame *frame);
 /* 1 if a frame waits, else 0. */
 VU_API int32_t pipeHasFrames(const Pipe *pipe);

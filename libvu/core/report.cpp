@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <syslog.h>
 
+#include "libvu/core/c_locale_private.h"
 #include "libvu/core/callbacks.h"
 #include "libvu/core/owned_private.h"
 
@@ -33,6 +34,7 @@ void logFormattingFailed(const char *format)
 
 libvu::Owned<char> formatted(const char *format, va_list arguments)
 {
+    const libvu::CLocaleScope decimalPoints;
     char *text = nullptr;
     if (vasprintf(&text, format, arguments) < 0)
         text = nullptr;
@@ -51,7 +53,7 @@ void report(Callback callback, const char *format, va_list arguments)
         else
             logFormattingFailed(format);
     }
-    raise(SIGINT); // the text is freed by now: a host may leave its handler by a jump
+    raise(SIGINT); // after the text is freed, since a host may leave its signal handler by a jump
 }
 
 } // namespace
@@ -66,6 +68,7 @@ __attribute__((constructor)) void lib_init(void)
     {                                                                                                        \
         va_list arguments;                                                                                   \
         va_start(arguments, format);                                                                         \
+        const libvu::CLocaleScope decimalPoints;                                                             \
         vsyslog(LOG_USER | (severity), format, arguments);                                                   \
         va_end(arguments);                                                                                   \
     }

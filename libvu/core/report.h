@@ -1,4 +1,4 @@
-/* How the library speaks: log lines, errors offered to the host, and the last error text.
+/* What the library reports: log lines, errors offered to the host, and the last error text.
  *
  * Errors: none of these functions fails visibly; only asprintf_or_die() ends the process.
  * Thread: the loop's. Every caller of libvuError() and libvuCriticalError() survives their return. */
@@ -20,14 +20,15 @@ VU_API void logDebug(const char *format, ...) VU_PRINTF(1, 2);
 /* Formats into new memory, which the caller frees. Ends the process with status -42 if it cannot. */
 VU_API void asprintf_or_die(char **out, const char *format, ...) VU_PRINTF(2, 3);
 
-/* Keeps a failure that the caller handles itself as the last error text, and logs it. No callback, no signal.
+/* Keeps a failure that the caller handles itself as the last error text, and logs it: no callback, no signal.
  */
 VU_API void libvuSetError(const char *format, ...) VU_PRINTF(1, 2);
 /* The text of the last libvuSetError(), valid until the next one; null before the first. Owned by the
  * library. */
 VU_API const char *libvuLastError(void);
 
-/* Offers an error to the host's callback; unless the host takes it, logs it and raises SIGINT. */
+/* Offers an error to the host's callback; unless the host takes it, logs it and raises SIGINT. Numbers have a
+ * decimal point in every locale, here and in log lines. */
 VU_API void libvuError(const char *format, ...) VU_PRINTF(1, 2);
 VU_API void libvuCriticalError(const char *format, ...) VU_PRINTF(1, 2);
 

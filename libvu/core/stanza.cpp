@@ -2,7 +2,10 @@
 
 #include <yajl/yajl_tree.h>
 
+#include <cstdio>
+
 #include "libvu/core/c_locale_private.h"
+#include "libvu/core/json_depth_private.h"
 
 namespace libvu {
 
@@ -30,8 +33,7 @@ std::optional<double> Json::number() const
 {
     if (!YAJL_IS_NUMBER(value_))
         return std::nullopt;
-    // The parser flags neither form of a very large or very small number, but its double is right all the
-    // same.
+    // The parser marks a very large or very small number as neither form, but its double is right.
     if (YAJL_IS_INTEGER(value_))
         return static_cast<double>(YAJL_GET_INTEGER(value_));
     return value_->u.number.d;
@@ -69,11 +71,16 @@ Json Json::member(const char *key) const
     return Json(yajl_tree_get(value_, path, yajl_t_any));
 }
 
-Stanza::Stanza(const char *json, char (&errorText)[kErrorSize])
+Stanza::Stanza(const char *json, char (&errorText)[kErrorSize]) : tree_(nullptr)
 {
     const CLocaleScope decimalPoints;
     errorText[0] = '\0';
-    tree_ = json ? yajl_tree_parse(json, errorText, kErrorSize) : nullptr;
+    if (!json)
+        return;
+    if (isNestedTooDeeply(json))
+        std::snprintf(errorText, kErrorSize, "nested deeper than %d levels", kMostJsonLevels);
+    else
+        tree_ = yajl_tree_parse(json, errorText, kErrorSize);
 }
 
 Stanza::~Stanza()

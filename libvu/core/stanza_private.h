@@ -39,7 +39,8 @@ class Stanza {
 public:
     static constexpr size_t kErrorSize = 1024;
 
-    // Parses `json` in the "C" locale. `errorText` gets the parser's words, empty if there are none.
+    // Parses `json` in the "C" locale. `errorText` says why it is no JSON, or is empty. Text that is nested
+    // too deeply is not parsed at all.
     Stanza(const char *json, char (&errorText)[kErrorSize]);
     ~Stanza();
     Stanza(const Stanza &) = delete;

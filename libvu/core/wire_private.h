@@ -8,9 +8,14 @@
 #include <cstring>
 #include <span>
 
+#include "libvu/core/wire_format.h"
+
 namespace libvu {
 
-constexpr int64_t kTicksPerSecond = 40'000'000;
+constexpr int64_t kTicksPerSecond = VU_TICKS_PER_SECOND;
+constexpr uint32_t kLengthBytes = VU_LENGTH_BYTES;
+constexpr uint32_t kTimeBytes = VU_TIME_BYTES;
+constexpr uint32_t kUnreadBytes = VU_UNREAD_BYTES;
 
 inline uint8_t reversed(uint8_t value)
 {

@@ -33,16 +33,16 @@ inline double numberOf(const char *text)
         fraction = static_cast<size_t>(at - point) - 1;
         count += fraction;
     }
-    // Behind the digits an "e" or an "x" may go on with the number; without digits it may be a name or
+    // After the digits an "e" or an "x" may continue the number. Without digits it may be "inf" or begin with
     // blanks.
-    const char behind = static_cast<char>(*at | 0x20);
-    if (count == 0 || count > kExactDigits || behind == 'e' || behind == 'x')
+    const char after = static_cast<char>(*at | 0x20);
+    if (count == 0 || count > kExactDigits || after == 'e' || after == 'x')
         return strtod_l(text, nullptr, cLocale());
     const double value = static_cast<double>(digits) / kPowersOfTen[fraction];
     return negative ? -value : value;
 }
 
-// The text from character `offset` on; behind its end it is empty.
+// The text from character `offset` on, empty if it is shorter.
 inline const char *textFrom(const char *text, size_t offset)
 {
     for (; offset > 0 && *text; offset--)

@@ -35,7 +35,7 @@ void setBit(uint32_t &word, uint32_t bit, bool on)
     word = on ? word | bit : word & ~bit;
 }
 
-// A UTC row sees several sentences of a fix: the status words come with other ones than the value.
+// A UTC row sees several sentences of a fix: some say how good the fix is, another one delivers the value.
 void learnStatus(uint32_t &status, Tokens tokens)
 {
     if (std::strstr(tokens[0], "$PRTL"))
@@ -46,7 +46,7 @@ void learnStatus(uint32_t &status, Tokens tokens)
         setBit(status, kRmcIsActive, rmcIsActive(tokens));
 }
 
-// The seconds in the time of day, "ss.sss", or null while UTC channels have to be silent.
+// The seconds in the time of day, "ss.sss", or null where a UTC channel has no value.
 const char *utcSecondsText(GpsExtractor *row, Tokens tokens)
 {
     yieldNoNumber(row);

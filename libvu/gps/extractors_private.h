@@ -14,8 +14,8 @@ using Tokens = const char *const *;
 // The channels that a receiver offers, in the order in which connectors are matched; empty: no such receiver.
 std::span<const GpsExtractor> receiverRows(const char *receiver);
 
-// Bit 0: the latest fix of a "$GPGGA" was good. Bit 1: the latest status of a "$GPRMC" was. UTC channels
-// speak while both are set. One word for all channels, which nothing resets.
+// Bit 0: the latest fix of a "$GPGGA" was good. Bit 1: the latest status of a "$GPRMC" was. UTC channels have
+// values while both are set. One word for all channels, which nothing resets.
 extern uint32_t utcStatus;
 
 inline bool isEmpty(const char *field)
@@ -23,7 +23,7 @@ inline bool isEmpty(const char *field)
     return *field == '\0';
 }
 
-// Nothing, or the checksum at once.
+// Without a value: empty, or the checksum follows at once.
 inline bool isBlank(const char *field)
 {
     return *field == '\0' || *field == '*';

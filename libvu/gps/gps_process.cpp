@@ -8,14 +8,14 @@
 #include "libvu/core/wire_private.h"
 #include "libvu/gps/gps_signal.h"
 #include "libvu/gps/ts_adjust_private.h"
+#include "libvu/proxy/proxy_node.h"
 
 namespace {
 
 constexpr char kHere[] = "gpsProcessSignals";
-constexpr uint32_t kLengthBytes = 4;
-constexpr uint32_t kTimestampBytes = 8;
-constexpr uint32_t kHeadBytes = kLengthBytes + kTimestampBytes;
-constexpr uint32_t kHeartbeatLength = 13;
+using libvu::kLengthBytes, libvu::kTimeBytes;
+constexpr uint32_t kHeadBytes = kLengthBytes + kTimeBytes;
+constexpr uint32_t kHeartbeatLength = kTimeBytes + 5; // as long as a record of "#hb" and two characters
 constexpr uint32_t kLongestRecord = std::numeric_limits<int32_t>::max();
 
 struct Tokens {
@@ -62,7 +62,7 @@ void deliverText(GpsSignal &signal, const char *text, int64_t time)
     if (!frame)
         return;
     auto *element = static_cast<char *>(frame->data);
-    libvu::storeHost(element, size + kTimestampBytes);
+    libvu::storeHost(element, size + kTimeBytes);
     libvu::storeHost(element + kLengthBytes, time);
     std::memcpy(element + kHeadBytes, text, size);
     frame->length = 1;
@@ -95,7 +95,7 @@ bool feed(GpsSignal &signal, const Tokens &tokens, int64_t time)
         }
         if (std::strcmp(id, tokens.text[0]) != 0)
             continue;
-        // Sentences ahead of the last one only teach the extractor something.
+        // An extractor collects something from every sentence it names, and delivers with the last of them.
         extractor->extract(extractor, tokens.text, tokens.count);
         if (i == last && extractor->valid == 1)
             deliverValue(signal, *extractor, time);
@@ -135,7 +135,7 @@ void gpsProcessSignals(GpsSignal *signals, void *record, int64_t timestamp)
 {
     auto *bytes = static_cast<char *>(record);
     const auto length = libvu::toHostInPlace<uint32_t>(bytes);
-    if (length < kTimestampBytes || length > kLongestRecord)
+    if (length < kTimeBytes || length > kLongestRecord)
         return;
     libvu::storeHost(bytes + kLengthBytes, timestamp);
     GpsTsAdjust *adjust = adjustmentOf(signals);
@@ -143,7 +143,7 @@ void gpsProcessSignals(GpsSignal *signals, void *record, int64_t timestamp)
         return;
 
     char *text = bytes + kHeadBytes;
-    size_t size = length - kTimestampBytes;
+    size_t size = length - kTimeBytes;
     if (length == kHeartbeatLength && std::string_view(text, size).starts_with("#hb"))
         return moveOn(signals, timestamp);
     auto *lineEnd = static_cast<char *>(std::memchr(text, '\r', size));
@@ -157,8 +157,8 @@ void gpsProcessSignals(GpsSignal *signals, void *record, int64_t timestamp)
     if (lineEnd)
         return dispatch(signals, text, size, *time);
 
-    // What stands behind the record is not ours, so a text without a line end moves down over the timestamp
-    // for a while to make room for the NUL behind its last field.
+    // The last field needs a NUL after it, and the byte after the record is not ours. A text without a line
+    // end is therefore moved down by one, over the timestamp, and back again afterwards.
     std::memmove(text - 1, text, size);
     text[size - 1] = '\0';
     dispatch(signals, text - 1, size, *time);

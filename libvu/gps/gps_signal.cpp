@@ -6,6 +6,7 @@
 #include "libvu/core/report.h"
 #include "libvu/core/stanza_private.h"
 #include "libvu/gps/extractors_private.h"
+#include "libvu/proxy/proxy_node.h"
 
 namespace {
 

@@ -23,8 +23,9 @@
 
 #include "libvu/core/pipe.h"
 #include "libvu/gps/extractors.h"
-#include "libvu/proxy/proxy_node.h"
 #include "libvu/time/sequentializer.h"
+
+struct ProxyNode;
 
 typedef struct GpsSignal GpsSignal;
 struct GpsSignal {
@@ -39,7 +40,7 @@ struct GpsSignal {
     Sequentializer *sequentializer; /* null for text */
     GpsExtractor *extractor;        /* own copy of a row; null if the connector matched none */
     PipeList pipes;                 /* host: the consumers */
-    ProxyNode *parent;              /* the channel */
+    struct ProxyNode *parent;       /* the channel */
     char *source_database;
 };
 static_assert(offsetof(GpsSignal, width) == 24 && offsetof(GpsSignal, scale) == 32 &&
@@ -52,7 +53,7 @@ static_assert(offsetof(GpsSignal, width) == 24 && offsetof(GpsSignal, scale) == 
  * call. A connector that no channel of the receiver matches gives a signal without an extractor, which is
  * reported at every record instead. Null after a report, also where a numeric channel is asked for as text or
  * text as a number. Not reentrant. */
-VU_API GpsSignal *gpsSignalInit(ProxyNode *channel, const char *stanza);
+VU_API GpsSignal *gpsSignalInit(struct ProxyNode *channel, const char *stanza);
 
 /* Takes one record of a GPS channel through the list of its signals.
  *

@@ -1,7 +1,8 @@
 // What each receiver offers: one row a channel, with the sentences that feed it and the fields it is made of.
 //
-// A connector selects the first row whose name it begins with, so a name stands ahead of its own beginnings.
-// Of several sentences the last one delivers; the others only tell the row's function what they say.
+// A connector selects the first row whose name it begins with, so "utc_seconds_floor" comes before
+// "utc_seconds". Where a row names several sentences, its function sees all of them and delivers with the
+// last.
 #include <iterator>
 #include <strings.h>
 
@@ -34,7 +35,7 @@ constexpr GpsExtractor utcRow(const char *name, const Sentences &sentences, Extr
     return made;
 }
 
-// The UTC channels hear every sentence with a time and speak with the last one of a fix.
+// The UTC channels see every sentence that has a time, and deliver with the last one of a fix.
 constexpr Sentences kTrkrUtc = {"$GPRMC", "$GPGGA", "$PRTLH", "$PRTLV", "$PRTLS", "$PRTLA", "$PRTLT"};
 constexpr Sentences kGarminUtc = {"$GPRMC", "$GPGGA"};
 

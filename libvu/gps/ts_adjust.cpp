@@ -15,11 +15,11 @@ namespace {
 constexpr double kTicks = static_cast<double>(libvu::kTicksPerSecond);
 constexpr double kNever = -1000.0;            // below any time of day and any time handed out
 constexpr double kHeartbeatLatency = 0.33333; // s
-constexpr double kSameFix = 0.25;             // s that the sentences of a fix may lie behind their pulse
+constexpr double kSameFix = 0.25;             // s that the sentences of a fix may come after their pulse
 constexpr double kLongestGap = 1.0;           // s between sentences with a time of day, in step
 constexpr double kLongestJump = 5.0;          // s between times of day
 constexpr double kDay = 86400.0;              // s
-constexpr double kNextPulse = 0.9;            // s behind the latest pulse at which one is the next
+constexpr double kNextPulse = 0.9;            // s after the latest pulse from which on one is the next
 constexpr double kMissedLimit = 100.0;        // s to count on without a pulse
 constexpr double kWholeSecond = 1e-8;         // s
 constexpr int32_t kLastSlot = GPS_PULSES_KEPT - 1;
@@ -80,8 +80,8 @@ void shareFix(GpsPpsState &pps, GpsTsMessage &message)
     pps.last_message_time = message.message_time;
 }
 
-// The latest pulse before `now`, or null. One entry more than pulses have come is looked at: it is an old one
-// or 0.0, far behind, so that step is lost for its distance.
+// The latest pulse before `now`, or null. One entry more is looked at than pulses have come. It holds 0.0 or
+// an old pulse; if that is what is found, the sentence is much too late for it, and step is lost.
 const double *pulseBefore(const GpsPpsState &pps, double now)
 {
     const int32_t entries = std::min<int32_t>(pps.pulse_count, kLastSlot) + 1;
@@ -111,7 +111,8 @@ void adjustWholeSecond(GpsPpsState &pps, GpsTsMessage &message)
     }
     pps.sync_pulse = pps.last_pulse;
     pps.sync_utc = pps.utc_now;
-    // The detour over the time of day rounds as the sums between whole seconds do, so that both meet.
+    // Adding the time of day and subtracting it again rounds as it does for the sentences between whole
+    // seconds, so that sentences of one instant get the same time.
     message.adjusted_time = (pps.utc_now + pps.last_pulse) - pps.utc_now;
     const double latency = now - pps.last_pulse;
     if (latency <= 0.0 || latency > kSameFix || pps.missed_pulses > kMissedLimit)
@@ -180,25 +181,32 @@ void adjustWithoutTimeOfDay(GpsPpsState &pps, GpsTsMessage &message)
         loseStep(pps, message);
 }
 
-// Id and time of day; false if the text is no sentence with two commas and a known id.
+const KnownSentence *findSentence(const char (&id)[sizeof(GpsTsMessage::sentence_id)], size_t length)
+{
+    for (const KnownSentence &known : kKnownSentences)
+        if (length < sizeof known.id && std::memcmp(id, known.id, sizeof known.id) == 0)
+            return &known;
+    return nullptr;
+}
+
+// Id and time of day; false if the text is no sentence with two commas and a known id. What has been read by
+// then stays in the message: the host can look at it there.
 bool readHead(std::string_view text, GpsTsMessage &message)
 {
     const size_t idEnd = text.find(',');
     if (idEnd == text.npos || idEnd >= sizeof message.sentence_id)
         return false;
+    text.copy(message.sentence_id, idEnd);
     const size_t timeEnd = text.find(',', idEnd + 1);
     if (timeEnd == text.npos)
         return false;
     const std::string_view time = text.substr(idEnd + 1, timeEnd - idEnd - 1);
-    std::memcpy(message.sentence_id, text.data(), idEnd);
-    for (const KnownSentence &known : kKnownSentences) {
-        if (idEnd >= sizeof known.id || std::memcmp(message.sentence_id, known.id, sizeof known.id) != 0)
-            continue;
-        if (known.hasTime && time.size() < sizeof message.utc_field)
-            time.copy(message.utc_field, time.size());
-        return true;
-    }
-    return false;
+    if (time.size() < sizeof message.utc_field)
+        time.copy(message.utc_field, time.size());
+    const KnownSentence *known = findSentence(message.sentence_id, idEnd);
+    if (known && !known->hasTime)
+        std::memset(message.utc_field, 0, sizeof message.utc_field);
+    return known != nullptr;
 }
 
 std::optional<int64_t> adjustSentence(GpsTsAdjust &adjust, std::string_view text)

@@ -2,7 +2,7 @@
  *
  * A channel keeps its latest pulses. A sentence whose time of day is a whole second takes the latest pulse
  * before its arrival as its time, and the channel is in step: sentences of one fix then share a time, those
- * between whole seconds stand at their distance from the pulse, and a missing pulse is bridged by counting
+ * between whole seconds get their distance from the pulse, and a missing pulse is bridged by counting
  * on. Whatever does not fit loses step; sentences keep their arrival time until the next pulse ties them
  * again. No sentence leaves later than it arrived or more than 0.25 s earlier, and the times of a channel
  * never run backwards.
@@ -63,7 +63,7 @@ typedef struct GpsTsAdjust GpsTsAdjust;
 struct GpsTsAdjust {
     GpsTsMessage message; /* cleared at the start of each record */
     GpsPpsState pps;
-    double heartbeat_latency; /* a heartbeat speaks for the time this long before it: 0.33333 s */
+    double heartbeat_latency; /* a heartbeat means the time this long before it: 0.33333 s */
     double last_output;       /* latest time handed out; -1000.0 before the first */
 };
 static_assert(offsetof(GpsTsAdjust, pps) == 56 && offsetof(GpsTsAdjust, heartbeat_latency) == 296 &&
@@ -81,7 +81,7 @@ VU_API int64_t gpsAdjustNmeaTimestamp(int64_t timestamp, const char *sentence);
 /* Starts that state over. */
 VU_API void gpsReinitNmeaTSAdjust(void);
 
-/* The heart of it: `adjusted_time` and `rejected` of a sentence out of its `message_time` and `utc_field`. */
+/* Works out `adjusted_time` and `rejected` of a sentence out of its `message_time` and `utc_field`. */
 VU_API void pps_recalc_nmea_msg_ts(GpsPpsState *pps, GpsTsMessage *message);
 
 #endif

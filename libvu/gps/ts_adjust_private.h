@@ -9,7 +9,7 @@
 namespace libvu {
 
 // `text` arrived at `timestamp`. Its adjusted time, both in ticks; none: the record is to be dropped. The
-// state goes with every record, also with one that is dropped.
+// state changes with every record, also with one that is dropped.
 std::optional<int64_t> adjustTimestamp(GpsTsAdjust &adjust, std::string_view text, int64_t timestamp);
 
 } // namespace libvu

@@ -5,8 +5,6 @@
 
 namespace {
 
-constexpr size_t kValueOffset = 8; // of a message entry: its timestamp stands before
-
 template <typename Word>
 void swap(uint8_t *to, const uint8_t *from, size_t count)
 {
@@ -23,7 +21,7 @@ void swapSamples(void *target)
     swap<Word>(data, data, frame->length);
 }
 
-// The samples before and those that come, each touched once.
+// Swaps the samples in place that the frame holds already, and the new ones while they are copied.
 template <typename Word>
 void completeSwapped(Frame &frame, const uint8_t *source, uint32_t count)
 {
@@ -46,12 +44,12 @@ void proxyNode_swapDoubleSamples(ProxyNode *, void *frame)
 
 void proxyNode_swapFloatValue(ProxyNode *, void *entry)
 {
-    libvu::toHostInPlace<uint32_t>(static_cast<uint8_t *>(entry) + kValueOffset);
+    libvu::toHostInPlace<uint32_t>(static_cast<uint8_t *>(entry) + libvu::kTimeBytes);
 }
 
 void proxyNode_swapDoubleValue(ProxyNode *, void *entry)
 {
-    libvu::toHostInPlace<uint64_t>(static_cast<uint8_t *>(entry) + kValueOffset);
+    libvu::toHostInPlace<uint64_t>(static_cast<uint8_t *>(entry) + libvu::kTimeBytes);
 }
 
 void proxyNode_swapNone(ProxyNode *, void *) {}

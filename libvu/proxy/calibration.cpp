@@ -15,8 +15,8 @@ void applyPlain(const ProxyNode &node, Frame &frame)
                 static_cast<Sample>(node.offset - node.rezero_offset));
 }
 
-// Unlike the plain form this one calibrates in double precision for both widths. The mean is that of what
-// stands in the frame, so the sum takes the stored samples, in their order.
+// Unlike the plain form this one calibrates in double precision for both widths. The mean is that of the
+// samples as they are stored in the frame, after rounding, and is summed in their order.
 template <typename Sample>
 void applyPrerun(ProxyNode &node, Frame &frame)
 {

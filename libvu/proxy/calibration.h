@@ -12,7 +12,7 @@
  * arithmetic is single precision. */
 VU_API void proxyNode_applyFloatScaleOffset(ProxyNode *node, Frame *frame);
 VU_API void proxyNode_applyDoubleScaleOffset(ProxyNode *node, Frame *frame);
-/* Sets `rezero_offset` to the mean of the frame's fma(x, scale, offset), tells it to libvuRezeroCallback if
+/* Sets `rezero_offset` to the mean of the frame's fma(x, scale, offset), reports it to libvuRezeroCallback if
  * `rezero_pending` is set (which stays set), and subtracts it. */
 VU_API void proxyNode_applyPrerunZeroFloatScaleOffset(ProxyNode *node, Frame *frame);
 VU_API void proxyNode_applyPrerunZeroDoubleScaleOffset(ProxyNode *node, Frame *frame);

@@ -8,8 +8,8 @@
 
 #include "libvu/bus/can_signal.h"
 #include "libvu/core/callbacks.h"
+#include "libvu/core/framing_private.h"
 #include "libvu/core/report.h"
-#include "libvu/proxy/framing_private.h"
 #include "libvu/proxy/proxy_node.h"
 
 namespace {
@@ -18,19 +18,13 @@ constexpr size_t kDiscardAtOnce = 1024;
 constexpr int kStopTries = 10;
 constexpr useconds_t kStopPause = 100; // microseconds
 
-void stopWatcher(ProxyNode *node)
-{
-    ev_io_stop(ev_default_loop(0), node->watcher);
-    ev_clear_pending(ev_default_loop(0), node->watcher);
-}
-
 void startDiscarding(ProxyNode *node)
 {
     node->state = PROXY_NODE_DISCARDS;
     node->reader = proxyNode_ProxyReaderDiscard;
 }
 
-// Nobody uses the socket's number again once it is closed: it may already be somebody else's.
+// Nobody may use the socket's number once it is closed, since the next file that is opened can get it.
 void closeSocket(ProxyNode *node)
 {
     shutdown(node->fd, SHUT_RDWR);
@@ -43,7 +37,7 @@ void endByError(ProxyNode *node, int error)
     node->last_errno = error;
     node->last_read = -1;
     node->disconnected = 1;
-    stopWatcher(node);
+    libvu::restWatcher(node);
     if (error != EINVAL)
         closeSocket(node);
     libvuCriticalError("Error on connection to channel %s: %s", node->name, std::strerror(error));
@@ -54,7 +48,7 @@ void endByPeer(ProxyNode *node)
     node->last_errno = ECONNRESET;
     node->last_read = 0;
     node->disconnected = 1;
-    stopWatcher(node);
+    libvu::restWatcher(node);
     if (libvuChannelDisconnectCallback) {
         libvuChannelDisconnectCallback(node->name);
         return;
@@ -67,13 +61,21 @@ void endByPeer(ProxyNode *node)
 
 namespace libvu {
 
+void restWatcher(ProxyNode *node)
+{
+    if (!node->watcher)
+        return; // a host that runs the readers itself
+    ev_io_stop(ev_default_loop(0), node->watcher);
+    ev_clear_pending(ev_default_loop(0), node->watcher);
+}
+
 void loseFraming(ProxyNode *node, uint32_t length)
 {
     node->inbuf.size = 0;
     node->read_count = 0;
     node->parse_pos = 0;
     startDiscarding(node);
-    libvuError("Channel %s: a record of %u bytes can not be, the rest of the connection is discarded",
+    libvuError("Channel %s: a record of %u bytes is impossible, the rest of the connection is discarded",
                node->name, length);
 }
 
@@ -107,21 +109,24 @@ void proxyNode_ProxyReaderDiscard(ProxyNode *node)
 {
     uint8_t dropped[kDiscardAtOnce];
     const ssize_t got = read(node->fd, dropped, sizeof dropped);
-    // A socket at its end stays readable: without this the loop would never sleep again.
+    // A socket at its end stays readable, and would wake the loop for ever.
     if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR))
-        stopWatcher(node);
+        libvu::restWatcher(node);
 }
 
 void proxyNode_ReadSocket(ProxyNode *node)
 {
+    const libvu::NodeCheck check(*node);
     if (node->read_count != 0)
         return;
     Membuf &in = node->inbuf;
     if (in.size == in.capacity)
         membufAssureAvailable(&in);
-    // Into no room read() brings 0, which would pass for the end of the connection.
-    if (in.size == in.capacity)
+    // read() into a buffer without room returns 0, which would look like the end of the connection.
+    if (in.size == in.capacity) {
+        libvu::restWatcher(node);
         return;
+    }
     const ssize_t got = read(node->fd, in.buf + in.size, in.capacity - in.size);
     if (got < 0 && errno == EAGAIN) {
         node->last_errno = 0;
@@ -144,14 +149,14 @@ void proxyNode_ReadSocket(ProxyNode *node)
 
 void proxyNode_Stop(ProxyNode *node)
 {
-    stopWatcher(node);
+    libvu::restWatcher(node);
     if (node->fd <= 0)
         return;
     for (int tries = 1; tries <= kStopTries; tries++) {
         if (send(node->fd, "Stop", 4, 0) >= 0)
             return;
         if (tries == kStopTries)
-            break; // whatever its error, the last failure is told as a timeout
+            break; // whatever its error, the last failure is reported as a timeout
         if (errno == EPIPE || errno == ECONNRESET)
             return;
         if (errno != EAGAIN) {

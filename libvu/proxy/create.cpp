@@ -1,4 +1,4 @@
-// A channel's stanza becomes a node: the table of channel kinds and the order of the checks.
+// A channel's stanza becomes a node: what each kind of channel is made of, and the order of the checks.
 #include <cmath>
 #include <cstring>
 #include <ev.h>
@@ -11,6 +11,7 @@
 #include "libvu/core/wire_private.h"
 #include "libvu/gps/ts_adjust.h"
 #include "libvu/proxy/calibration.h"
+#include "libvu/proxy/channel_kind.h"
 #include "libvu/proxy/proxy_node.h"
 #include "libvu/stream/stream_signal.h"
 #include "libvu/time/sample_clock_private.h"
@@ -46,49 +47,57 @@ struct Channel {
     double sampleRate;   // samples per second, above 0.0 if given
     bool sequentialized; // messages become a periodic stream
 
+    ProxyNodeKind kind() const { return proxyNodeKindOf(dataType, connector); }
     bool typeHas(const char *part) const { return std::strstr(dataType, part) != nullptr; }
-    bool typeIs(const char *whole) const { return std::strcmp(dataType, whole) == 0; }
-    bool on(const char *part) const { return std::strstr(connector, part) != nullptr; }
-    bool onBridge() const { return on("brg_") || on("hls_"); }
-    bool isStream() const { return on("pd806h") || on("pd806k"); }
+    bool typeIs(const char *all) const { return std::strcmp(dataType, all) == 0; }
 };
 
 struct SequentialKind {
-    const char *part;
     uint32_t size;
     Swap swap;
     void (*apply)(ProxyNode *, Frame *);
     void (*applyPrerun)(ProxyNode *, Frame *);
 };
-const SequentialKind sequentialKinds[] = {
-    {"sequential_float32", 4, proxyNode_swapFloatSamples, proxyNode_applyFloatScaleOffset,
-     proxyNode_applyPrerunZeroFloatScaleOffset},
-    {"sequential_float64", 8, proxyNode_swapDoubleSamples, proxyNode_applyDoubleScaleOffset,
-     proxyNode_applyPrerunZeroDoubleScaleOffset},
-};
+constexpr SequentialKind kSequentialFloat32 = {sizeof(float), proxyNode_swapFloatSamples,
+                                               proxyNode_applyFloatScaleOffset,
+                                               proxyNode_applyPrerunZeroFloatScaleOffset};
+constexpr SequentialKind kSequentialFloat64 = {sizeof(double), proxyNode_swapDoubleSamples,
+                                               proxyNode_applyDoubleScaleOffset,
+                                               proxyNode_applyPrerunZeroDoubleScaleOffset};
 
 struct MessageKind {
-    const char *dataType;
     uint32_t recordSize;
     uint32_t elementSize;
     Swap swap;
     Reader reader;
     Reader periodicReader; // with a sample rate; null: the kind has no periodic form
 };
-const MessageKind messageKinds[] = {
-    {"message_raw", 1, kVaries, proxyNode_swapNone, proxyNode_ProxyReaderMessageRaw, nullptr},
-    {"message_nmea", 1, kVaries, proxyNode_swapNone, proxyNode_ProxyReaderMessageNMEA, nullptr},
-    {"message_can", 21, 21, proxyNode_swapNone, proxyNode_ProxyReaderMessageCAN, nullptr},
-    {"message_xcp_ip", 1, kVaries, proxyNode_swapNone, proxyNode_ProxyReaderMessageXCPIP, nullptr},
-    {"message_float32", 12, 12, proxyNode_swapFloatValue, proxyNode_ProxyReaderMessageFloat,
-     proxyNode_ProxyReaderSequentializedMessage},
-    {"message_float64", 16, 16, proxyNode_swapDoubleValue, proxyNode_ProxyReaderMessageDouble,
-     proxyNode_ProxyReaderSequentializedMessage},
-    {"message_float32_ntp", 12, 12, proxyNode_swapNone, proxyNode_ProxyReaderMessageNTPFloat,
-     proxyNode_ProxyReaderSequentializedNTPMessage},
-    {"message_float64_ntp", 16, 16, proxyNode_swapNone, proxyNode_ProxyReaderMessageNTPDouble,
-     proxyNode_ProxyReaderSequentializedNTPMessage},
-};
+
+// Records of bytes, one element each.
+constexpr MessageKind bytesReadBy(Reader reader)
+{
+    return {1, kVaries, proxyNode_swapNone, reader, nullptr};
+}
+
+// Entries of a time and a value.
+template <typename Value>
+constexpr MessageKind valuesReadBy(Reader reader, Reader periodicReader, Swap swap)
+{
+    constexpr uint32_t kEntry = libvu::kTimeBytes + sizeof(Value);
+    return {kEntry, kEntry, swap, reader, periodicReader};
+}
+
+constexpr MessageKind kCan = {VU_CAN_RECORD_BYTES, VU_CAN_RECORD_BYTES, proxyNode_swapNone,
+                              proxyNode_ProxyReaderMessageCAN, nullptr};
+constexpr MessageKind kFloat32 = valuesReadBy<float>(
+    proxyNode_ProxyReaderMessageFloat, proxyNode_ProxyReaderSequentializedMessage, proxyNode_swapFloatValue);
+constexpr MessageKind kFloat64 =
+    valuesReadBy<double>(proxyNode_ProxyReaderMessageDouble, proxyNode_ProxyReaderSequentializedMessage,
+                         proxyNode_swapDoubleValue);
+constexpr MessageKind kFloat32Ntp = valuesReadBy<float>(
+    proxyNode_ProxyReaderMessageNTPFloat, proxyNode_ProxyReaderSequentializedNTPMessage, proxyNode_swapNone);
+constexpr MessageKind kFloat64Ntp = valuesReadBy<double>(
+    proxyNode_ProxyReaderMessageNTPDouble, proxyNode_ProxyReaderSequentializedNTPMessage, proxyNode_swapNone);
 
 bool isIdentity(const ProxyNode &node, const Channel &channel)
 {
@@ -129,23 +138,23 @@ void readZeroMode(const libvu::Stanza &stanza, Channel &channel)
     if (channel.purpose)
         return;
     channel.prerun = stanza.isTrue("do_prerun_zero");
-    if (channel.prerun && !channel.onBridge())
+    if (channel.prerun && !proxyNodeIsBridge(channel.connector))
         channel.purpose = "prerun_zero";
 }
 
 void readCalibration(ProxyNode &node, const libvu::Stanza &stanza, Channel &channel)
 {
     channel.sampleRate = stanza.number("sample_rate", -1.0);
-    channel.sequentialized = channel.typeHas("message_float") && channel.sampleRate > 0.0;
+    channel.sequentialized = proxyNodeIsSequentialized(channel.dataType, channel.sampleRate);
     node.scale = stanza.number("scale", 1.0);
     node.offset = stanza.number("offset", 0.0);
-    if (!channel.onBridge())
+    if (!proxyNodeIsBridge(channel.connector))
         node.rezero_offset = stanza.number("rezero_offset", 0.0);
 }
 
 bool becomeStream(ProxyNode &node, const Channel &channel)
 {
-    node.record_size = node.element_size = 4;
+    node.record_size = node.element_size = sizeof(float);
     node.main_reader = proxyNode_ProxyReaderZNTStream;
     auto *slots = static_cast<StreamSlot *>(std::calloc(STREAM_SLOTS, sizeof(StreamSlot)));
     if (!slots) {
@@ -153,7 +162,7 @@ bool becomeStream(ProxyNode &node, const Channel &channel)
         return false;
     }
     node.channel_aux = slots;
-    const bool little = channel.on("pd806k");
+    const bool little = proxyNodeIsLittleStream(channel.connector);
     auto handler = little ? streamProcessCANSignalScaleOffsetLE : streamProcessCANSignalScaleOffset;
     if (isIdentity(node, channel))
         handler = little ? streamProcessCANSignalNoScalingLE : streamProcessCANSignalNoScaling;
@@ -162,25 +171,16 @@ bool becomeStream(ProxyNode &node, const Channel &channel)
     return true;
 }
 
-void becomeSequential(ProxyNode &node, const Channel &channel, const SequentialKind &kind)
+bool becomeSequential(ProxyNode &node, const Channel &channel, const SequentialKind &kind)
 {
     node.record_size = node.element_size = kind.size;
     node.byte_swap = kind.swap;
     node.main_reader = proxyNode_ProxyReaderSequentialNoScaling;
-    if (isIdentity(node, channel))
-        return;
-    node.main_reader = proxyNode_ProxyReaderSequentialScaling;
-    node.apply = channel.prerun ? kind.applyPrerun : kind.apply;
-}
-
-// Raw bytes on a GPS connector are sentences, whose times are moved onto the receiver's pulse.
-bool becomeGps(ProxyNode &node)
-{
-    node.main_reader = proxyNode_ProxyReaderMessageNMEA;
-    node.channel_aux = gpsInitializeTsAdjust();
-    if (!node.channel_aux)
-        libvuError("Unable to allocate memory for the timestamps of channel %s", node.name);
-    return node.channel_aux != nullptr;
+    if (!isIdentity(node, channel)) {
+        node.main_reader = proxyNode_ProxyReaderSequentialScaling;
+        node.apply = channel.prerun ? kind.applyPrerun : kind.apply;
+    }
+    return true;
 }
 
 bool becomeMessage(ProxyNode &node, const Channel &channel, const MessageKind &kind)
@@ -195,26 +195,44 @@ bool becomeMessage(ProxyNode &node, const Channel &channel, const MessageKind &k
             node.main_reader = kind.periodicReader;
         node.half_period = libvu::saturated<int64_t>(std::floor(kTicksPerSecond / channel.sampleRate * 0.5));
     }
-    if (channel.typeIs("message_raw") && channel.on("gps"))
-        return becomeGps(node);
     return true;
 }
 
-bool chooseKind(ProxyNode &node, const Channel &channel)
+// The times of its sentences are moved onto the receiver's pulses.
+bool becomeGps(ProxyNode &node, const Channel &channel)
 {
-    if (channel.isStream())
-        return becomeStream(node, channel);
-    for (const SequentialKind &kind : sequentialKinds)
-        if (channel.typeHas(kind.part))
-            return becomeSequential(node, channel, kind), true;
-    for (const MessageKind &kind : messageKinds)
-        if (channel.typeIs(kind.dataType))
-            return becomeMessage(node, channel, kind);
+    becomeMessage(node, channel, bytesReadBy(proxyNode_ProxyReaderMessageNMEA));
+    node.channel_aux = gpsInitializeTsAdjust();
+    if (!node.channel_aux)
+        libvuError("Unable to allocate memory for the timestamps of channel %s", node.name);
+    return node.channel_aux != nullptr;
+}
+
+bool becomeItsKind(ProxyNode &node, const Channel &channel)
+{
+    switch (channel.kind()) {
+    case PROXY_NODE_KIND_STREAM: return becomeStream(node, channel);
+    case PROXY_NODE_KIND_SEQUENTIAL_FLOAT32: return becomeSequential(node, channel, kSequentialFloat32);
+    case PROXY_NODE_KIND_SEQUENTIAL_FLOAT64: return becomeSequential(node, channel, kSequentialFloat64);
+    case PROXY_NODE_KIND_RAW:
+        return becomeMessage(node, channel, bytesReadBy(proxyNode_ProxyReaderMessageRaw));
+    case PROXY_NODE_KIND_GPS: return becomeGps(node, channel);
+    case PROXY_NODE_KIND_NMEA:
+        return becomeMessage(node, channel, bytesReadBy(proxyNode_ProxyReaderMessageNMEA));
+    case PROXY_NODE_KIND_CAN: return becomeMessage(node, channel, kCan);
+    case PROXY_NODE_KIND_XCP_IP:
+        return becomeMessage(node, channel, bytesReadBy(proxyNode_ProxyReaderMessageXCPIP));
+    case PROXY_NODE_KIND_FLOAT32: return becomeMessage(node, channel, kFloat32);
+    case PROXY_NODE_KIND_FLOAT64: return becomeMessage(node, channel, kFloat64);
+    case PROXY_NODE_KIND_FLOAT32_NTP: return becomeMessage(node, channel, kFloat32Ntp);
+    case PROXY_NODE_KIND_FLOAT64_NTP: return becomeMessage(node, channel, kFloat64Ntp);
+    case PROXY_NODE_KIND_UNKNOWN: break;
+    }
     libvuError("Unknown data_type: %s\n", channel.dataType);
     return false;
 }
 
-bool setUpStream(ProxyNode &node, const libvu::Stanza &stanza, const Channel &channel)
+bool setUpSequentialized(ProxyNode &node, const libvu::Stanza &stanza, const Channel &channel)
 {
     sampleClockInit(&node.clock, channel.sampleRate);
     if (!libvu::clockRuns(node.clock))
@@ -232,11 +250,11 @@ bool setUpStream(ProxyNode &node, const libvu::Stanza &stanza, const Channel &ch
         return false;
     }
     node.invalid_value = node.held_value = *invalid;
-    // On a stream connector nothing has looked at the whole data type yet.
+    // On a module's connector nothing has looked at all of the data type yet.
     if (channel.typeIs("message_float32") || channel.typeIs("message_float32_ntp")) {
-        node.element_size = 4;
+        node.element_size = sizeof(float);
     } else if (channel.typeIs("message_float64") || channel.typeIs("message_float64_ntp")) {
-        node.element_size = 8;
+        node.element_size = sizeof(double);
     } else {
         libvuError("Expected 'message_floatXX' data type, got '%s'", channel.dataType);
         return false;
@@ -305,9 +323,9 @@ ProxyNode *proxyNode_Create(const char *json, int32_t fd, double pipe_rate)
     readZeroMode(stanza, channel);
     readCalibration(*node, stanza, channel);
     node->reader = proxyNode_ProxyReaderMarker;
-    if (!chooseKind(*node, channel))
+    if (!becomeItsKind(*node, channel))
         return nullptr;
-    if (channel.sequentialized && !setUpStream(*node, stanza, channel))
+    if (channel.sequentialized && !setUpSequentialized(*node, stanza, channel))
         return nullptr;
     if (!sizeBuffers(*node, channel, pipe_rate))
         return nullptr;

@@ -55,8 +55,8 @@ VU_AVX2 void swapAvx2(uint8_t *to, const uint8_t *from, size_t count)
     swapLoop<Word>(to, from, count);
 }
 
-// Elements in front of the first cache line that begins within. From there on each store fills a whole line:
-// data that has left the cache takes in half as many.
+// Elements before the first cache line that begins within the data. From there on each store fills one line
+// and not parts of two, so that data which has left the cache is fetched back with half as many accesses.
 template <typename Element>
 inline size_t aheadOfLine(const void *data, size_t count)
 {

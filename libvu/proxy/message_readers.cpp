@@ -9,12 +9,12 @@
 #include "libvu/bus/can_set.h"
 #include "libvu/bus/xcp_set.h"
 #include "libvu/core/deliver_private.h"
+#include "libvu/core/framing_private.h"
+#include "libvu/core/ntp_private.h"
 #include "libvu/core/report.h"
 #include "libvu/core/wire_private.h"
 #include "libvu/gps/gps_signal.h"
 #include "libvu/proxy/byte_swap_private.h"
-#include "libvu/proxy/framing_private.h"
-#include "libvu/proxy/ntp_private.h"
 #include "libvu/proxy/proxy_node.h"
 
 using libvu::Event;
@@ -23,8 +23,8 @@ namespace {
 
 using Body = std::span<uint8_t>;
 
-constexpr uint32_t kTimestamp = 8;  // bytes
-constexpr uint32_t kLengthWord = 4; // bytes
+using libvu::kLengthBytes, libvu::kTimeBytes;
+static_assert(sizeof(CanRecord) == VU_CAN_RECORD_BYTES);
 
 bool anybodyListens(const ProxyNode *node)
 {
@@ -35,13 +35,13 @@ bool anybodyListens(const ProxyNode *node)
 Frame *byteMessage(Body body, int64_t time)
 {
     const auto length = static_cast<uint32_t>(body.size());
-    Frame *frame = frameCreate(1, length + kLengthWord, nullptr);
+    Frame *frame = frameCreate(1, length + kLengthBytes, nullptr);
     if (!frame)
         return nullptr;
     auto *element = static_cast<uint8_t *>(frame->data);
     libvu::storeHost(element, length);
-    libvu::storeHost(element + kLengthWord, time);
-    std::memcpy(element + kLengthWord + kTimestamp, body.data() + kTimestamp, length - kTimestamp);
+    libvu::storeHost(element + kLengthBytes, time);
+    std::memcpy(element + kLengthBytes + kTimeBytes, body.data() + kTimeBytes, length - kTimeBytes);
     libvu::stampStart(frame, time);
     frame->length = 1;
     return frame;
@@ -49,7 +49,7 @@ Frame *byteMessage(Body body, int64_t time)
 
 bool holdsTimestamp(const ProxyNode *node, Body body)
 {
-    if (body.size() >= kTimestamp)
+    if (body.size() >= kTimeBytes)
         return true;
     logWarning("Channel %s: a record of %u bytes has no room for its timestamp and is passed over",
                node->name, static_cast<uint32_t>(body.size()));
@@ -72,8 +72,8 @@ Event takeRaw(ProxyNode *node, Body body)
     return Event::goesOn;
 }
 
-// The signals rewrite the record, so the consumers' copy comes first; they get it even if no copy could be
-// made.
+// The consumers' copy is made first, since the signals rewrite the record. The signals get it even where no
+// copy could be made.
 Event takeNmea(ProxyNode *node, Body body)
 {
     if (!holdsTimestamp(node, body))
@@ -85,21 +85,22 @@ Event takeNmea(ProxyNode *node, Body body)
         libvu::toHost(node, frame);
         libvu::deliver(node->pipes, frame);
     }
-    gpsProcessSignals(node->gps_set, body.data() - kLengthWord, time);
+    gpsProcessSignals(node->gps_set, body.data() - kLengthBytes, time);
     return Event::goesOn;
 }
 
 Event takeXcp(ProxyNode *node, Body body)
 {
-    if (body.size() < kTimestamp)
+    if (body.size() < kTimeBytes)
         return Event::leavesEarly;
-    const Body message = body.subspan(kTimestamp);
+    const Body message = body.subspan(kTimeBytes);
     xcp_ip_set_process(node->xcp_set, libvu::loadBig<int64_t>(body.data()), message.data(),
                        static_cast<uint32_t>(message.size()));
     return Event::goesOn;
 }
 
-// The records that are messages and lie within the test. Their timestamps are in host order by now.
+// Copies the records that hold a message and are not from before the test. Timestamps are in host order by
+// now.
 uint32_t keepMessages(CanRecord *to, const CanRecord *records, uint32_t count)
 {
     const CanRecord *const first = to;
@@ -137,7 +138,7 @@ Event takeCan(ProxyNode *node, Body body)
 
 // A wire entry and an element of the frame alike: a timestamp, then a value.
 template <typename Value>
-constexpr uint32_t kEntry = kTimestamp + sizeof(Value);
+constexpr uint32_t kEntry = kTimeBytes + sizeof(Value);
 
 template <typename Value>
 using Bits = std::conditional_t<sizeof(Value) == 4, uint32_t, uint64_t>;
@@ -177,7 +178,7 @@ public:
     void append(int64_t time, Value value)
     {
         libvu::storeHost(next_, time);
-        libvu::storeHost(next_ + kTimestamp, value);
+        libvu::storeHost(next_ + kTimeBytes, value);
         next_ += kEntry<Value>;
     }
     // Delivers the frame, unless nothing is in it.
@@ -196,8 +197,8 @@ private:
     uint8_t *next_;
 };
 
-// The first entry's time stands for the body, even if that entry is dropped; elements keep the wire's
-// timestamps.
+// The frame's start is the first entry's time, even if that entry is dropped. Elements keep the timestamps as
+// they came, in wire order.
 template <typename Value, typename Calibration>
 Event takeValues(ProxyNode *node, Body body)
 {
@@ -217,7 +218,7 @@ Event takeValues(ProxyNode *node, Body body)
     for (uint32_t i = 0; i < count; i++) {
         uint8_t *entry = body.data() + size_t{i} * kEntry<Value>;
         libvu::toHost(node, entry);
-        const auto value = libvu::loadHost<Value>(entry + kTimestamp);
+        const auto value = libvu::loadHost<Value>(entry + kTimeBytes);
         if (!std::isnan(value))
             elements.append(libvu::loadHost<int64_t>(entry), identity ? value : calibrated(value));
     }
@@ -225,13 +226,13 @@ Event takeValues(ProxyNode *node, Body body)
     return Event::goesOn;
 }
 
-// Behind 8 bytes that nobody reads. Both widths are calibrated at single precision.
+// Both widths are calibrated at single precision.
 template <typename Value>
 Event takeNtpValues(ProxyNode *node, Body body)
 {
-    if (body.size() < kTimestamp)
+    if (body.size() < libvu::kUnreadBytes)
         return Event::goesOn;
-    const Body entries = body.subspan(kTimestamp);
+    const Body entries = body.subspan(libvu::kUnreadBytes);
     const auto count = static_cast<uint32_t>(entries.size() / kEntry<Value>);
     if (count == 0 || !anybodyListens(node))
         return Event::goesOn;
@@ -244,8 +245,8 @@ Event takeNtpValues(ProxyNode *node, Body body)
     for (uint32_t i = 0; i < count; i++) {
         uint8_t *entry = entries.data() + size_t{i} * kEntry<Value>;
         const auto time = static_cast<int64_t>(libvu::ntpToHostInPlace(entry));
-        libvu::toHostInPlace<Bits<Value>>(entry + kTimestamp);
-        const auto value = libvu::loadHost<Value>(entry + kTimestamp);
+        libvu::toHostInPlace<Bits<Value>>(entry + kTimeBytes);
+        const auto value = libvu::loadHost<Value>(entry + kTimeBytes);
         if (!std::isnan(value))
             elements.append(time, identity ? value : calibrated(value));
     }
@@ -256,7 +257,7 @@ Event takeNtpValues(ProxyNode *node, Body body)
 template <Event (*take)(ProxyNode *, Body)>
 void readEach(ProxyNode *node)
 {
-    libvu::readRecords(node, [node](Body body, bool) { return take(node, body); });
+    libvu::readRecords(node, [node](Body body) { return take(node, body); });
 }
 
 } // namespace

@@ -5,10 +5,11 @@
  * works by itself on readable events, until proxyNode_Stop() or the end of the connection.
  *
  * Ownership: the node belongs to the host from its creation; the library has no operation that destroys one.
- * The host closes `fd` (unless it has become -1) and frees `inbuf.buf`, `frame`, `name`, `channel_aux`,
- * `heartbeat`, `watcher` and the record. A callback that runs inside a reader may detach pipes, set
- * `rezero_pending` and call proxyNode_Stop(); it may not free the node or a signal. The host ignores or
- * catches SIGPIPE. Thread: the loop's. */
+ * Where the buffer cannot grow to hold a record, the growth is reported once and `watcher` rests; nothing
+ * received is lost, and a host that has made room may start it again. The host closes `fd` (unless it has
+ * become -1) and frees `inbuf.buf`, `frame`, `name`, `channel_aux`, `heartbeat`, `watcher` and the record. A
+ * callback that runs inside a reader may detach pipes, set `rezero_pending` and call proxyNode_Stop(); it may
+ * not free the node or a signal. The host ignores or catches SIGPIPE. Thread: the loop's. */
 #ifndef LIBVU_PROXY_PROXY_NODE_H
 #define LIBVU_PROXY_PROXY_NODE_H
 
@@ -108,7 +109,7 @@ VU_API void proxyNode_ProxyReaderSequentialScaling(ProxyNode *node);
  * only on a node whose `apply` is set. */
 VU_API void proxyNode_ProxyReaderSequentialZeroing(ProxyNode *node);
 /* Timestamped records of bytes, of NMEA sentences, of CAN records, of XCP messages. A frame holds one record:
- * of bytes or NMEA, one element, a u32 that counts the bytes behind it, the timestamp, the content, numbers
+ * of bytes or NMEA, one element, a u32 that counts the bytes after it, the timestamp, the content, numbers
  * in host order; of CAN, the messages as CanRecord, with `start` 0. XCP makes no frames of its own. */
 VU_API void proxyNode_ProxyReaderMessageRaw(ProxyNode *node);
 VU_API void proxyNode_ProxyReaderMessageNMEA(ProxyNode *node);

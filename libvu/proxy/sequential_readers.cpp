@@ -4,16 +4,15 @@
 #include <utility>
 
 #include "libvu/core/deliver_private.h"
+#include "libvu/core/framing_private.h"
+#include "libvu/core/sample_type_private.h"
 #include "libvu/proxy/byte_swap_private.h"
-#include "libvu/proxy/framing_private.h"
 
 namespace {
 
-constexpr size_t kUnreadHead = 8; // of every body
-
 std::span<const uint8_t> samplesIn(std::span<const uint8_t> body)
 {
-    return body.size() < kUnreadHead ? std::span<const uint8_t>() : body.subspan(kUnreadHead);
+    return body.size() < libvu::kUnreadBytes ? std::span<const uint8_t>() : body.subspan(libvu::kUnreadBytes);
 }
 
 void dropFrame(ProxyNode &node)
@@ -56,8 +55,8 @@ libvu::Event fillFrames(ProxyNode &node, const uint8_t *source, size_t samples, 
     return libvu::Event::goesOn;
 }
 
-// With many channels what an event writes has left the cache since the last: it comes back while the kernel
-// reads.
+// With many channels, the memory that an event writes to has left the cache since the last event. It is
+// fetched while the system call reads from the socket.
 void fetchAhead(const ProxyNode &node)
 {
     __builtin_prefetch(&node.sample_count, 1);
@@ -69,11 +68,14 @@ void fetchAhead(const ProxyNode &node)
         __builtin_prefetch(tail + line * 64, 1);
 }
 
+// Whether anybody listens is noted before the read, which may call back at the end of the connection.
+// Delivery itself goes to the pipes that are there then.
 template <typename Finish>
 void readSamples(ProxyNode *node, Finish &&finish)
 {
+    const bool listening = node->pipes.first != nullptr;
     fetchAhead(*node);
-    libvu::readRecords(node, [&](std::span<uint8_t> body, bool listening) {
+    libvu::readRecords(node, [&](std::span<uint8_t> body) {
         const auto bytes = samplesIn(body);
         const size_t samples = bytes.size() / node->record_size;
         if (listening)
@@ -91,9 +93,11 @@ void handOn(ProxyNode &node)
 
 double firstSample(const Frame &frame)
 {
-    if (frame.element_size == sizeof(float))
-        return static_cast<double>(libvu::loadHost<float>(frame.data));
-    return libvu::loadHost<double>(frame.data);
+    switch (libvu::sampleTypeOf(frame.element_size, libvu::SampleType::float64)) {
+    case libvu::SampleType::float32: return static_cast<double>(libvu::loadHost<float>(frame.data));
+    case libvu::SampleType::float64: return libvu::loadHost<double>(frame.data);
+    }
+    __builtin_unreachable();
 }
 
 } // namespace
@@ -103,7 +107,7 @@ void proxyNode_ProxyReaderSequentialNoScaling(ProxyNode *node)
     readSamples(node, [&](Frame *) { handOn(*node); });
 }
 
-// The kernel is fetched once an event: one that replaces itself does so from the next event on.
+// The kernel is looked up once an event: one that installs another takes effect with the next event.
 void proxyNode_ProxyReaderSequentialScaling(ProxyNode *node)
 {
     const auto apply = node->apply;
@@ -114,7 +118,7 @@ void proxyNode_ProxyReaderSequentialScaling(ProxyNode *node)
     });
 }
 
-// Every frame of the event that fills the first one is zeroed on its own first sample.
+// Every frame that becomes full in the same event as the first one takes its own first sample as the zero.
 void proxyNode_ProxyReaderSequentialZeroing(ProxyNode *node)
 {
     const auto apply = node->apply;

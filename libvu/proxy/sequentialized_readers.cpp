@@ -9,12 +9,13 @@
 
 #include "libvu/core/callbacks.h"
 #include "libvu/core/deliver_private.h"
+#include "libvu/core/framing_private.h"
+#include "libvu/core/ntp_private.h"
 #include "libvu/core/report.h"
+#include "libvu/core/sample_type_private.h"
 #include "libvu/core/saturate_private.h"
 #include "libvu/core/wire_private.h"
 #include "libvu/proxy/byte_swap_private.h"
-#include "libvu/proxy/framing_private.h"
-#include "libvu/proxy/ntp_private.h"
 #include "libvu/proxy/proxy_node.h"
 #include "libvu/time/sample_clock_private.h"
 
@@ -24,18 +25,22 @@ namespace {
 
 using Body = std::span<uint8_t>;
 
-constexpr uint32_t kTime = 8; // bytes
+using libvu::kTimeBytes;
 
 // Times count from the start of the test; the zero is subtracted from every sample.
 struct MessageTimes {
-    static constexpr uint32_t kHead = 0; // bytes in front of the entries
+    static constexpr uint32_t kHead = 0; // bytes ahead of the entries
     static constexpr bool kZeroAtFullFrame = true;
 
-    static void valueToHost(ProxyNode *node, uint8_t *entry) { libvu::toHost(node, entry); }
-    // The time less half a period: a value counts from the sample nearest to its time.
-    static int64_t target(ProxyNode *node, uint8_t *entry)
+    static void toHost(ProxyNode *node, uint8_t *entry)
     {
-        return libvu::subtractSaturated(libvu::toHostInPlace<int64_t>(entry), node->half_period);
+        libvu::toHostInPlace<int64_t>(entry);
+        libvu::toHost(node, entry);
+    }
+    // The time less half a period: a value counts from the sample nearest to its time.
+    static int64_t target(ProxyNode *node, const uint8_t *entry)
+    {
+        return libvu::subtractSaturated(libvu::loadHost<int64_t>(entry), node->half_period);
     }
     static double sample(const ProxyNode *node) { return node->held_value - node->rezero_offset; }
 };
@@ -63,14 +68,18 @@ struct MessageDouble : MessageTimes {
 // Times are absolute, in f64; an entry's value is the zero, and what is written is the held value as it is.
 template <typename Bits>
 struct NtpTimes {
-    static constexpr uint32_t kHead = 8;
+    static constexpr uint32_t kHead = libvu::kUnreadBytes;
     static constexpr bool kZeroAtFullFrame = false;
 
-    static void valueToHost(ProxyNode *, uint8_t *entry) { libvu::toHostInPlace<Bits>(entry + kTime); }
-    static int64_t target(ProxyNode *node, uint8_t *entry)
+    static void toHost(ProxyNode *, uint8_t *entry)
     {
-        const double ticks = libvu::ntpToHostInPlace(entry);
-        // Without a start of the test the stream starts here, instead of in 1970.
+        libvu::ntpToHostInPlace(entry);
+        libvu::toHostInPlace<Bits>(entry + kTimeBytes);
+    }
+    static int64_t target(ProxyNode *node, const uint8_t *entry)
+    {
+        const double ticks = ntp_to_ts(entry);
+        // Where nobody has said when the test began, it begins now, and not in 1970.
         if (node->start_time == 0)
             node->start_time = static_cast<int64_t>(ticks);
         return libvu::saturated<int64_t>(ticks - static_cast<double>(node->start_time) -
@@ -121,7 +130,8 @@ bool beginFrame(ProxyNode *node, uint32_t elementSize)
     return false;
 }
 
-// The mean of the frame becomes the zero. Its samples carry the zero before, and the sum starts from it too.
+// The mean of the frame becomes the zero. The zero before has been subtracted from its samples, and the sum
+// starts from it.
 template <typename Sample>
 void zeroAtFullFrame(ProxyNode *node)
 {
@@ -147,9 +157,9 @@ void finishFrame(ProxyNode *node)
     libvu::deliver(node->pipes, frame);
 }
 
-// Years ahead, or at periods of years, where a step is rounded to a double.
-struct FarClock {
-    explicit FarClock(SampleClock &clock) : current(clock.current_tick), clock_(clock) {}
+// Steps a clock years ahead, or at periods of years, where a step is rounded to a double.
+struct RoundedClock {
+    explicit RoundedClock(SampleClock &clock) : current(clock.current_tick), clock_(clock) {}
     void tick()
     {
         libvu::tick(clock_);
@@ -160,7 +170,7 @@ struct FarClock {
     SampleClock &clock_;
 };
 
-// Writes samples while the clock is behind `target` and the frame has room.
+// Writes samples while the clock is before `target` and the frame has room.
 template <typename Variant, typename Clock>
 void fillFrame(ProxyNode *node, int64_t target)
 {
@@ -198,11 +208,12 @@ bool catchUp(ProxyNode *node, int64_t target)
             *static_cast<Sample *>(node->frame->data) = static_cast<Sample>(Variant::sample(node));
             node->frame->length = 1;
         }
-        if (target < libvu::kWholeNumbers && libvu::WholeClock::steps(node->clock))
-            fillFrame<Variant, libvu::WholeClock>(node, target);
+        if (target < libvu::kWholeNumbers && libvu::stepsInWholeNumbers(node->clock))
+            fillFrame<Variant, libvu::RegisterClock>(node, target);
         else
-            fillFrame<Variant, FarClock>(node, target);
-        // The last sample of a frame counts once the frame is on its way: callbacks see the count before it.
+            fillFrame<Variant, RoundedClock>(node, target);
+        // The last sample of a full frame is counted after the frame is delivered: that is what callbacks
+        // see.
         node->sample_count += node->frame->length - before - 1;
         if (frameAvailable(node->frame) == 0)
             finishFrame<Variant>(node);
@@ -237,13 +248,14 @@ template <typename Variant>
 Event takeEntry(ProxyNode *node, uint8_t *entry)
 {
     using Value = typename Variant::Value;
-    const int64_t target = Variant::target(node, entry);
-    Variant::valueToHost(node, entry);
-    const auto value = libvu::loadHost<Value>(entry + kTime);
+    Variant::toHost(node, entry);
+    const auto value = libvu::loadHost<Value>(entry + kTimeBytes);
     const bool invalid = Variant::isInvalid(value);
-    // Before the stream moves: samples up to this entry already see the new zero.
+    // First of all, so that samples up to this entry already have the new zero. The callback may set
+    // `start_time`.
     if (invalid)
         zeroFromInvalid(node);
+    const int64_t target = Variant::target(node, entry);
     if (!catchUp<Variant>(node, target))
         return Event::leavesEarly;
     node->last_message_time = target;
@@ -259,8 +271,8 @@ Event takeEntry(ProxyNode *node, uint8_t *entry)
 template <typename Variant>
 void readEntries(ProxyNode *node)
 {
-    constexpr size_t kEntry = kTime + sizeof(typename Variant::Value);
-    libvu::readRecords(node, [node](Body body, bool) {
+    constexpr size_t kEntry = kTimeBytes + sizeof(typename Variant::Value);
+    libvu::readRecords(node, [node](Body body) {
         for (size_t at = Variant::kHead; at + kEntry <= body.size(); at += kEntry)
             if (takeEntry<Variant>(node, body.data() + at) == Event::leavesEarly)
                 return Event::leavesEarly;
@@ -268,20 +280,23 @@ void readEntries(ProxyNode *node)
     });
 }
 
+template <typename Float, typename Double>
+void readEntriesOf(ProxyNode *node)
+{
+    switch (libvu::sampleTypeOf(node->element_size, libvu::SampleType::float64)) {
+    case libvu::SampleType::float32: return readEntries<Float>(node);
+    case libvu::SampleType::float64: return readEntries<Double>(node);
+    }
+}
+
 } // namespace
 
 void proxyNode_ProxyReaderSequentializedMessage(ProxyNode *node)
 {
-    if (node->element_size == sizeof(float))
-        readEntries<MessageFloat>(node);
-    else
-        readEntries<MessageDouble>(node);
+    readEntriesOf<MessageFloat, MessageDouble>(node);
 }
 
 void proxyNode_ProxyReaderSequentializedNTPMessage(ProxyNode *node)
 {
-    if (node->element_size == sizeof(float))
-        readEntries<NtpFloat>(node);
-    else
-        readEntries<NtpDouble>(node);
+    readEntriesOf<NtpFloat, NtpDouble>(node);
 }

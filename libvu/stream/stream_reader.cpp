@@ -1,8 +1,9 @@
 // Records of a module stream out of a node's inbuf: metainfo to process_metainfo(), data to its signal's
 // slot.
+#include "libvu/core/framing_private.h"
 #include "libvu/core/report.h"
 #include "libvu/core/wire_private.h"
-#include "libvu/proxy/framing_private.h"
+#include "libvu/proxy/proxy_node.h"
 #include "libvu/stream/metainfo.h"
 #include "libvu/stream/stream_signal.h"
 

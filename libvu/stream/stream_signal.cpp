@@ -8,9 +8,9 @@
 #include "libvu/bus/time_only_private.h"
 #include "libvu/core/callbacks.h"
 #include "libvu/core/isa_private.h"
+#include "libvu/core/ntp_private.h"
 #include "libvu/core/saturate_private.h"
 #include "libvu/core/wire_private.h"
-#include "libvu/proxy/ntp_private.h"
 #include "libvu/proxy/proxy_node.h"
 #include "libvu/time/sequentializer_private.h"
 
@@ -99,9 +99,9 @@ VU_INLINE_KERNEL uint8_t *runAhead(const CanSignalNode &signal, uint8_t *sample,
 {
     Sequentializer &seq = *signal.sequentializer;
     Frame *const frame = seq.current_frame;
-    if (!frame || !libvu::WholeClock::steps(*seq.clock) || Scaling::isZeroPending(&signal))
+    if (!frame || !libvu::stepsInWholeNumbers(*seq.clock) || Scaling::isZeroPending(&signal))
         return sample;
-    libvu::WholeClock clock(*seq.clock);
+    libvu::RegisterClock clock(*seq.clock);
     const Scaling scaled = scaling.of(&signal);
     const bool isDouble = seq.element_size == sizeof(double);
     const uint32_t before = frame->length, last = frame->capacity - 1;

@@ -16,7 +16,7 @@ constexpr double kLongestPeriod = 0x1p53; // ticks: up to here they are exact as
 
 bool isUsable(double rate)
 {
-    return rate > 0.0 && rate <= kHighestRate && kTicksPerSecond / rate < kLongestPeriod;
+    return rate > 0.0 && rate <= kHighestRate && kTicksPerSecond / rate <= kLongestPeriod;
 }
 
 // The exact rational of a double has a power of two as denominator, so both parts are exact as doubles again.

@@ -13,7 +13,7 @@
 
 typedef struct SampleClock SampleClock;
 struct SampleClock {
-    int64_t current_tick;  /* instant of the sample that the clock stands on */
+    int64_t current_tick;  /* instant of the present sample */
     int64_t next_tick;     /* instant of the following sample */
     double rate_numerator; /* the rate as an exact rational in lowest terms */
     double rate_denominator;
@@ -29,8 +29,8 @@ static_assert(offsetof(SampleClock, next_tick) == 8 && offsetof(SampleClock, rem
               "SampleClock layout");
 
 /* Sets up a clock at tick 0. A rate in samples per second that is not above 0, above 1,000,000,000, not
- * finite, or so small that a period does not fit 2^53 ticks is reported through libvuError() and leaves a
- * clock of zeros. */
+ * finite, or so small that a period exceeds 2^53 ticks is reported through libvuError() and leaves a clock of
+ * zeros. */
 VU_API void sampleClockInit(SampleClock *clock, double rate);
 /* A clock in memory of its own, which the caller frees; null after a report. */
 VU_API SampleClock *sampleClockCreate(double rate);

@@ -26,36 +26,46 @@ inline void tick(SampleClock &clock)
 // Up to this tick whole numbers and doubles step alike: the last step leads less than two periods beyond.
 constexpr int64_t kWholeNumbers = int64_t{1} << 52;
 
-// A clock in registers, stepped in whole numbers, as long as no step leads beyond kWholeNumbers.
-class WholeClock {
-public:
-    // Longer periods are stepped as doubles, by tick().
-    static bool steps(const SampleClock &clock) { return clock.whole_ticks <= 0x1p50; }
+// Whether a clock may be stepped in whole numbers as far as that. Longer periods are stepped as doubles, by
+// tick().
+inline bool stepsInWholeNumbers(const SampleClock &clock)
+{
+    return clock.whole_ticks <= 0x1p50;
+}
 
-    explicit WholeClock(SampleClock &clock)
+// One step in whole numbers. What changes is the clock's own fields, or copies of them in registers.
+inline void stepWhole(const SampleClock &clock, int64_t period, int64_t &current, int64_t &next,
+                      double &accumulator)
+{
+    current = next;
+    next += period;
+    if (clock.remainder_per_sample == 0.0)
+        return;
+    accumulator += clock.remainder_per_sample;
+    if (accumulator > clock.half_numerator) {
+        next += 1;
+        accumulator -= clock.rate_numerator;
+    }
+}
+
+// Steps a clock whose state is in registers, and writes it back at the end.
+class RegisterClock {
+public:
+    explicit RegisterClock(SampleClock &clock)
         : current(clock.current_tick), next(clock.next_tick), clock_(clock),
           period_(static_cast<int64_t>(clock.whole_ticks)), accumulator_(clock.remainder_accumulator)
     {
     }
-    ~WholeClock()
+    ~RegisterClock()
     {
         clock_.current_tick = current;
         clock_.next_tick = next;
         clock_.remainder_accumulator = accumulator_;
     }
-    WholeClock(const WholeClock &) = delete;
-    WholeClock &operator=(const WholeClock &) = delete;
+    RegisterClock(const RegisterClock &) = delete;
+    RegisterClock &operator=(const RegisterClock &) = delete;
 
-    void tick()
-    {
-        accumulator_ += clock_.remainder_per_sample;
-        current = next;
-        next += period_;
-        if (accumulator_ > clock_.half_numerator) {
-            next += 1;
-            accumulator_ -= clock_.rate_numerator;
-        }
-    }
+    void tick() { stepWhole(clock_, period_, current, next, accumulator_); }
 
     int64_t current, next;
 

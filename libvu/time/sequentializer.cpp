@@ -6,8 +6,10 @@
 #include <limits>
 
 #include "libvu/core/deliver_private.h"
+#include "libvu/core/frame_pool_private.h"
 #include "libvu/core/owned_private.h"
 #include "libvu/core/report.h"
+#include "libvu/core/sample_type_private.h"
 #include "libvu/core/wire_private.h"
 #include "libvu/time/sample_clock_private.h"
 #include "libvu/time/sequentializer_private.h"
@@ -17,57 +19,61 @@ namespace {
 constexpr double kHighestPipeRate = 1e6;
 constexpr double kPoolSeconds = 5.0;
 using libvu::kWholeNumbers;
+using libvu::SampleType;
 
 bool isUsablePipeRate(double rate)
 {
     return rate > 0.0 && rate <= kHighestPipeRate;
 }
 
-// Every other size makes a stream of floats: its frames hold these, whatever the caller said.
-bool holdsDoubles(const Sequentializer &seq)
+// Any size but that of a double makes a stream of floats.
+SampleType typeOf(const Sequentializer &seq)
 {
-    return seq.element_size == sizeof(double);
+    return libvu::sampleTypeOf(seq.element_size, SampleType::float32);
 }
 
-// Puts up to `count` new frames on the pool; tells how many it got.
-int64_t growPool(Sequentializer &seq, int64_t count)
+// Samples then lie as close as in an array, which most of this file relies on.
+bool holdsPlainSamples(const Sequentializer &seq)
 {
-    for (int64_t made = 0; made < count; made++) {
-        Frame *frame = frameCreate(static_cast<uint32_t>(seq.frame_samples),
-                                   holdsDoubles(seq) ? sizeof(double) : sizeof(float), nullptr);
-        if (!frame)
-            return made;
-        // The head is read after the frame is made: a report of the making may have brought frames back.
-        frame->pool = &seq.free_frames;
-        frame->next = seq.free_frames;
-        if (seq.free_frames)
-            seq.free_frames->prev = frame;
-        seq.free_frames = frame;
-    }
-    return count;
+    return seq.element_size == libvu::sizeOf(typeOf(seq));
 }
 
-Frame *popPool(Sequentializer &seq)
+// Elements of the size that was asked for. One that is too small for a sample still gets the room of one,
+// since the last sample is written whole.
+Frame *makeFrame(const Sequentializer &seq)
 {
-    Frame *frame = seq.free_frames;
-    seq.free_frames = frame->next;
-    if (seq.free_frames)
-        seq.free_frames->prev = nullptr;
+    const uint32_t room = std::max(seq.element_size, libvu::sizeOf(typeOf(seq)));
+    Frame *frame = frameCreate(static_cast<uint32_t>(seq.frame_samples), room, nullptr);
+    if (frame)
+        frame->element_size = seq.element_size;
     return frame;
 }
 
-// Makes a pool frame with room for samples the current one, or leaves none and reports it.
+// Puts up to `count` new frames on the pool. Each is made before the head is read: its report may bring
+// frames back.
+void growPool(Sequentializer &seq, int64_t count)
+{
+    for (int64_t made = 0; made < count; made++) {
+        Frame *frame = makeFrame(seq);
+        if (!frame)
+            return;
+        frame->pool = &seq.free_frames;
+        libvu::pushFrame(seq.free_frames, frame);
+    }
+}
+
+// Makes a frame of the pool the current one, or leaves none and reports it.
 void takeFrame(Sequentializer &seq)
 {
     if (!seq.free_frames)
         growPool(seq, libvu::saturated<int64_t>(seq.pipe_rate));
-    if (!seq.free_frames) {
+    Frame *frame = libvu::popFrame(seq.free_frames);
+    if (!frame) {
         libvuError("Unable to add frames to sequentializer");
         libvuError("Unable to get frame for channel");
         return;
     }
-    Frame *frame = popPool(seq);
-    frame->next = frame->prev = frame->parent = nullptr;
+    frame->parent = nullptr;
     frame->refcount = 1;
     frame->length = 0;
     frame->is_message = 0;
@@ -88,23 +94,11 @@ void handOn(Sequentializer &seq)
     libvu::deliver(*seq.pipes, frame);
 }
 
-void expire(Sequentializer &seq)
-{
-    if (seq.expiry_tick < seq.clock->current_tick)
-        seq.value = seq.invalid_value;
-}
-
-// The payload of a pool's frame lies behind its header; not asking `data` spares a cache line.
+// The payload of a pool's frame follows its header; not asking `data` spares a cache line.
 template <typename Sample>
 Sample *tail(Frame *frame)
 {
     return reinterpret_cast<Sample *>(frame + 1) + frame->length;
-}
-
-template <typename Sample>
-void store(Frame *frame, double value)
-{
-    *tail<Sample>(frame) = static_cast<Sample>(value);
 }
 
 // Fills a run of samples at a period of whole ticks. `limit` is the first tick that need not be passed.
@@ -132,7 +126,7 @@ uint32_t fillRun(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
 template <typename Sample>
 uint32_t fillSteps(Sequentializer &seq, Sample *out, uint32_t room, int64_t limit)
 {
-    libvu::WholeClock clock(*seq.clock);
+    libvu::RegisterClock clock(*seq.clock);
     auto sample = static_cast<Sample>(seq.value);
     bool expired = false;
     uint32_t count = 0;
@@ -149,26 +143,38 @@ uint32_t fillSteps(Sequentializer &seq, Sample *out, uint32_t room, int64_t limi
     return count;
 }
 
-// One step of a clock that WholeClock would serve too: in place, with most of its fields left alone.
+// One sample into a frame that it does not fill, with the clock stepped in place.
 template <typename Sample>
-void stepOnce(Sequentializer &seq, SampleClock &clock, Frame *frame)
+void writeInPlace(Sequentializer &seq, SampleClock &clock, Frame *frame)
 {
-    const int64_t current = clock.next_tick;
-    int64_t next = current + static_cast<int64_t>(clock.whole_ticks);
-    if (clock.remainder_per_sample != 0.0) {
-        clock.remainder_accumulator += clock.remainder_per_sample;
-        if (clock.remainder_accumulator > clock.half_numerator) {
-            next += 1;
-            clock.remainder_accumulator -= clock.rate_numerator;
-        }
-    }
-    clock.current_tick = current;
-    clock.next_tick = next;
-    if (seq.expiry_tick < current)
+    libvu::stepWhole(clock, static_cast<int64_t>(clock.whole_ticks), clock.current_tick, clock.next_tick,
+                     clock.remainder_accumulator);
+    if (seq.expiry_tick < clock.current_tick)
         seq.value = seq.invalid_value;
-    store<Sample>(frame, seq.value);
+    *tail<Sample>(frame) = static_cast<Sample>(seq.value);
     frame->length++;
     seq.sample_count++;
+}
+
+// One sample, whatever its size and wherever the clock is. The clock and the value move before a frame is
+// taken, whose failure is reported. A sample without a frame is lost and still counted: later frames keep
+// their true start.
+template <typename Sample>
+void writeOne(Sequentializer &seq)
+{
+    libvu::tick(*seq.clock);
+    if (seq.expiry_tick < seq.clock->current_tick)
+        seq.value = seq.invalid_value;
+    if (!seq.current_frame)
+        takeFrame(seq);
+    Frame *const frame = seq.current_frame;
+    if (frame) {
+        libvu::storeHost(frameTail(frame), static_cast<Sample>(seq.value));
+        frame->length++;
+    }
+    seq.sample_count++;
+    if (frame && frame->length == frame->capacity)
+        handOn(seq);
 }
 
 template <typename Sample>
@@ -188,24 +194,14 @@ uint32_t fill(Sequentializer &seq, Frame *frame, int64_t limit)
     return fillSteps(seq, out, room, limit);
 }
 
-// A sample without a frame is lost and still counted, so that later frames keep their true start.
-void loseSample(Sequentializer &seq)
-{
-    libvu::tick(*seq.clock);
-    expire(seq);
-    seq.sample_count++;
-}
-
 // Up to `limit` in whole numbers.
 template <typename Sample>
 [[gnu::noinline]] void advanceWhole(Sequentializer &seq, int64_t limit)
 {
     while (seq.clock->current_tick < limit) {
-        if (!seq.current_frame)
-            takeFrame(seq);
         Frame *frame = seq.current_frame;
         if (!frame) {
-            loseSample(seq);
+            writeOne<Sample>(seq);
             continue;
         }
         const uint32_t written = fill<Sample>(seq, frame, limit);
@@ -216,21 +212,12 @@ template <typename Sample>
     }
 }
 
-// Years ahead, or at periods of years, where a step is rounded to a double.
+// Years ahead, or at periods of years, where a step is rounded to a double; and samples of odd sizes.
 template <typename Sample>
-[[gnu::noinline]] void advanceFar(Sequentializer &seq, double target)
+[[gnu::noinline]] void advanceOneByOne(Sequentializer &seq, double target)
 {
-    while (target > static_cast<double>(seq.clock->current_tick)) {
-        if (!seq.current_frame)
-            takeFrame(seq);
-        Frame *frame = seq.current_frame;
-        loseSample(seq);
-        if (!frame)
-            continue;
-        store<Sample>(frame, seq.value);
-        if (++frame->length == frame->capacity)
-            handOn(seq);
-    }
+    while (target > static_cast<double>(seq.clock->current_tick))
+        writeOne<Sample>(seq);
 }
 
 template <typename Sample>
@@ -238,13 +225,21 @@ void advanceBy(Sequentializer &seq, int64_t target)
 {
     SampleClock &clock = *seq.clock;
     Frame *frame = seq.current_frame;
-    if (!libvu::WholeClock::steps(clock))
-        advanceFar<Sample>(seq, static_cast<double>(target));
+    if (!libvu::stepsInWholeNumbers(clock) || !holdsPlainSamples(seq))
+        advanceOneByOne<Sample>(seq, static_cast<double>(target));
     // The usual call: a value about once a sample, and a frame that does not become full by it.
     else if (frame && target <= clock.next_tick && frame->length + 1 < frame->capacity)
-        stepOnce<Sample>(seq, clock, frame);
+        writeInPlace<Sample>(seq, clock, frame);
     else
         advanceWhole<Sample>(seq, target);
+}
+
+void advanceFar(Sequentializer &seq, double target)
+{
+    switch (typeOf(seq)) {
+    case SampleType::float32: return advanceOneByOne<float>(seq, target);
+    case SampleType::float64: return advanceOneByOne<double>(seq, target);
+    }
 }
 
 } // namespace
@@ -279,24 +274,22 @@ Sequentializer *createSequentializer(uint32_t element_size, double pipe_rate, do
 
 void libvu::advanceTo(Sequentializer &seq, int64_t target)
 {
-    if (holdsDoubles(seq))
-        advanceBy<double>(seq, target);
-    else
-        advanceBy<float>(seq, target);
+    switch (typeOf(seq)) {
+    case SampleType::float32: return advanceBy<float>(seq, target);
+    case SampleType::float64: return advanceBy<double>(seq, target);
+    }
 }
 
 void libvu::advance(Sequentializer &seq, double time)
 {
+    const StreamCheck check(seq);
     constexpr double kLastTick = 0x1p63; // the clock stops here: a later target would never be reached
     if (!std::isfinite(time))
         return;
     const double target = std::min(time - static_cast<double>(seq.half_period_ticks), kLastTick);
     const auto passed = saturated<int64_t>(target);
     if (target < 0.0 || target >= static_cast<double>(kWholeNumbers)) {
-        if (holdsDoubles(seq))
-            advanceFar<double>(seq, target);
-        else
-            advanceFar<float>(seq, target);
+        advanceFar(seq, target);
     } else {
         const int64_t limit = passed + (static_cast<double>(passed) < target ? 1 : 0);
         if (seq.clock->current_tick < limit)

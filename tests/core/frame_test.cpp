@@ -28,15 +28,15 @@ TEST(Frame, PayloadIsInsideOrExternalAndAuxMayBeItsOwn)
     outside->aux = elsewhere; // only a message frees what is not its own
     own->aux = static_cast<uint32_t *>(calloc(2, sizeof(uint32_t)));
     for (Frame *frame : {inside, outside, own, untouched, static_cast<Frame *>(nullptr)})
-        frameDelete(frame); // the sanitizer tells a leak or a wrong free
+        frameDelete(frame); // a leak or a wrong free is for the sanitizer
 }
 
-TEST(Frame, DeletionsTooManyAreToldAndHarmNothing)
+TEST(Frame, DeletionsTooManyAreReportedAndHarmNothing)
 {
     vu::test::ErrorTrap errors;
     Frame *pool = nullptr, *const root = frameCreate(1, 1, nullptr), *const clone = frameClone(root);
     root->pool = &pool;
-    clone->refcount = 0; // as it stands after the deletion that released it
+    clone->refcount = 0; // as it is after the deletion that released it
     frameDelete(clone);
     EXPECT_EQ(root->refcount, 2);
     clone->refcount = 1;

@@ -1,5 +1,6 @@
 #include "libvu/core/report.h"
 
+#include <clocale>
 #include <csignal>
 #include <gmock/gmock.h>
 
@@ -54,6 +55,24 @@ TEST_F(Reporting, HostTakesAnErrorOrItIsLoggedAndRaised)
     EXPECT_THAT(log.lines(),
                 ElementsAre(Pair(11, "Unable to format error message: text %d"), Pair(11, "nobody there")));
     EXPECT_THAT(raised, ElementsAre(SIGINT, SIGINT));
+}
+
+TEST_F(Reporting, NumbersHaveADecimalPointInEveryLocale)
+{
+    if (!setlocale(LC_ALL, "de_DE.UTF-8"))
+        GTEST_SKIP() << "no such locale on this machine";
+    answer = 1;
+    libvuError("rate %g", 1.5);
+    libvuCriticalError("rate %g", 2.5);
+    libvuSetError("rate %g", 3.5);
+    logWarning("rate %g", 4.5);
+    char hosts[8];
+    std::snprintf(hosts, sizeof hosts, "%g", 5.5);
+    setlocale(LC_ALL, "C");
+    EXPECT_STREQ(hosts, "5,5") << "the host keeps its own";
+    EXPECT_THAT(offered, ElementsAre("rate 1.5", "rate 2.5"));
+    EXPECT_STREQ(libvuLastError(), "rate 3.5");
+    EXPECT_THAT(log.lines(), ElementsAre(Pair(11, "rate 3.5"), Pair(12, "rate 4.5")));
 }
 
 TEST_F(Reporting, LastErrorMayQuoteItselfAndSurvivesAFailure)

@@ -10,7 +10,7 @@ namespace libvu {
 constexpr double kSecondsTo2000 = 946684800.0; // from 1970-01-01
 constexpr double kFractionUnit = 0x1p-32;      // seconds
 
-// A float32 of these bits, about 2.0e15, tells a time and no value.
+// A float32 with these bits, about 2.0e15, means that the sample has a time and no value.
 constexpr uint32_t kNoValueBits = 0x58E35FA9;
 
 // Ticks since 1970-01-01. In f64 and in this order: stored times follow its rounding.
