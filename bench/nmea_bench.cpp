@@ -12,6 +12,7 @@
 
 #include "bench/turns.h"
 #include "libvu/gps/gps_signal.h"
+#include "libvu/proxy/proxy_node.h"
 
 namespace {
 

@@ -73,9 +73,9 @@ TEST_F(Gps, EveryChannelIsHeardAndNeedsNoMemory)
     }
 }
 
-class Talk : public Gps {
+class Conversation : public Gps {
 protected:
-    ~Talk() override { libvuRezeroCallback = callback; }
+    ~Conversation() override { libvuRezeroCallback = callback; }
 
     static std::string numberText(double value) { return value == kSilent ? "-" : fmt::format("{}", value); }
 
@@ -110,8 +110,8 @@ protected:
         } else if (word == "ask") {
             for (GpsSignal *signal : receiver->signals)
                 signal->rezero_pending = 1;
-        } else if (word == "deaf" || word == "hearing") {
-            libvuRezeroCallback = word == "deaf" ? nullptr : callback;
+        } else if (word == "without_callback" || word == "with_callback") {
+            libvuRezeroCallback = word == "without_callback" ? nullptr : callback;
         } else if (word == "signal") {
             const json changes = json::parse(rest);
             ending = " or is not expected type.\n" + signalStanza(changes) + ending;
@@ -132,16 +132,16 @@ protected:
     decltype(libvuRezeroCallback) callback = libvuRezeroCallback;
 };
 
-TEST_F(Talk, EveryLineOfTheFile)
+TEST_F(Conversation, SignalsHearWhatTheirSentencesSayAndMistakesAreReported)
 {
-    for (const Strings &line : cases("gps/talks.txt")) {
+    for (const Case &line : cases("gps/sentences.txt")) {
         const size_t word = line[0].find(' ');
         const std::string rest = word < line[0].size() ? line[0].substr(word + 1) : "";
         EXPECT_EQ(outcome(line[0].substr(0, word), rest), line.size() > 1 ? line[1] : "") << line[0];
     }
 }
 
-// Whatever stands in a field is read as the C library reads it, bit by bit.
+// Whatever is in a field is read as the C library reads it, bit by bit.
 TEST_F(Gps, NumbersAreThoseOfTheCLibrary)
 {
     const GpsSignal *signal = receiver.listen({{"connector", "geoidal_height"}});

@@ -9,6 +9,7 @@
 
 #include "libvu/core/wire_private.h"
 #include "libvu/gps/gps_signal.h"
+#include "libvu/proxy/proxy_node.h"
 #include "tests/support/release_stream.h"
 #include "tests/support/split.h"
 
@@ -18,7 +19,7 @@ using nlohmann::json;
 constexpr int64_t kSecond = 40'000'000;
 constexpr double kSilent = -98765.4375; // what a signal hears that is given nothing; no value of any test
 
-// Every channel of a receiver, and what it makes of whole sentences.
+// Every channel of a receiver, and what it makes of complete sentences.
 inline std::map<std::string, double> channelsOf(const std::string &type)
 {
     constexpr const char *kTable =
@@ -82,7 +83,7 @@ struct Receiver {
         signals.push_back(signal);
         return signal;
     }
-    // A record at an odd address that ends exactly where its memory does. Returns it as it is left behind.
+    // A record at an odd address that ends exactly where its memory does. Returns it as it is left.
     std::string feed(std::string_view text, int64_t time = 0)
     {
         std::vector<char> memory(13 + text.size());
@@ -91,7 +92,7 @@ struct Receiver {
         gpsProcessSignals(channel.gps_set, &memory[1], time);
         return {memory.begin() + 1, memory.end()};
     }
-    // The same, and tells what each signal with a stream was given.
+    // The same. Returns what each signal with a stream was given.
     std::vector<double> say(std::string_view text, int64_t time = 0)
     {
         std::vector<double> heard;

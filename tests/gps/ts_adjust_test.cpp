@@ -23,7 +23,7 @@ protected:
     ErrorTrap errors;
 };
 
-TEST_F(TimestampAdjustment, Scripts)
+TEST_F(TimestampAdjustment, TiesSentencesToTheirPulseOrLeavesOrDropsThem)
 {
     const auto ticks = [](const std::string &seconds) { return std::llround(std::stod(seconds) * kSecond); };
     for (const Strings &script : cases("gps/times.txt")) {
@@ -35,6 +35,30 @@ TEST_F(TimestampAdjustment, Scripts)
             EXPECT_NEAR(answer, times.back() == "!" ? -1 : ticks(times.back()), !exact)
                 << step << " of " << script[0];
         }
+    }
+}
+
+// A host finds what was read of a record that was dropped in the channel's state.
+TEST_F(TimestampAdjustment, ADroppedSentenceLeavesWhatWasReadOfIt)
+{
+    Receiver receiver;
+    receiver.listen(json::object());
+    const GpsTsMessage &message = static_cast<GpsTsAdjust *>(receiver.channel.channel_aux)->message;
+    const std::tuple<const char *, const char *, const char *> rows[] = {
+        {"$GPRMC,120000", "$GPRMC", ""},             // no second comma
+        {"$GPZZZ,120000.5,A", "$GPZZZ", "120000.5"}, // not a known sentence
+        {"$GPGSA,A,3", "$GPGSA", ""},                // its field is no time
+        {"$GPRMC,120000.50000001,", "$GPRMC", "120000.50000001"},
+        {"$GPRMC,120000.500000001,", "$GPRMC", ""}, // too long for a time
+        {"$ABCDEFGHIJKLMN,1,", "$ABCDEFGHIJKLMN", "1"},
+        {"$ABCDEFGHIJKLMNO,1,", "", ""},
+        {"$GPRMC", "", ""},
+    };
+    for (const auto &[text, id, time] : rows) {
+        receiver.feed(text, kSecond);
+        EXPECT_STREQ(message.sentence_id, id) << text;
+        EXPECT_STREQ(message.utc_field, time) << text;
+        EXPECT_EQ(message.message_time, 1.0) << text;
     }
 }
 

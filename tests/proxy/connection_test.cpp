@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 
+#include "libvu/core/framing_private.h"
 #include "libvu/core/wire_private.h"
 #include "tests/proxy/proxy_fixture.h"
 
@@ -15,7 +16,7 @@ using Floats = std::vector<float>;
 using Texts = std::vector<std::string>;
 
 constexpr char kLost[] =
-    "Channel ch: a record of {} bytes can not be, the rest of the connection is discarded";
+    "Channel ch: a record of {} bytes is impossible, the rest of the connection is discarded";
 
 class Connection : public Channels {};
 
@@ -44,7 +45,7 @@ TEST_F(Connection, OnlyMarkersAndPossibleLengthsKeepItOpen)
     }
 }
 
-TEST_F(Connection, TheEndIsToldOnceAndWhatCameBeforeIsKept)
+TEST_F(Connection, TheEndIsReportedOnceAndWhatCameBeforeIsKept)
 {
     LogTrap log;
     int raised = 0;
@@ -75,8 +76,8 @@ TEST_F(Connection, TheEndIsToldOnceAndWhatCameBeforeIsKept)
     }
     EXPECT_THAT(errors.disconnects(), ElementsAre("ch"));
     EXPECT_EQ(raised, SIGHUP); // without a callback it is signalled and logged
-    const std::pair told(12, "Channel 'ch' unexpectedly disconnected from the test.");
-    EXPECT_THAT(log.lines(), ElementsAre(told));
+    const std::pair line(12, "Channel 'ch' unexpectedly disconnected from the test.");
+    EXPECT_THAT(log.lines(), ElementsAre(line));
 }
 
 TEST_F(Connection, ReadErrorsEndItAndNobodyUsesTheNumberAgain)
@@ -104,27 +105,81 @@ TEST_F(Connection, ReadErrorsEndItAndNobodyUsesTheNumberAgain)
     }
 }
 
-TEST_F(Connection, NothingIsReadIntoNoRoomAndNothingIsLost)
+// The socket of such a node stays readable, and must not keep the loop awake.
+TEST_F(Connection, ARecordForWhichThereIsNoMemoryIsReportedOnceAndTheNodeRests)
+{
+    for (const uint32_t length : {100'000u, (1u << 31) - 8, (1u << 31) - 7, (1u << 31) - 4, (1u << 31) - 1}) {
+        SCOPED_TRACE(length);
+        PairChannel channel;
+        channel.sendMarker();
+        channel.send(sampleRecord<float>({1, 2}));
+        if (length + 4 <= 1u << 31) // else nobody asks for so much
+            memory.failAt(0);
+        channel.send(Bytes().be(length));
+        EXPECT_THAT(errors.texts(),
+                    ElementsAre(testing::HasSubstr(fmt::format("(max_size={}) failed", length + 4))));
+        memory.failNone();
+        EXPECT_FALSE(ev_is_active(channel->watcher));
+        EXPECT_EQ(channel.samples(), (Floats{1, 2}));
+        EXPECT_EQ(channel->state, PROXY_NODE_RECORDS_FLOW);
+        EXPECT_EQ(channel->inbuf.size, 4u);
+        if (length > 100'000u)
+            continue;
+        ev_io_start(ev_default_loop(0), channel->watcher); // by a host that has made room
+        channel.send(Bytes().zeros(length).add(sampleRecord<float>({3, 4})));
+        EXPECT_EQ(channel->sample_count, 2 + (length - 8) / 4 + 2);
+    }
+}
+
+TEST_F(Connection, NothingIsReadIntoNoRoom)
 {
     PairChannel channel;
     channel.sendMarker();
     memory.failAt(0, 1'000'000);
     const Bytes data = sampleRecord(Floats(100, 1.0F));
-    ASSERT_EQ(real_send(channel.far, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
-    for (int event = 0; event < 5; event++)
-        ev_run(ev_default_loop(0), EVRUN_NOWAIT);
+    channel.send(data);
     EXPECT_EQ(channel->inbuf.size, channel->inbuf.capacity);
-    EXPECT_FALSE(errors.texts().empty());
+    EXPECT_EQ(errors.texts().size(), 2u); // room for more, and room for this record
+    EXPECT_FALSE(ev_is_active(channel->watcher));
+    channel->reader(channel.node); // whoever runs it all the same
+    EXPECT_EQ(channel->disconnected, 0);
+    EXPECT_EQ(errors.texts().size(), 2u);
     memory.failNone();
+    ev_io_start(ev_default_loop(0), channel->watcher);
     channel.run();
     EXPECT_EQ(channel.samples(), Floats(100, 1.0F));
+}
+
+// What is asked in these builds at every event names each rule that a node can break.
+TEST_F(Connection, EveryBrokenRuleOfANodeIsNamed)
+{
+    PairChannel channel;
+    channel.sendMarker();
+    channel.send(sampleRecord<float>({1}));
+    ProxyNode &node = *channel.node;
+    EXPECT_EQ(libvu::brokenNodeRule(node), nullptr);
+    const auto names = [&node](auto &field, auto wrong, const char *part) {
+        const auto right = std::exchange(field, wrong);
+        EXPECT_THAT(libvu::brokenNodeRule(node), testing::HasSubstr(part));
+        field = right;
+    };
+    names(node.inbuf.size, node.inbuf.capacity + 1, "within the buffer");
+    names(node.parse_pos, 1u, "bytes in use");
+    names(node.read_count, 1u, "bytes in use");
+    node.inbuf.size = 1;
+    names(node.parse_pos, 1u, "used up");
+    node.inbuf.size = 0;
+    names(node.clock.current_tick, 1, "next tick");
+    names(node.sample_count, 2, "counted");
+    names(node.frame->length, 2u, "not full");
+    names(node.frame->refcount, int16_t{2}, "nobody else");
 }
 
 TEST_F(Connection, StopTriesTenTimes)
 {
     PairChannel channel;
     const std::string fd = std::to_string(channel.near);
-    for (const int last : {0, EPIPE, ECONNRESET, EBADF}) // the answer behind so many times EAGAIN
+    for (const int last : {0, EPIPE, ECONNRESET, EBADF}) // the answer after so many times EAGAIN
         for (int waits = 0; waits <= 10; waits++) {
             LogTrap log;
             int sends = 0, sleeps = 0;

@@ -1,37 +1,23 @@
 // A stanza becomes a node: kinds, sizes, refusals, and memory that runs out.
 #include <clocale>
-#include <dlfcn.h>
 #include <fmt/format.h>
 
-#include "libvu/stream/stream_signal.h"
+#include "libvu/stream/metainfo.h"
 #include "tests/proxy/proxy_fixture.h"
 
 using namespace vu::test;
 
 namespace {
 
-// What an exported function is called.
-template <typename Function>
-std::string nameOf(Function *function)
-{
-    Dl_info info{};
-    const bool isKnown = function && dladdr(reinterpret_cast<void *>(function), &info) && info.dli_sname;
-    return isKnown ? info.dli_sname : "-";
-}
-
-std::string told(const ProxyNode &node, const std::string &pattern)
+std::string shownOf(const ProxyNode &node, const std::string &pattern)
 {
     using fmt::arg;
-    const bool isStream = node.main_reader == proxyNode_ProxyReaderZNTStream;
-    const auto *slots = isStream ? static_cast<const StreamSlot *>(node.channel_aux) : nullptr;
-    return fmt::format(
-        fmt::runtime(pattern), arg("reader", nameOf(node.main_reader)), arg("record", node.record_size),
-        arg("element", static_cast<int32_t>(node.element_size)), arg("swap", nameOf(node.byte_swap)),
-        arg("kernel", nameOf(node.apply)), arg("slot", slots ? nameOf(slots[16].handler) : "-"),
-        arg("aux", node.channel_aux != nullptr), arg("message", node.message_channel),
-        arg("logical", node.is_logical), arg("frame", node.frame_length), arg("inbuf", node.inbuf.capacity),
-        arg("half", node.half_period), arg("stale", node.stale_ticks), arg("held", node.held_value),
-        arg("start", node.start_time), arg("scale", node.scale));
+    return fmt::format(fmt::runtime(pattern), arg("record", node.record_size),
+                       arg("element", static_cast<int32_t>(node.element_size)),
+                       arg("message", node.message_channel), arg("logical", node.is_logical),
+                       arg("frame", node.frame_length), arg("inbuf", node.inbuf.capacity),
+                       arg("half", node.half_period), arg("stale", node.stale_ticks),
+                       arg("held", node.held_value), arg("start", node.start_time), arg("scale", node.scale));
 }
 
 // In the host's locale, whatever its decimal point.
@@ -60,7 +46,7 @@ TEST_P(ProxyNodeCreate, EveryStanzaBecomesItsNodeOrIsRefused)
             rate = connector[1];
         }
         const TestChannel channel(json, std::stod(rate));
-        EXPECT_EQ(channel.node ? told(*channel.node, shown) : testing::PrintToString(errors.texts()),
+        EXPECT_EQ(channel.node ? shownOf(*channel.node, shown) : testing::PrintToString(errors.texts()),
                   line.substr(end + 3))
             << line;
         EXPECT_TRUE(!channel.node || channel->reader == proxyNode_ProxyReaderMarker);
@@ -74,6 +60,37 @@ TEST_P(ProxyNodeCreate, EveryStanzaBecomesItsNodeOrIsRefused)
 INSTANTIATE_TEST_SUITE_P(, ProxyNodeCreate, testing::Values("C", "de_DE.UTF-8"));
 
 class ProxyNodes : public Channels {};
+
+// A parser's tree is freed level by level: 262,000 levels need more stack than there is.
+TEST_F(ProxyNodes, JsonNestedDeeperThan64LevelsIsNotParsed)
+{
+    const auto nested = [](size_t levels) { return std::string(levels, '[') + std::string(levels, ']'); };
+    const std::string deep = nested(262'000), open(262'000, '{');
+    const std::pair<std::string, bool> rows[] = {
+        {R"("x":)" + nested(63), true},
+        {R"("x":)" + nested(64), false},
+        {R"("x":)" + deep, false},
+        {R"("x":)" + open, false},
+        {R"("x":")" + deep + R"(\")" + deep + '"', true}, // in a string
+        {R"("x":")" + std::string(R"(\\",)") + R"("y":)" + deep, false},
+        {"/*" + deep + R"(*/"x":1)", true}, // in a comment
+        {"/*\"*/\"x\":" + deep, false},     // the quote is in the comment
+        {"//\"\n\"x\":" + deep, false},     // and here
+        {R"("x":)" + nested(60) + R"(,"y":)" + nested(60), true},
+    };
+    const TestChannel module(stanza("x", "", "pd806h"));
+    for (const auto &[keys, isParsed] : rows) {
+        const std::string json = stanza("message_can", keys).substr(0, 300) + "..";
+        EXPECT_EQ(TestChannel(stanza("message_can", keys)).node != nullptr, isParsed) << json;
+        const std::string why = "nested deeper than 64 levels";
+        using Texts = std::vector<std::string>;
+        EXPECT_EQ(errors.texts(), isParsed ? Texts() : Texts{"Unable to parse JSON for proxy node:  " + why});
+        const std::string metainfo = R"({"method":"time",)" + keys + "}";
+        process_metainfo(module.node, 16, metainfo.data(), static_cast<uint32_t>(metainfo.size()));
+        EXPECT_EQ(errors.texts(),
+                  isParsed ? Texts() : Texts{"process_channel_metainfo():  Parse Error - " + why});
+    }
+}
 
 TEST_F(ProxyNodes, ReportEveryFailedAllocationAndLeaveNothing)
 {

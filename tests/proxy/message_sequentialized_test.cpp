@@ -54,7 +54,7 @@ struct Stream : TestChannel {
     const Variant &v;
 };
 
-// The same stream sample by sample, as slow and as plain as it can be told.
+// The same stream sample by sample, as slow and as plain as it can be written.
 struct Slow {
     const Variant &v;
     int64_t rate, frameLength, life;
@@ -161,6 +161,26 @@ TEST_F(SequentializedMessages, AgreeWithTheSlowWay)
             EXPECT_EQ(errors.rezeros(), std::exchange(slow.zeroes, {}));
             EXPECT_EQ(drain(pipe, next), std::exchange(slow.delivered, {}));
         }
+    }
+}
+
+// The target of an entry without a value is formed when the zero that it brings about has been reported.
+TEST_F(SequentializedMessages, AZeroMayStillSetTheStartOfTheTest)
+{
+    static ProxyNode *node;
+    for (const Variant &v : kVariants) {
+        SCOPED_TRACE(v.kind);
+        Stream stream(v, 1000);
+        node = stream.node;
+        libvuRezeroCallback = [](const char *, double) {
+            node->start_time += 400'000;
+            node->half_period = 0;
+            return 0;
+        };
+        stream->rezero_pending = 1;
+        stream.sendEntries({{800'000, NAN}});
+        EXPECT_EQ(stream->last_message_time, v.ntp ? 400'000 : 800'000);
+        EXPECT_EQ(stream->sample_count, v.ntp ? 10 : 20);
     }
 }
 

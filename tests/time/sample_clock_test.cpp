@@ -37,6 +37,18 @@ TEST_P(Hour, NeverStraysFromTheExactInstant)
 INSTANTIATE_TEST_SUITE_P(SampleClock, Hour,
                          testing::Values(44100.0 / 1.001, 3.0, 7000.0, 1024.0, 12.5, 0.1, 44100.0, 20000.0));
 
+TEST(SampleClock, TheLongestPeriodHas2To53Ticks)
+{
+    vu::test::ErrorTrap errors;
+    constexpr double kSlowest = 40e6 / 0x1p53;
+    SampleClock clock;
+    sampleClockInit(&clock, kSlowest);
+    EXPECT_EQ(clock.next_tick, int64_t{1} << 53);
+    sampleClockInit(&clock, std::nextafter(kSlowest, 0.0));
+    EXPECT_EQ(clock.next_tick, 0);
+    EXPECT_THAT(errors.texts(), ElementsAre("Invalid sample rate: 4.44089e-09"));
+}
+
 TEST(SampleClock, RefusesRatesWithoutPeriodAndReportsWhatIsMissing)
 {
     vu::test::ErrorTrap errors;

@@ -1,10 +1,12 @@
 #include "libvu/time/sequentializer.h"
 
 #include <cmath>
+#include <cstring>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <random>
 
+#include "libvu/time/sequentializer_private.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/effort.h"
 #include "tests/support/error_trap.h"
@@ -158,9 +160,82 @@ TEST_F(Sequentialized, GrowsByASecondOfFramesOrByWhatMemoryGives)
     EXPECT_EQ(pooled(stream.seq), 62);
 }
 
+// Elements may have any size. A sample that is larger than its element ends in the next one, and the last is
+// complete.
+TEST_F(Sequentialized, FramesHaveTheElementSizeThatWasAskedFor)
+{
+    for (const uint32_t size : {0u, 1u, 3u, 4u, 5u, 8u, 12u, 16u}) {
+        Stream stream({.elementSize = size});
+        stream.value(20000.0, 0.0);
+        for (int sample = 1; sample <= 10; sample++)
+            stream.value(20000.0 + 40000.0 * sample, sample / 10.0);
+        const Frame *frame = stream.pipes[0]->oldest;
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(frame->element_size, size);
+        EXPECT_EQ(frame->length, 10u);
+        for (size_t sample = size < 4 ? 9 : 0; sample < 10; sample++) {
+            const char *at = static_cast<char *>(frame->data) + sample * size;
+            double value = 0.0;
+            float narrow = 0.0F;
+            std::memcpy(&narrow, at, sizeof narrow);
+            size == 8 ? std::memcpy(&value, at, sizeof value) : nullptr;
+            EXPECT_EQ(size == 8 ? value : narrow, size == 8 ? sample / 10.0 : float(sample / 10.0)) << size;
+        }
+    }
+}
+
+TEST_F(Sequentialized, AMissingFrameIsReportedWhenTheClockAndTheValueHaveMoved)
+{
+    static Sequentializer *seq;
+    static std::vector<std::tuple<int64_t, double, int64_t>> seen;
+    seen.clear();
+    Stream stream({.pipeRate = 0.5, .stale = 0.001}); // a pool that never grows
+    seq = stream.seq;
+    while (Frame *frame = seq->free_frames) {
+        seq->free_frames = frame->next;
+        free(frame);
+    }
+    stream.value(0.0, 7.0);
+    libvuErrorCallback = [](const char *text) {
+        if (std::string_view(text) == "Unable to add frames to sequentializer")
+            seen.emplace_back(seq->clock->current_tick, seq->value, seq->sample_count);
+        return 1;
+    };
+    stream.until(130000.0);
+    EXPECT_THAT(seen, ElementsAre(std::tuple(40000, 7.0, 0), std::tuple(80000, kInvalid, 1),
+                                  std::tuple(120000, kInvalid, 2)));
+    seq->pipe_rate = 1.0;
+    stream.until(170000.0);
+    ASSERT_TRUE(seq->current_frame);
+    EXPECT_EQ(seq->current_frame->start, 3) << "the samples lost before are counted";
+}
+
+// What is asked in these builds at every call names each rule that a stream can break.
+TEST_F(Sequentialized, EveryBrokenRuleIsNamed)
+{
+    Stream stream;
+    stream.until(130000.0);
+    Sequentializer &seq = *stream.seq;
+    EXPECT_EQ(libvu::brokenStreamRule(seq), nullptr);
+    const auto names = [&seq](auto &field, auto wrong, const char *part) {
+        const auto right = std::exchange(field, wrong);
+        EXPECT_THAT(libvu::brokenStreamRule(seq), testing::HasSubstr(part));
+        field = right;
+    };
+    names(seq.clock, nullptr, "clock");
+    names(seq.clock->current_tick, seq.clock->next_tick + 1, "next tick");
+    names(seq.sample_count, -1, "counted");
+    names(seq.sample_count, 2, "counted");
+    names(seq.frame_samples, 9, "capacity");
+    names(seq.current_frame->length, 10u, "not full");
+    names(seq.current_frame->refcount, int16_t{2}, "own");
+    names(seq.free_frames->prev, seq.current_frame, "pool");
+}
+
 TEST_F(Sequentialized, SurvivesTimesAndLivesBeyondAllBounds)
 {
-    for (const double rate : {1e-8, 7e-8}) // periods stepped as doubles, and as whole numbers at first
+    for (const double rate :
+         {40e6 / 0x1p53, 1e-8, 7e-8}) // periods stepped as doubles, and as whole numbers at first
         for (const double stale : {1e12, HUGE_VAL, 1e300, -1e300, -HUGE_VAL, std::nan("")}) {
             const double period = 4e7 / rate;
             Stream stream({.sampleRate = rate, .pipeRate = 1, .stale = stale});
