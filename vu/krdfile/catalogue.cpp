@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <fmt/format.h>
-#include <set>
 
 #include "libvu/datafile/krd_format.h"
+#include "vu/krdfile/json_fields.h"
+#include "vu/support/json_depth.h"
 #include "vu/support/value_type.h"
 
 namespace vu::krd {
@@ -42,80 +42,7 @@ Enum enumOf(const std::string &name, const auto &names, auto &&nameOf)
     return found == std::end(names) ? Enum::kUnknown : static_cast<Enum>(found - std::begin(names));
 }
 
-// Typed access to one JSON object; what is missing or of another type is named with its place.
-class Fields {
-public:
-    Fields(const OrderedJson &json, std::string place) : json_(json), place_(std::move(place))
-    {
-        if (!json.is_object())
-            throw FormatError(place_ + ": expected an object");
-    }
-
-    std::string text(const char *key) const
-    {
-        return get(key, "a text", [](const OrderedJson &value) { return value.is_string(); })
-            .get<std::string>();
-    }
-    std::string text(const char *key, const std::string &fallback) const
-    {
-        return json_.contains(key) ? text(key) : fallback;
-    }
-    double number(const char *key) const
-    {
-        return get(key, "a finite number",
-                   [](const OrderedJson &value) {
-                       return value.is_number() && std::isfinite(value.get<double>());
-                   })
-            .get<double>();
-    }
-    bool flag(const char *key) const
-    {
-        return get(key, "true or false", [](const OrderedJson &value) { return value.is_boolean(); })
-            .get<bool>();
-    }
-    template <typename T>
-    T whole(const char *key) const
-    {
-        const auto fits = [](const OrderedJson &value) {
-            return value.is_number_unsigned() &&
-                   value.get<uint64_t>() <= static_cast<uint64_t>(std::numeric_limits<T>::max());
-        };
-        return static_cast<T>(get(key, "a whole number in range", fits).template get<uint64_t>());
-    }
-    const OrderedJson &array(const char *key) const
-    {
-        return get(key, "an array", [](const OrderedJson &value) { return value.is_array(); });
-    }
-    const OrderedJson &object(const char *key) const
-    {
-        return get(key, "an object", [](const OrderedJson &value) { return value.is_object(); });
-    }
-    [[noreturn]] void refuse(const std::string &key, const std::string &expected) const
-    {
-        throw FormatError(fmt::format("{}: '{}': expected {}", place_, key, expected));
-    }
-    void expectFormat(const char *format) const
-    {
-        if (text("format") != format)
-            refuse("format", fmt::format("\"{}\"", format));
-        if (whole<uint32_t>("version") != 1)
-            refuse("version", "1, the only version known here");
-    }
-
-private:
-    const OrderedJson &get(const char *key, const char *expected, auto &&fits) const
-    {
-        const auto found = json_.find(key);
-        if (found == json_.end() || !fits(*found))
-            refuse(key, expected);
-        return *found;
-    }
-
-    const OrderedJson &json_;
-    std::string place_;
-};
-
-// A kind says what its elements are; a channel for which the two disagree can not be read.
+// A kind says what its elements are; a channel for which the two disagree cannot be read.
 void checkElement(const Channel &channel, const Fields &fields)
 {
     const uint32_t value = channel.valueSize();
@@ -145,6 +72,30 @@ void checkElement(const Channel &channel, const Fields &fields)
     }
 }
 
+Calibration parseCalibration(const OrderedJson &json, size_t number)
+{
+    const Fields fields(json, fmt::format("catalogue: channels[{}]: calibration", number));
+    Calibration calibration{fields.number("scale"), fields.number("offset"), fields.number("zero"), {}};
+    calibration.rest = fields.rest();
+    return calibration;
+}
+
+Recorder parseRecorder(const OrderedJson &json)
+{
+    const Fields fields(json, "catalogue: recorder");
+    Recorder recorder{fields.text("program", ""), fields.text("version", ""), fields.text("host", ""), {}};
+    recorder.rest = fields.rest();
+    return recorder;
+}
+
+Follows parseFollows(const OrderedJson &json)
+{
+    const Fields fields(json, "catalogue: follows");
+    Follows follows{fields.text("id"), fields.whole<uint64_t>("part"), {}};
+    follows.rest = fields.rest();
+    return follows;
+}
+
 Channel parseChannel(const OrderedJson &json, size_t number)
 {
     const Fields fields(json, fmt::format("catalogue: channels[{}]", number));
@@ -165,38 +116,19 @@ Channel parseChannel(const OrderedJson &json, size_t number)
     channel.blockType = fields.whole<int32_t>("block_type");
     channel.hasPosition = fields.flag("has_position");
     channel.parent = fields.text("parent", "");
-    if (json.contains("invalid"))
+    if (fields.has("invalid"))
         channel.invalid = fields.number("invalid");
+    if (fields.has("calibration"))
+        channel.calibration = parseCalibration(fields.object("calibration"), number);
+    channel.values = fields.any("values");
+    channel.comment = fields.text("comment", "");
+    channel.rest = fields.rest();
     if (channel.group < KRD_GROUP_FIRST_CHANNEL)
         fields.refuse("group", "a number from 2");
     if (channel.element == Element::kUnknown || (!channel.runLength && channel.encodingName != "plain"))
         channel.kind = Kind::kUnknown;
     checkElement(channel, fields);
     return channel;
-}
-
-OrderedJson parseJson(Bytes payload, const char *what)
-{
-    OrderedJson json = OrderedJson::parse(payload.begin(), payload.end(), nullptr, false);
-    if (json.is_discarded())
-        throw FormatError(fmt::format("{}: expected JSON", what));
-    return json;
-}
-
-LedgerEntry parseLedgerEntry(const OrderedJson &json, size_t number)
-{
-    const Fields fields(json, fmt::format("closing block: ledger[{}]", number));
-    LedgerEntry entry;
-    entry.group = fields.whole<uint32_t>("group");
-    entry.name = fields.text("name");
-    entry.received = fields.whole<uint64_t>("received");
-    entry.stored = fields.whole<uint64_t>("stored");
-    const OrderedJson &discarded = fields.object("discarded");
-    const Fields causes(discarded, fmt::format("closing block: ledger[{}]: discarded", number));
-    for (const auto &item : discarded.items())
-        entry.discarded[item.key()] = causes.whole<uint64_t>(item.key().c_str());
-    entry.never = json.value("never", OrderedJson()) == OrderedJson(true);
-    return entry;
 }
 
 } // namespace
@@ -217,29 +149,6 @@ const Channel *Catalogue::byGroup(uint32_t group) const
     return found == channels.end() || found->group != group ? nullptr : &*found;
 }
 
-uint64_t LedgerEntry::discardedSum() const
-{
-    uint64_t sum = 0;
-    for (const auto &[cause, count] : discarded)
-        sum += count;
-    return sum;
-}
-
-const LedgerEntry *Closing::byGroup(uint32_t group) const
-{
-    const auto found = std::ranges::find(ledger, group, &LedgerEntry::group);
-    return found == ledger.end() ? nullptr : &*found;
-}
-
-bool Closing::diskWasFull() const
-{
-    const auto lost = [](const LedgerEntry &entry) {
-        const auto found = entry.discarded.find("disk_full");
-        return found != entry.discarded.end() && found->second > 0;
-    };
-    return end == "disk_full" || std::ranges::any_of(ledger, lost);
-}
-
 Catalogue catalogueFromJson(const OrderedJson &json)
 {
     const Fields fields(json, "catalogue");
@@ -247,6 +156,13 @@ Catalogue catalogueFromJson(const OrderedJson &json)
     Catalogue catalogue;
     catalogue.test = fields.text("test");
     catalogue.startTime = fields.text("start_time");
+    catalogue.id = fields.text("id", "");
+    if (fields.has("recorder"))
+        catalogue.recorder = parseRecorder(fields.object("recorder"));
+    if (fields.has("follows"))
+        catalogue.follows = parseFollows(fields.object("follows"));
+    catalogue.startUtc = fields.text("start_utc", "");
+    catalogue.attachments = fields.any("attachments");
     catalogue.ticksPerSecond = fields.whole<int64_t>("ticks_per_second");
     if (catalogue.ticksPerSecond < 1)
         fields.refuse("ticks_per_second", "a whole number above 0");
@@ -256,6 +172,7 @@ Catalogue catalogueFromJson(const OrderedJson &json)
     const auto twice = std::ranges::adjacent_find(catalogue.channels, {}, &Channel::group);
     if (twice != catalogue.channels.end())
         fields.refuse("channels", fmt::format("group {} once", twice->group));
+    catalogue.rest = fields.rest();
     return catalogue;
 }
 
@@ -264,24 +181,27 @@ Catalogue parseCatalogue(Bytes payload)
     return catalogueFromJson(parseJson(payload, "catalogue"));
 }
 
-Closing parseClosing(Bytes payload)
+OrderedJson parseJson(Bytes payload, const char *what)
 {
-    const OrderedJson json = parseJson(payload, "closing block");
-    const Fields fields(json, "closing block");
-    fields.expectFormat("krd-closing");
-    Closing closing;
-    closing.end = fields.text("end");
-    closing.seconds = fields.number("seconds");
-    for (const OrderedJson &entry : fields.array("ledger"))
-        closing.ledger.push_back(parseLedgerEntry(entry, closing.ledger.size()));
-    closing.events = fields.array("events");
-    for (const OrderedJson &offset : fields.array("index_blocks")) {
-        if (!offset.is_number_unsigned())
-            fields.refuse("index_blocks", "file offsets");
-        closing.indexBlocks.push_back(offset.get<uint64_t>());
-    }
-    closing.catalogue = json.value("catalogue", OrderedJson());
-    return closing;
+    const std::string_view text(reinterpret_cast<const char *>(payload.data()), payload.size());
+    if (isNestedDeeper(text))
+        throw FormatError(fmt::format("{}: expected JSON of at most {} levels", what, kMostJsonLevels));
+    OrderedJson json = OrderedJson::parse(text, nullptr, false);
+    if (json.is_discarded())
+        throw FormatError(fmt::format("{}: expected JSON", what));
+    return json;
+}
+
+OrderedJson withRest(OrderedJson json, const OrderedJson &rest)
+{
+    for (const auto &item : rest.items())
+        json[item.key()] = item.value();
+    return json;
+}
+
+std::string toText(const OrderedJson &json)
+{
+    return json.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
 }
 
 OrderedJson toJson(const Channel &channel)
@@ -296,41 +216,37 @@ OrderedJson toJson(const Channel &channel)
         json["parent"] = channel.parent;
     if (channel.invalid)
         json["invalid"] = *channel.invalid;
-    return json;
+    if (const auto &applied = channel.calibration)
+        json["calibration"] = withRest(
+            {{"scale", applied->scale}, {"offset", applied->offset}, {"zero", applied->zero}}, applied->rest);
+    if (!channel.values.is_null())
+        json["values"] = channel.values;
+    if (!channel.comment.empty())
+        json["comment"] = channel.comment;
+    return withRest(std::move(json), channel.rest);
 }
 
 OrderedJson toJson(const Catalogue &catalogue)
 {
-    OrderedJson json = {{"format", "krd"},
-                        {"version", 1},
-                        {"test", catalogue.test},
-                        {"start_time", catalogue.startTime},
-                        {"ticks_per_second", catalogue.ticksPerSecond},
-                        {"channels", OrderedJson::array()}};
+    OrderedJson json = {{"format", "krd"}, {"version", 1}};
+    if (!catalogue.id.empty())
+        json["id"] = catalogue.id;
+    if (const auto &follows = catalogue.follows)
+        json["follows"] = withRest({{"id", follows->id}, {"part", follows->part}}, follows->rest);
+    if (const auto &by = catalogue.recorder)
+        json["recorder"] =
+            withRest({{"program", by->program}, {"version", by->version}, {"host", by->host}}, by->rest);
+    json["test"] = catalogue.test;
+    json["start_time"] = catalogue.startTime;
+    if (!catalogue.startUtc.empty())
+        json["start_utc"] = catalogue.startUtc;
+    json["ticks_per_second"] = catalogue.ticksPerSecond;
+    json["channels"] = OrderedJson::array();
     for (const Channel &channel : catalogue.channels)
         json["channels"].push_back(toJson(channel));
-    return json;
-}
-
-OrderedJson toJson(const Closing &closing)
-{
-    OrderedJson json = {
-        {"format", "krd-closing"}, {"version", 1}, {"end", closing.end}, {"seconds", closing.seconds}};
-    json["ledger"] = OrderedJson::array();
-    for (const LedgerEntry &entry : closing.ledger) {
-        json["ledger"].push_back({{"group", entry.group},
-                                  {"name", entry.name},
-                                  {"received", entry.received},
-                                  {"stored", entry.stored},
-                                  {"discarded", entry.discarded}});
-        if (entry.never)
-            json["ledger"].back()["never"] = true;
-    }
-    json["events"] = closing.events;
-    json["index_blocks"] = closing.indexBlocks;
-    if (!closing.catalogue.is_null())
-        json["catalogue"] = closing.catalogue;
-    return json;
+    if (!catalogue.attachments.is_null())
+        json["attachments"] = catalogue.attachments;
+    return withRest(std::move(json), catalogue.rest);
 }
 
 } // namespace vu::krd

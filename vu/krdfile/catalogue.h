@@ -1,4 +1,6 @@
-// What a data file says of itself: the catalogue in its first block, the closing block at its end.
+// What a data file says of itself: the catalogue in its first block, the closing block at its end. The
+// recorder fills these records, and only the functions here know their JSON. Keys that nobody here knows are
+// kept in `rest` and written again.
 #pragma once
 
 #include <map>
@@ -9,6 +11,7 @@
 #include <vector>
 
 #include "vu/krdfile/bytes.h"
+#include "vu/support/account.h"
 
 namespace vu::krd {
 
@@ -36,6 +39,14 @@ enum class Element {
     kUnknown
 };
 
+// What the library made of a value before it was stored: value x scale + offset - zero.
+struct Calibration {
+    double scale = 1.0;
+    double offset = 0.0;
+    double zero = 0.0;
+    OrderedJson rest;
+};
+
 struct Channel {
     uint32_t group = 0;
     std::string name;
@@ -54,6 +65,10 @@ struct Channel {
     bool hasPosition = true;
     std::string parent;            // the channel it was decoded from, or empty
     std::optional<double> invalid; // the stored value that stands for "no value"
+    std::optional<Calibration> calibration;
+    OrderedJson values; // texts by value, as a value table has them; or null
+    std::string comment;
+    OrderedJson rest;
 
     bool periodic() const { return kind == Kind::kSequential; }
     bool identity() const { return scale == 1.0 && offset == 0.0; }
@@ -63,33 +78,61 @@ struct Channel {
     uint32_t valueSize() const;
 };
 
+struct Recorder {
+    std::string program;
+    std::string version;
+    std::string host;
+    OrderedJson rest;
+};
+
+// The file that a split recording was continued from.
+struct Follows {
+    std::string id;
+    uint64_t part = 0;
+    OrderedJson rest;
+};
+
 struct Catalogue {
+    std::string id; // of this file, a UUID; empty in files of the first recorders, like the next two
+    std::optional<Recorder> recorder;
+    std::optional<Follows> follows;
     std::string test;
     std::string startTime; // local time, as the test was given it
+    std::string startUtc;  // the same instant, ISO 8601 with nanoseconds and "Z"; may be empty
     int64_t ticksPerSecond = 0;
     std::vector<Channel> channels;
+    OrderedJson attachments; // what blocks follow the catalogue, or null
+    OrderedJson rest;
 
     const Channel *byGroup(uint32_t group) const;
 };
 
 struct LedgerEntry {
-    uint32_t group = 0;
+    uint32_t group = 0; // 0: the channel is not stored
     std::string name;
     uint64_t received = 0; // elements, and so the next two
     uint64_t stored = 0;
     std::map<std::string, uint64_t> discarded; // by cause
     bool never = false;                        // a signal that never had a value
+    OrderedJson rest;
 
     uint64_t discardedSum() const;
+};
+
+struct SourceAccount : Account {
+    OrderedJson rest;
 };
 
 struct Closing {
     std::string end; // why the recording ended
     double seconds = 0.0;
     std::vector<LedgerEntry> ledger;
+    std::vector<SourceAccount> accounts;
     OrderedJson events = OrderedJson::array();
+    uint64_t eventsLeftOut = 0;        // for want of room
     std::vector<uint64_t> indexBlocks; // file offsets
     OrderedJson catalogue;             // a second copy, or null
+    OrderedJson rest;
 
     const LedgerEntry *byGroup(uint32_t group) const;
     // A full disk leaves index entries for blocks that were never written.
@@ -103,5 +146,14 @@ Closing parseClosing(Bytes payload);
 OrderedJson toJson(const Channel &channel);
 OrderedJson toJson(const Catalogue &catalogue);
 OrderedJson toJson(const Closing &closing);
+OrderedJson toJson(const LedgerEntry &entry);
+OrderedJson toJson(const Account &account);
+
+// The JSON of a block; `what` names it in the FormatError.
+OrderedJson parseJson(Bytes payload, const char *what);
+// `json` and the keys that were kept for it.
+OrderedJson withRest(OrderedJson json, const OrderedJson &rest);
+// The bytes of a block: one line, in which bytes that are no UTF-8 are replaced.
+std::string toText(const OrderedJson &json);
 
 } // namespace vu::krd

@@ -22,6 +22,7 @@ public:
             for (const Channel &channel : recording_.catalogue->channels)
                 checkChannel(channel);
         }
+        checkNotStored();
         checkGroups();
         checkIndex();
         return std::move(result_);
@@ -38,6 +39,8 @@ private:
     void checkChannel(const Channel &channel);
     void checkPosition(const Channel &channel, const Block &block, uint64_t elements, ChannelCheck &found);
     void checkLedger(const LedgerEntry &entry, const ChannelCheck &found);
+    void checkNotStored();
+    void checkCloses(const LedgerEntry &entry);
     void checkGroups();
     void checkIndex();
 
@@ -117,15 +120,35 @@ void Checker::checkPosition(const Channel &channel, const Block &block, uint64_t
 
 void Checker::checkLedger(const LedgerEntry &entry, const ChannelCheck &found)
 {
-    if (entry.stored + entry.discardedSum() != entry.received)
-        problem("{}: the ledger does not close: received {}, stored {}, discarded {}", found.name,
-                entry.received, entry.stored, entry.discardedSum());
+    checkCloses(entry);
     if (found.elements < entry.stored)
         problem("{}: {} of {} stored elements are not in the file", found.name, entry.stored - found.elements,
                 entry.stored);
     else if (found.elements > entry.stored)
         problem("{}: {} elements in the file, and the ledger says {}", found.name, found.elements,
                 entry.stored);
+}
+
+void Checker::checkCloses(const LedgerEntry &entry)
+{
+    if (entry.stored + entry.discardedSum() != entry.received)
+        problem("{}: the ledger does not close: received {}, stored {}, discarded {}", entry.name,
+                entry.received, entry.stored, entry.discardedSum());
+}
+
+// Channels that the test did not want stored have a line and no group.
+void Checker::checkNotStored()
+{
+    if (!recording_.closing)
+        return;
+    for (const LedgerEntry &entry : recording_.closing->ledger) {
+        if (entry.group != 0)
+            continue;
+        checkCloses(entry);
+        if (entry.stored > 0)
+            problem("{}: the ledger says {} elements are stored, and gives it no group", entry.name,
+                    entry.stored);
+    }
 }
 
 void Checker::checkGroups()

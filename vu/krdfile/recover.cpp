@@ -62,6 +62,10 @@ int recover(RecoverOptions options)
     }
 
     OutputFile output(options.output, options.force);
+    uint64_t kept = 0;
+    for (const Block &block : damaged.blocks)
+        kept += block.whole.size();
+    output.expect(kept);
     rewrite(damaged, [&output](Bytes bytes) {
         output.write({reinterpret_cast<const char *>(bytes.data()), bytes.size()});
     });

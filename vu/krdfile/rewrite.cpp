@@ -36,12 +36,10 @@ Catalogue inventedCatalogue(const Recording &damaged)
 // the old one is lost too, only the gaps between sample numbers tell.
 LedgerEntry ledgerOf(const ChannelCheck &found, const LedgerEntry *old)
 {
-    LedgerEntry entry;
+    LedgerEntry entry = old ? *old : LedgerEntry();
     entry.group = found.group;
     entry.name = found.name;
     entry.stored = found.elements;
-    if (old)
-        entry.discarded = old->discarded;
     const uint64_t lost = !old ? found.gaps : old->stored > found.elements ? old->stored - found.elements : 0;
     if (lost > 0)
         entry.discarded["damage"] += lost;
@@ -76,6 +74,7 @@ private:
     bool invented_;
     uint64_t offset_ = 0; // in the new file
     std::vector<std::pair<uint64_t, uint32_t>> entries_;
+    std::vector<uint64_t> index_blocks_; // of the new file
     Closing closing_;
 };
 
@@ -106,7 +105,7 @@ void Rewriter::put(uint32_t group, const std::string &payload)
 void Rewriter::catalogueBlock()
 {
     if (invented_ || damaged_.catalogueIsCopy)
-        put(KRD_GROUP_CATALOGUE, toJson(*damaged_.catalogue).dump());
+        put(KRD_GROUP_CATALOGUE, toText(toJson(*damaged_.catalogue)));
     else
         copy(damaged_.blocks.front().whole);
 }
@@ -119,7 +118,7 @@ void Rewriter::indexBlocks()
             appendBig(payload, entries_[i].first, 8);
             appendBig(payload, entries_[i].second, 4);
         }
-        closing_.indexBlocks.push_back(offset_);
+        index_blocks_.push_back(offset_);
         put(KRD_GROUP_INDEX, payload);
     }
 }
@@ -127,24 +126,28 @@ void Rewriter::indexBlocks()
 void Rewriter::closingBlock()
 {
     const auto &old = damaged_.closing;
-    closing_.end = old ? old->end : "unknown";
-    closing_.seconds = old ? old->seconds : 0.0;
+    if (old) {
+        closing_ = *old;
+        closing_.ledger.clear();
+    } else {
+        closing_.end = "unknown";
+    }
+    closing_.indexBlocks = index_blocks_;
     for (const ChannelCheck &channel : check(damaged_).channels) {
         const LedgerEntry *entry = old ? old->byGroup(channel.group) : nullptr;
         // The elements of invented channels can not be counted: what the old ledger says of them stays.
         closing_.ledger.push_back(invented_ && entry ? *entry : ledgerOf(channel, entry));
     }
-    if (old)
-        closing_.events = old->events;
+    if (old) // what was not stored is in no block
+        std::ranges::copy_if(old->ledger, std::back_inserter(closing_.ledger),
+                             [](const LedgerEntry &entry) { return entry.group == 0; });
     closing_.events.push_back(
         {{"time", closing_.seconds},
          {"kind", "recovered"},
          {"channel", ""},
          {"text", fmt::format("{} bytes were damaged in {} places, {} of an unfinished block",
                               damaged_.damagedBytes, damaged_.damage.size(), damaged_.unfinishedBytes)}});
-    if (old)
-        closing_.catalogue = old->catalogue;
-    put(KRD_GROUP_CATALOGUE, toJson(closing_).dump());
+    put(KRD_GROUP_CATALOGUE, toText(toJson(closing_)));
 }
 
 void Rewriter::run()

@@ -5,32 +5,30 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <stdexcept>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 
 #include "libvu/core/report.h"
 #include "libvu/datafile/storage_convert.h"
-#include "vu/command.h"
-#include "vu/description/store_rules.h"
+#include "vu/record/file/catalogue.h"
 
 namespace vu {
 
 namespace {
 
 constexpr uint32_t kIndexBytes = 64 << 10; // entries of 5461 blocks
-constexpr size_t kClosingRoom = 192 << 10; // index, events and the frame of the closing block
-constexpr size_t kRoomPerTrack = 512;
-constexpr size_t kLargestShare = 4; // of what is free: a small disk is there for the data
+// What the end of a recording takes on the disk: the index, and the closing block with its frame, a line of
+// the ledger and of an account for each track, and the events.
+constexpr uint64_t kRoom = kIndexBytes + (8 << 10);
+constexpr uint64_t kRoomPerTrack = 640;
+constexpr uint64_t kRoomPerEvent = 128; // beside its texts
+// And in memory while the JSON is made of it.
+constexpr size_t kMemory = 8 << 20;
+constexpr size_t kMemoryPerTrack = 8 << 10;
+constexpr size_t kMemoryPerEvent = 2560; // without its texts, which are there so many times:
+constexpr uint64_t kTextCopies = 8;
 constexpr int kCatalogue = 0;
 constexpr int kIndex = 1;
-
-[[noreturn]] void fail(const std::filesystem::path &path, const char *what)
-{
-    throw std::runtime_error(fmt::format("{}: {}: {}", path.string(), what, std::strerror(errno)));
-}
 
 bool isPeriodicAsItComes(const Track &track)
 {
@@ -52,6 +50,12 @@ uint64_t waitingBytesOf(const Pipe *pipe)
     return pipe->newest ? static_cast<uint64_t>(pipe->queued) * pipe->newest->element_size : 0;
 }
 
+// A JSON text that runs out of memory half-way cannot even be released: it is tried beforehand.
+bool isThereMemory(size_t bytes)
+{
+    return std::unique_ptr<char[]>(new (std::nothrow) char[bytes]) != nullptr;
+}
+
 } // namespace
 
 void DataFile::FreeRecords::operator()(KRDBuffer *records) const
@@ -61,44 +65,31 @@ void DataFile::FreeRecords::operator()(KRDBuffer *records) const
     std::free(records);
 }
 
-DataFile::DataFile(std::filesystem::path path, bool force) : path_(std::move(path))
+// A write that a full disk cut short shortens the file: what follows has to go to its new end, hence
+// O_APPEND.
+DataFile::DataFile(std::filesystem::path path, bool force)
+    : file_(std::move(path), force, O_APPEND),
+      folder_(open(folderOf(file_.path()).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
 {
-    // A write that a full disk cut short shortens the file: what follows has to go to its new end.
-    const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (force ? O_TRUNC : O_EXCL);
-    file_ = Descriptor(open(path_.c_str(), flags, 0666));
-    if (!file_ && errno == EEXIST)
-        throw InputError(fmt::format("{}: exists already; --force overwrites it", path_.string()));
-    if (!file_)
-        fail(path_, "can not be written");
+    file_.lock();
 }
 
-DataFile::~DataFile()
+DataFile::~DataFile() = default;
+
+// Events may be many, and are there before the disk is full.
+void DataFile::holdForEnd(const Events &events)
 {
-    struct stat status {};
-    if (file_ && fstat(file_.get(), &status) == 0 && status.st_size == 0 && S_ISREG(status.st_mode)) {
-        std::error_code ignored;
-        std::filesystem::remove(path_, ignored);
+    for (; events_held_ < events.list().size(); events_held_++) {
+        const Event &event = events.list()[events_held_];
+        event_bytes_ += kRoomPerEvent + event.kind.size() + event.channel.size() + event.text.size();
     }
-}
-
-// A file without a name, given back just before the end. Without it a recording works as well.
-void DataFile::holdRoom(size_t tracks)
-{
-    const auto folder = path_.has_parent_path() ? path_.parent_path() : std::filesystem::path(".");
-    room_ = Descriptor(open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
-    struct statvfs disk {};
-    if (!room_ || fstatvfs(room_.get(), &disk) != 0)
-        return;
-    const uint64_t share = uint64_t{disk.f_bavail} * disk.f_frsize / kLargestShare;
-    const uint64_t room = std::min<uint64_t>(kClosingRoom + tracks * kRoomPerTrack, share);
-    if (fallocate(room_.get(), 0, 0, static_cast<off_t>(room)) != 0)
-        room_.close();
+    room_.hold(folderOf(path()), kRoom + tracks_.size() * kRoomPerTrack + event_bytes_);
 }
 
 void DataFile::makeRecord(KRDBuffer &record, int32_t group, const char *name, uint32_t capacity)
 {
     record.idx = group;
-    record.fd = file_.get();
+    record.fd = file_.fd();
     record.group = group;
     record.name = name;
     record.min_samples = 1;
@@ -115,10 +106,22 @@ void DataFile::writeBytes(KRDBuffer &record, const std::string &text)
 {
     const auto length = static_cast<uint32_t>(text.size());
     membufExpand(&record.buffer, length);
-    if (text.size() != length || KRDBuffer_append(&record, text.data(), length) != length)
-        throw std::runtime_error(
-            fmt::format("{}: no memory for a block of {} bytes", path_.string(), text.size()));
+    if (text.size() != length || KRDBuffer_append(&record, text.data(), length) != length) {
+        record.buffer.size = 0;
+        throw std::bad_alloc();
+    }
     KRDBuffer_flush(&record, 1);
+}
+
+void DataFile::writeCatalogue(const Description &test)
+{
+    writeBytes(records_[kCatalogue], krd::toText(krd::toJson(catalogueOf(test, tracks_))));
+    if (KRDWriter_is_disk_full()) {
+        KRDWriter_restore_writer();
+        throw std::runtime_error(fmt::format("{}: no room for the catalogue", path().string()));
+    }
+    whole_bytes_ = writtenBytes();
+    records_[kIndex].file_offset = whole_bytes_;
 }
 
 void DataFile::begin(const Description &test, std::vector<Track> tracks)
@@ -140,14 +143,13 @@ void DataFile::begin(const Description &test, std::vector<Track> tracks)
     for (Stored &stored : tracks_)
         if (stored.group >= 0)
             addTrack(stored);
-    holdRoom(tracks_.size());
-    writeBytes(records_[kCatalogue], catalogue(test));
-    if (KRDWriter_is_disk_full()) {
-        KRDWriter_restore_writer();
-        throw std::runtime_error(fmt::format("{}: no room for the catalogue", path_.string()));
-    }
-    whole_bytes_ = writtenBytes();
-    records_[kIndex].file_offset = whole_bytes_;
+    holdForEnd({});
+    memory_.reset(
+        new char[kMemory + tracks_.size() * kMemoryPerTrack]); // never touched: only its room counts
+    writeCatalogue(test);
+    file_.name();
+    if (test.sync_interval > 0.0)
+        sync_ = std::make_unique<SyncThread>(file_.fd(), folder_.get(), test.sync_interval);
 }
 
 void DataFile::addTrack(Stored &stored)
@@ -175,7 +177,7 @@ void DataFile::addTrack(Stored &stored)
                                   track.store.run_length ? "rle" : "plain");
     if (!record.pipe_filter)
         throw std::runtime_error(
-            fmt::format("{}: {} can not be stored as {}", track.name, track.element, track.store.element));
+            fmt::format("{}: {} cannot be stored as {}", track.name, track.element, track.store.element));
 }
 
 uint64_t DataFile::writtenBytes() const
@@ -194,7 +196,7 @@ uint64_t DataFile::waitingBytes() const
 }
 
 // Books `taken` elements that left the pipe. `advanced` is how far the record's position moved.
-void DataFile::account(Stored &stored, uint64_t taken, int64_t advanced)
+void DataFile::book(Stored &stored, uint64_t taken, int64_t advanced)
 {
     Ledger &ledger = stored.ledger;
     stored.delivered += taken;
@@ -221,7 +223,7 @@ void DataFile::flushTrack(Stored &stored, bool force)
     const uint64_t indexPlace = index.file_offset;
     const int64_t position = record.position;
     KRDWriter_flush_these(stored.group, 1, records_.get(), force);
-    account(stored, before - waiting(record.pipe), record.position - position);
+    book(stored, before - waiting(record.pipe), record.position - position);
     if (KRDWriter_is_disk_full())
         return;
     if (index.amount_written > indexWritten)
@@ -234,7 +236,7 @@ void DataFile::noteDisk(Events &events)
     if (full_told_ || !KRDWriter_is_disk_full())
         return;
     full_told_ = true;
-    events.add("disk_full", "", fmt::format("{}: no more can be written", path_.string()));
+    events.add("disk_full", "", fmt::format("{}: no more can be written", path().string()));
 }
 
 void DataFile::flush(bool force, Events &events)
@@ -248,6 +250,32 @@ void DataFile::flush(bool force, Events &events)
             events.add("error", stored.track.name, libvuLastError() ? libvuLastError() : "conversion failed");
         noteDisk(events);
     }
+    noteSync(sync_ ? sync_->takeError() : 0, events);
+    holdForEnd(events);
+}
+
+void DataFile::noteSync(int error, Events &events)
+{
+    if (error != 0)
+        events.add("error", "",
+                   fmt::format("{}: what was written may not be on the disk: {}", path().string(),
+                               std::strerror(error)));
+}
+
+void DataFile::account(Account account)
+{
+    const auto known = std::ranges::find(accounts_, account.channel, &Account::channel);
+    if (known == accounts_.end())
+        accounts_.push_back(std::move(account));
+    else
+        *known = std::move(account);
+}
+
+void DataFile::setNever(std::string_view track)
+{
+    for (Stored &stored : tracks_)
+        if (stored.track.name == track)
+            stored.ledger.never = true;
 }
 
 // What the library has counted is what was received; what it counted and never delivered found no frame.
@@ -269,37 +297,79 @@ void DataFile::settleLedgers()
     }
 }
 
-// Lets the end of the file be written: behind the last whole block, into the room that was held back.
-void DataFile::makeRoom()
+// After a failed write the file may end with the front of a block, and the library's writer only pretends.
+void DataFile::cutToWholeBlocks()
 {
-    room_.close();
     if (!KRDWriter_is_disk_full())
         return;
     KRDWriter_restore_writer();
-    // A block that took several writes may have left its front behind.
-    if (ftruncate(file_.get(), static_cast<off_t>(whole_bytes_)) != 0)
-        fail(path_, "can not be cut to its last whole block");
+    if (ftruncate(file_.fd(), static_cast<off_t>(whole_bytes_)) != 0)
+        throw std::runtime_error(fmt::format("{}: cannot be cut to its last whole block: {}", path().string(),
+                                             std::strerror(errno)));
     records_[kIndex].file_offset = whole_bytes_;
+}
+
+// What is left of it in memory. Where not even that has room, the closing block still may.
+void DataFile::writeIndex()
+{
+    if (records_[kIndex].buffer.size == 0)
+        return;
+    const int64_t length = KRDBuffer_flush(&records_[kIndex], 1);
+    if (KRDWriter_is_disk_full()) {
+        cutToWholeBlocks();
+        return;
+    }
+    index_blocks_.push_back(whole_bytes_);
+    whole_bytes_ += static_cast<uint64_t>(length);
+}
+
+// Tries with half the events, and half of these, until memory and disk have room for what is left.
+void DataFile::writeClosing(const char *end, const Events &events)
+{
+    krd::Closing closing = closingOf(*this, end, events.seconds());
+    closing.indexBlocks = index_blocks_;
+    const size_t all = events.list().size();
+    for (size_t kept = all;; kept /= 2) {
+        const uint64_t texts = all > 0 ? event_bytes_ / all * kept : 0;
+        const bool last = kept == 0;
+        if (!last &&
+            !isThereMemory(kept * kMemoryPerEvent + kTextCopies * texts + tracks_.size() * kMemoryPerTrack))
+            continue;
+        closing.events = last ? Json::array() : eventsJson(events, kept);
+        closing.eventsLeftOut = all - kept;
+        writeBytes(records_[kCatalogue], krd::toText(krd::toJson(closing)));
+        if (last || !KRDWriter_is_disk_full())
+            return;
+        cutToWholeBlocks();
+    }
+}
+
+void DataFile::syncAll(Events &events)
+{
+    noteSync(sync_ ? sync_->takeError() : 0, events);
+    sync_.reset();
+    const int file = syncError(file_.fd());
+    noteSync(file != 0 ? file : syncError(folder_.get()), events);
 }
 
 void DataFile::finish(const char *end, Events &events)
 {
+    memory_.reset();
     flush(true, events);
     settleLedgers();
-    makeRoom();
-    if (records_[kIndex].buffer.size > 0) {
-        index_blocks_.push_back(whole_bytes_);
-        KRDBuffer_flush(&records_[kIndex], 1);
+    room_.release();
+    cutToWholeBlocks();
+    writeIndex();
+    writeClosing(end, events);
+    if (KRDWriter_is_disk_full()) {
+        events.add("disk_full", "", fmt::format("{}: no room for the closing block", path().string()));
+        cutToWholeBlocks();
     }
-    writeBytes(records_[kCatalogue], closing(end, events));
-    const bool closed = !KRDWriter_is_disk_full();
-    KRDWriter_restore_writer();
+    syncAll(events);
     for (Stored &stored : tracks_)
         stored.record = nullptr;
     records_.reset();
     file_.close();
-    if (!closed)
-        events.add("disk_full", "", fmt::format("{}: no room for the closing block", path_.string()));
 }
 
 } // namespace vu

@@ -1,41 +1,55 @@
 // The data file being written: its records, one for each stored track, and the account of what went in.
 //
-// The file goes straight to its final name. Room for the closing part is held back in a file beside it while
-// the recording lasts, so that a full disk does not take the ledger with it.
+// The file is a new one that gets its name when its catalogue has been written: what stood under that name
+// before is whole until then, and whoever reads it keeps it. It is locked while it is recorded. Room on the
+// disk and memory for the end of the recording are held back until then.
 #pragma once
 
 #include <filesystem>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "libvu/datafile/krd_buffer.h"
 #include "vu/record/file/events.h"
+#include "vu/record/file/held_room.h"
 #include "vu/record/file/ledger.h"
+#include "vu/record/file/sync_thread.h"
 #include "vu/record/file/track.h"
-#include "vu/support/descriptor.h"
+#include "vu/support/account.h"
+#include "vu/support/new_file.h"
 
 namespace vu {
 
 class DataFile {
 public:
-    // Creates the file; refuses one that exists unless `force`. Throws InputError or std::runtime_error.
+    // Makes a file without a name. Refuses a name that is taken, unless `force`, and one that is being
+    // recorded. Throws InputError or std::runtime_error.
     DataFile(std::filesystem::path path, bool force);
-    ~DataFile(); // an empty file is removed
+    ~DataFile();
     DataFile(const DataFile &) = delete;
     DataFile &operator=(const DataFile &) = delete;
 
-    // Writes the catalogue and attaches a pipe to each of `tracks` that is to be stored. Groups are numbered
-    // in their order.
+    // Writes the catalogue, gives the file its name and attaches a pipe to each of `tracks` that is to be
+    // stored. Groups are numbered in their order.
     void begin(const Description &test, std::vector<Track> tracks);
     // Writes what has queued up.
     void flush(bool force, Events &events);
-    // Writes the rest, index and closing block, and closes. `end` says why the recording ended.
+    // Takes what a source says of its input, in place of what it said before.
+    void account(Account account);
+    // Says of a track that it never had a value.
+    void setNever(std::string_view track);
+    // Gives back the memory that is held for the end, when there is no other left.
+    void releaseMemory() { memory_.reset(); }
+    // Writes the rest, index and closing block, brings all of it to the disk and closes. `end` says why the
+    // recording ended. Works with the memory that was held back; events are left out of the closing block if
+    // neither memory nor disk has room for all.
     void finish(const char *end, Events &events);
 
     // Bytes that wait in memory for the next flush.
     uint64_t waitingBytes() const;
     uint64_t writtenBytes() const;
-    const std::filesystem::path &path() const { return path_; }
+    const std::filesystem::path &path() const { return file_.path(); }
 
     struct Stored {
         Track track;
@@ -45,6 +59,7 @@ public:
         uint64_t delivered = 0; // elements that came out of its pipe
     };
     const std::vector<Stored> &tracks() const { return tracks_; }
+    const std::vector<Account> &accounts() const { return accounts_; }
 
 private:
     struct FreeRecords {
@@ -52,27 +67,35 @@ private:
         void operator()(KRDBuffer *records) const;
     };
 
-    void holdRoom(size_t tracks);
     void makeRecord(KRDBuffer &record, int32_t group, const char *name, uint32_t capacity);
     void addTrack(Stored &stored);
     void writeBytes(KRDBuffer &record, const std::string &text);
+    void writeCatalogue(const Description &test);
     void flushTrack(Stored &stored, bool force);
-    void account(Stored &stored, uint64_t taken, int64_t advanced);
+    void book(Stored &stored, uint64_t taken, int64_t advanced);
     void settleLedgers();
     void noteDisk(Events &events);
-    void makeRoom();
-    std::string catalogue(const Description &test) const;
-    std::string closing(const char *end, const Events &events) const;
+    void noteSync(int error, Events &events);
+    void holdForEnd(const Events &events);
+    void cutToWholeBlocks();
+    void writeIndex();
+    void writeClosing(const char *end, const Events &events);
+    void syncAll(Events &events);
 
-    std::filesystem::path path_;
-    Descriptor file_;
-    Descriptor room_;
+    NewFile file_;
+    Descriptor folder_;
+    HeldRoom room_;
+    std::unique_ptr<char[]> memory_;                    // held back for finish()
     std::unique_ptr<KRDBuffer[], FreeRecords> records_; // catalogue, index, then the stored tracks
     size_t record_count_ = 0;
     std::vector<Stored> tracks_;
+    std::vector<Account> accounts_;
     std::vector<uint64_t> index_blocks_; // where they begin
     uint64_t whole_bytes_ = 0;           // length of the file up to its last whole block
+    size_t events_held_ = 0;             // for so many events room is held back,
+    uint64_t event_bytes_ = 0;           // and they take about so much
     bool full_told_ = false;
+    std::unique_ptr<SyncThread> sync_;
 };
 
 } // namespace vu

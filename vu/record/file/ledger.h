@@ -15,7 +15,7 @@ struct Ledger {
     uint64_t disk_full = 0;
     uint64_t conversion = 0; // refused by the conversion to the stored type
     uint64_t unfinished = 0; // no frame could be had for them
-    bool never = false;      // a signal that never had a value
+    bool never = false;      // a signal that never had a value: what was received are samples without one
 
     // What should be in the file and is not.
     uint64_t lost() const { return disk_full + conversion + unfinished; }

@@ -3,12 +3,14 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "libvu/core/pipe.h"
 #include "libvu/proxy/proxy_node.h"
 #include "libvu/time/sequentializer.h"
 #include "vu/description/description.h"
+#include "vu/krdfile/catalogue.h"
 
 namespace vu {
 
@@ -30,6 +32,11 @@ struct Track {
     int32_t *rezero_pending = nullptr; // null: it cannot be zeroed
     ProxyNode *sequential = nullptr;   // zeroed through its kernel instead
 
+    std::optional<double> invalid; // what its samples read where there is no value
+    std::optional<krd::Calibration> calibration;
+    Json values; // texts by value, or null
+    std::string comment;
+
     bool periodic() const { return sample_rate > 0.0; }
 };
 
@@ -42,5 +49,9 @@ inline bool neverHadValue(const Track &track, uint64_t delivered)
         return track.stream->expiry_tick == 0;
     return track.signal && track.store.wanted && delivered == 0;
 }
+
+// What the stanza of a channel or signal says of its values: the one that stands for none, and the
+// calibration.
+void describeValues(Track &track, const std::string &stanza);
 
 } // namespace vu
