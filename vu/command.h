@@ -12,6 +12,8 @@ class App;
 
 namespace vu {
 
+inline constexpr const char *kVersion = "1.0.0";
+
 enum ExitStatus {
     kDone = 0,        // done, and nothing lost
     kFailed = 1,      // it failed

@@ -1,10 +1,15 @@
 // A recording under bad conditions: killed, interrupted, on a full disk, from sources that misbehave.
 #include <csignal>
+#include <fstream>
 #include <numeric>
 #include <random>
+#include <sys/resource.h>
+#include <thread>
 
 #include "libvu/core/wire_private.h"
 #include "tests/road/road.h"
+#include "vu/krdfile/mapped_file.h"
+#include "vu/support/new_file.h"
 
 namespace vu::test {
 namespace {
@@ -199,6 +204,88 @@ TEST_F(FaultsRoad, ZeroAskedForWhileItRuns)
         EXPECT_EQ(samples(name).at(5), 5.0);
         EXPECT_EQ(samples(name).back(), 0.0);
     }
+}
+
+// What the caller closed never becomes a file of ours, and what is printed never goes into one.
+TEST_F(FaultsRoad, ClosedDescriptorsAreNoDataFile)
+{
+    addCounters(1, 2000, {{"duration", 0.3}});
+    for (const std::string closed : {"", "0", "1", "2", "01", "02", "12", "012"}) {
+        SCOPED_TRACE("closed: " + closed);
+        const bool printed = closed.find('1') == std::string::npos;
+        std::filesystem::remove(file);
+        RunningVu running({"run", descriptionFile(), "--json"}, 0, closed);
+        EXPECT_THAT(running.wait(), printed ? Status(0) : AnyOf(0, 1)) << running.err();
+        exportAll();
+        EXPECT_EQ(countedTo("c0"), 600u);
+        const std::string npy = readText(out / "c0.npy");
+        RunningVu verify({"verify", file}, 0, closed);
+        EXPECT_THAT(verify.wait(), printed ? Status(0) : AnyOf(0, 1));
+        RunningVu exported({"export", file, "-o", out, "--force", "--format", "npy"}, 0, closed);
+        EXPECT_THAT(exported.wait(), printed ? Status(0) : AnyOf(0, 1));
+        EXPECT_EQ(readText(out / "c0.npy"), npy);
+    }
+}
+
+// A name belongs to who records into it; what had it before is untouched until a new recording begins, and
+// whoever reads it then keeps it.
+TEST_F(FaultsRoad, ARecordingTakesANameOnlyWhenItBegins)
+{
+    addCounters(1, 2000, {{"duration", 0.2}});
+    run();
+    const auto old = readBytes(file);
+    const Json test = std::exchange(description["channels"], Json::array());
+    addChannel("nobody", {{"data_type", "sequential_float32"}, {"sample_rate", 10}}, {});
+    description["channels"][0].erase("source");
+    description["connect_timeout"] = 0.1;
+    EXPECT_EQ(runVu({"run", descriptionFile(), "--force"}).status, 1);
+    EXPECT_EQ(readBytes(file), old) << "the test could not start";
+
+    krd::MappedFile reader(file);
+    description["channels"] = test;
+    description["channels"][0]["source"]["duration"] = 60;
+    recorder.emplace(Strings{"run", descriptionFile(), "--json", "--force"});
+    for (int tries = 0; tries < 1000 && recorderOf(file) == 0; tries++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(recorderOf(file), recorder->pid());
+    EXPECT_TRUE(std::ranges::equal(reader.bytes(), old)) << "as its reader has it";
+
+    description["channels"][0]["address"] = "unix:other.sock";
+    for (const char *option : {"--json", "--force"}) {
+        const CommandResult second = runVu({"run", descriptionFile(), option});
+        EXPECT_EQ(second.status, 2);
+        EXPECT_THAT(second.err, HasSubstr("recorded by process " + std::to_string(recorder->pid())));
+    }
+    EXPECT_EQ(runVu({"recover", folder.path("none"), "-o", file, "--force"}).status, 2);
+    recorder->signal(SIGINT);
+    finish();
+    exportAll();
+    EXPECT_GT(countedTo("c0"), 0u);
+    EXPECT_EQ(recorderOf(file), 0);
+    for (const auto &entry : std::filesystem::directory_iterator(folder.path()))
+        EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path() << " is left behind";
+}
+
+// Without memory for what waits samples are lost and reported, and the end is written all the same.
+TEST_F(FaultsRoad, AnEndIsWrittenWithoutMemory)
+{
+    if (VU_SANITIZED)
+        GTEST_SKIP() << "a sanitizer needs all the memory there is";
+    addCounters(2, 100000);
+    description["flush_interval"] = 3600;
+    start();
+    for (int tries = 0; tries < 1000 && recorderOf(file) == 0; tries++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    uint64_t pages = 0;
+    std::ifstream("/proc/" + std::to_string(recorder->pid()) + "/statm") >> pages;
+    const rlimit limit{pages * 4096 + 100000, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(recorder->pid(), RLIMIT_AS, &limit, nullptr), 0);
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    recorder->signal(SIGINT);
+    finish(3);
+    exportAll(AnyOf(0, 3));
+    EXPECT_GT(ledger["c0"]["stored"], 0);
+    EXPECT_GT(events["error"], 0u);
 }
 
 TEST_F(FaultsRoad, NothingIsOverwrittenOrMadeInVain)

@@ -10,7 +10,7 @@
 
 namespace vu::test {
 
-RunningVu::RunningVu(const std::vector<std::string> &arguments, uint64_t fileLimit)
+RunningVu::RunningVu(const std::vector<std::string> &arguments, uint64_t fileLimit, const std::string &closed)
 {
     std::vector<const char *> words = {VU_COMMAND};
     for (const std::string &argument : arguments)
@@ -28,6 +28,8 @@ RunningVu::RunningVu(const std::vector<std::string> &arguments, uint64_t fileLim
         const rlimit limit{fileLimit, fileLimit};
         if (fileLimit > 0)
             setrlimit(RLIMIT_FSIZE, &limit);
+        for (const char digit : closed)
+            close(digit - '0');
         execv(VU_COMMAND, const_cast<char **>(words.data()));
         _exit(127);
     }

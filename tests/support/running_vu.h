@@ -14,8 +14,10 @@ namespace vu::test {
 
 class RunningVu {
 public:
-    // `fileLimit`: bytes beyond which the process can write no file; 0: none.
-    explicit RunningVu(const std::vector<std::string> &arguments, uint64_t fileLimit = 0);
+    // `fileLimit`: bytes beyond which the process can write no file; 0: none. `closed`: the digits of
+    // standard descriptors that it does not have.
+    explicit RunningVu(const std::vector<std::string> &arguments, uint64_t fileLimit = 0,
+                       const std::string &closed = {});
     ~RunningVu(); // kills what still runs
     RunningVu(RunningVu &&) = delete;
 
@@ -25,6 +27,7 @@ public:
     bool waitForBytes(const std::filesystem::path &file, uintmax_t bytes) const;
     // Waits for its end. The exit status; minus the signal that ended it.
     int wait();
+    pid_t pid() const { return pid_; }
     std::string out() const { return readText(folder_.path("out")); }
     std::string err() const { return readText(folder_.path("err")); }
 

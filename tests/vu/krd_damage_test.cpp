@@ -125,6 +125,36 @@ TEST_F(Damage, ALostCatalogueComesFromItsCopy)
     EXPECT_FALSE(krd::check(found).sound());
 }
 
+// Whatever a later version says of a file, its channels and its end is there again in the recovered one.
+TEST_F(Damage, KeysThatNobodyKnowsSurviveARecovery)
+{
+    const auto catalogue =
+        R"({"/new": [1], "/id": "u", "/recorder": {"program": "p", "version": "2", "host": "h", "new": 2},
+        "/start_utc": "z", "/follows": {"id": "v", "part": 2, "new": {}}, "/attachments": [{"name": "n"}],
+        "/channels/0/new": null, "/channels/0/invalid": -1.5, "/channels/0/values": {"1": "on"},
+        "/channels/0/comment": "c", "/channels/0/calibration": {"scale": 2.0, "offset": 1.0, "zero": 0.5, "new": 3}})";
+    const auto closing =
+        R"({"/new": "n", "/ledger/0/new": 4, "/ledger/0/never": true, "/ledger/0/discarded/new": 0,
+        "/ledger/1/group": 3, "/events/0": {"time": 1.0, "kind": "new", "new": 1}, "/events_left_out": 3,
+        "/accounts": [{"channel": "a", "source": "s", "known": true, "final": true, "read": 3, "sent": 2,
+                       "left_out": {"new": 1}, "can_fd_wanted_out": true, "new": 6}]})";
+    KrdBuilder built(folder.path("later.krd"), everyKind(), KrdBuilder::Json::parse(catalogue));
+    built.samples(0, {1, 2}, 0);
+    built.close(KrdBuilder::Json::parse(closing));
+    const std::vector<uint8_t> later = built.bytes();
+    Recording damaged = krd::scan(later, "later");
+    damaged.catalogueIsCopy = true; // so that it is written anew, and not copied byte by byte
+    const auto jsonOf = [](const krd::Block &block) { return krd::parseJson(block.payload, "block"); };
+    const Recording again = recovered(damaged, scratch);
+    EXPECT_EQ(KrdBuilder::Json::diff(jsonOf(damaged.blocks.front()), jsonOf(again.blocks.front())),
+              KrdBuilder::Json::array());
+    KrdBuilder::Json before = jsonOf(damaged.blocks.back()), after = jsonOf(again.blocks.back());
+    EXPECT_EQ(after["events"].size(), 2u) << "the recovery is one more";
+    after["events"].erase(1);
+    before.erase("index_blocks"), after.erase("index_blocks");
+    EXPECT_EQ(KrdBuilder::Json::diff(before, after), KrdBuilder::Json::array());
+}
+
 // A header every 12 bytes, each with a second size word in its place 2 MiB behind: proved one by one, hours.
 TEST_F(Damage, HeadersThatAllClaimTheSameBytesCostNoTime)
 {

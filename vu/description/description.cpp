@@ -108,6 +108,8 @@ void readTop(ObjectReader &keys, Reading &reading)
         test.duration = options.seconds;
     readFile(keys, reading);
     test.flush_interval = keys.number("flush_interval", {0.0, 3600.0, "a number above 0, at most 3600"}, 0.2);
+    test.sync_interval =
+        keys.number("sync_interval", {-1e-300, 3600.0, "a number of seconds from 0 to 3600"}, 1.0);
     test.connect_timeout =
         keys.number("connect_timeout", {0.0, 86400.0, "a number above 0, at most 86400"}, 10.0);
     const Json &channels = keys.array("channels");

@@ -91,9 +91,11 @@ struct Monitor {
 struct Description {
     std::string name;
     std::string start_time;      // local time; the moment of loading if the description says "now" or nothing
+    std::string start_utc;       // the same instant, for the file; empty: from `start_time`
     double duration = 0.0;       // seconds; 0: until the sources end
     std::filesystem::path file;  // the data file
     double flush_interval = 0.2; // seconds
+    double sync_interval = 1.0;  // seconds; 0: only at the end
     double connect_timeout = 10.0; // seconds
     std::vector<Channel> channels;
     std::vector<Monitor> monitors;

@@ -228,6 +228,8 @@ Track LiveChannel::ownTrack()
         track.element = "bytes";
         track.element_size = 0;
     }
+    if (track.element.starts_with("float"))
+        describeValues(track, channel_.stanza);
     return track;
 }
 
@@ -250,6 +252,15 @@ std::vector<Track> LiveChannel::tracks()
         track.pipes = decoded.pipes;
         track.stream = decoded.stream;
         track.rezero_pending = decoded.rezero_pending;
+        track.comment = decoded.signal->comment;
+        for (const auto &[value, text] : decoded.signal->value_texts)
+            track.values[fmt::format("{}", value)] = text;
+        if (decoded.stream)
+            describeValues(track, decoded.signal->stanza);
+        if (channel_.kind == ChannelKind::kStream) // the module calibrates, by its metainfo
+            track.calibration.reset();
+        if (channel_.kind == ChannelKind::kXcp && track.calibration) // which are not zeroed
+            track.calibration->zero = 0.0;
         tracks.push_back(std::move(track));
     }
     return tracks;

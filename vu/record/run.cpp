@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <fmt/format.h>
+#include <new>
 #include <stdexcept>
 
 #include "vu/record/connect.h"
@@ -23,6 +24,18 @@ void checkAlive(const Channel &channel, Children &children, const EndSignals &si
                                              describeEnd(child->status)));
     if (signals.arrived())
         throw std::runtime_error("stopped before the recording began");
+}
+
+// Without memory the recording ends, and what came until then is kept.
+const char *runToItsEnd(Session &session, DataFile &file, Events &events)
+{
+    try {
+        return session.run();
+    } catch (const std::bad_alloc &) {
+        file.releaseMemory();
+        events.add("error", "", "out of memory: the recording ends here");
+        return "out_of_memory";
+    }
 }
 
 } // namespace
@@ -55,7 +68,7 @@ int recordTest(const Description &test, const RecordOptions &options)
 
     const ZeroLines zeroes(tracks);
     Session session({test, events, file, watch, children, signals, channels});
-    const char *end = session.run();
+    const char *end = runToItsEnd(session, file, events);
     const double seconds = events.seconds();
     file.finish(end, events);
     printSummary(test, file, events, {end, seconds, std::filesystem::file_size(file.path())}, options.json);

@@ -66,7 +66,7 @@ void printSummary(const Description &test, const DataFile &file, const Events &e
                         {"seconds", outcome.seconds},
                         {"bytes", outcome.bytes},
                         {"complete", status == kDone},
-                        {"ledger", ledgerJson(file, true)},
+                        {"ledger", ledgerJson(file)},
                         {"events", eventsJson(events)}};
         fmt::print("{}\n", summary.dump(2, ' ', false, Json::error_handler_t::replace));
         return;

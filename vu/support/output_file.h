@@ -1,33 +1,37 @@
-// A result file that appears whole or not at all: written under a temporary name, renamed when it is
+// A result file that appears complete or not at all: it is written without a name and named when it is
 // finished.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <string_view>
+
+#include "vu/support/new_file.h"
 
 namespace vu {
 
 class OutputFile {
 public:
     // Refuses an existing `path` unless `force`. Throws InputError, or std::runtime_error with the path and
-    // the system's reason.
+    // the system's reason, and so do the functions below.
     OutputFile(std::filesystem::path path, bool force);
-    ~OutputFile(); // an unfinished file is removed
-    OutputFile(const OutputFile &) = delete;
-    OutputFile &operator=(const OutputFile &) = delete;
 
+    // Says that so many bytes will come: a disk that has no room for them is noticed here.
+    void expect(uint64_t bytes);
     void write(std::string_view bytes);
-    // Flushes and checks every write so far. Returns where the file stands until finish(), to read it again.
+    // Writes what is gathered. Returns where the file can be read again until finish().
     const std::filesystem::path &flushed();
-    // Flushes, checks every write so far, and gives the file its name.
+    // Writes what is gathered and gives the file its name.
     void finish();
 
 private:
-    std::filesystem::path path_;
-    std::filesystem::path temporary_;
-    std::ofstream out_;
+    void drain();
+
+    NewFile file_;
+    std::filesystem::path readable_;
+    std::string gathered_;
+    bool expected_ = false;
 };
 
 } // namespace vu
