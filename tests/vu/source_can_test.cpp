@@ -54,7 +54,7 @@ std::vector<Timed> messagesOf(const Stream &stream, int64_t end = -1)
 
 std::string shown(const CandumpLine &line)
 {
-    static constexpr const char *kOthers[] = {"", "blank", "FD", "error", "bad"};
+    static constexpr const char *kOthers[] = {"", "blank", "comment", "FD", "too long", "error", "bad"};
     if (line.kind != CandumpLine::Kind::Frame)
         return kOthers[static_cast<size_t>(line.kind)];
     WireWriter wire;
@@ -95,7 +95,7 @@ TEST_F(CandumpLog, BringsEveryFrameAtItsTimePlainOrCompressed)
     }
     writeText(folder.path("a.log"), text);
     EXPECT_EQ(play("a.log"), expected);
-    EXPECT_THAT(said, HasSubstr("lines that are no frame left out: 100"));
+    EXPECT_THAT(said, HasSubstr("lines that cannot be read left out: 100"));
     EXPECT_THAT(said, HasSubstr("a.log:9: 'rubbish'"));
 
     const gzFile packed = gzopen(folder.path("a.gz").c_str(), "wb");
@@ -110,6 +110,30 @@ TEST_F(CandumpLog, BringsEveryFrameAtItsTimePlainOrCompressed)
     EXPECT_THAT(said, HasSubstr("bad.gz:"));
     EXPECT_GT(whole.size(), 1000u);
     EXPECT_TRUE(std::equal(whole.begin(), whole.begin() + 1000, expected.begin()));
+
+    bytes = readText(folder.path("a.gz")); // a file that is cut comes to an end like any other
+    writeText(folder.path("cut.gz"), bytes.substr(0, bytes.size() * 3 / 4));
+    EXPECT_GT(play("cut.gz", 2).size(), 1000u);
+    EXPECT_THAT(said, HasSubstr("ends in the middle of its compressed data"));
+    EXPECT_THAT(said, HasSubstr("pieces that are cut off left out: 1"));
+}
+
+// A log that is no single channel is refused before anybody listens, and at a trial too.
+TEST_F(CandumpLog, OfSeveralBusesOrWithoutATimeAxisIsRefused)
+{
+    for (const Strings &parts : cases("vu/candump_logs.txt")) {
+        writeText(folder.path("a.log"), parts[1]);
+        const std::string line = "source candump --try --listen unix:any " + folder.path("a.log").string();
+        const CommandResult tried = runVu(words(line + ' ' + parts[0]));
+        EXPECT_EQ(tried.status, parts[2].empty() ? 0 : 2) << tried.err;
+        EXPECT_THAT(tried.err, HasSubstr(parts[2]));
+    }
+    std::string late; // the other bus comes after the part that is looked at beforehand
+    for (int i = 0; i < 200'010; i++)
+        late += fmt::format("({}.{:03}) can{} 123#\n", i / 1000, i % 1000, i > 200'005 ? 1 : 0);
+    writeText(folder.path("late.log"), late);
+    EXPECT_EQ(play("late.log", 2).size(), 200'006u);
+    EXPECT_THAT(said, HasSubstr("late.log:200007: frames of the bus can1 follow those of can0"));
 }
 
 TEST_F(CandumpLog, WithoutTimesHasItsFramesEvenlySpaced)
@@ -119,7 +143,7 @@ TEST_F(CandumpLog, WithoutTimesHasItsFramesEvenlySpaced)
     EXPECT_THAT(play("a.log --spacing 0.02 --tail 0.03", 0, 2'800'000),
                 ElementsAre(Timed(0, "1 01 0100000000000000"), Timed(800'000, "2 01 0200000000000000"),
                             Timed(1'600'000, "4 00 0000000000000000")));
-    EXPECT_THAT(said, HasSubstr("FD frames left out: 1"));
+    EXPECT_THAT(said, HasSubstr("FD frames with more than 8 bytes left out: 1"));
 }
 
 // The kernel, played by a script: what arrives at which moment.
@@ -165,8 +189,11 @@ TEST(LiveCan, BringsFramesWithKernelTimesAndTellsTimeBetween)
         ASSERT_TRUE(can.take(wire, wake));
     }
     EXPECT_EQ(messagesOf(cut(wire)), expected);
-    EXPECT_THAT(can.notes(), ElementsAre("FD frames left out: 30", "error frames left out: 30",
-                                         "frames lost in the kernel, which had no room for them: 2"));
+    const std::map<std::string, uint64_t> leftOut = {
+        {"can_fd", 30}, {"error_frames", 30}, {"lost_in_kernel", 2}};
+    EXPECT_EQ(can.account().leftOut(), leftOut);
+    EXPECT_EQ(can.account().readSoFar(), 3002u);
+    EXPECT_EQ(can.account().wroteSoFar(), 2940u);
 }
 
 } // namespace

@@ -113,6 +113,8 @@ TEST(SourceFaults, AreWhatTheyAreToldToBe)
 {
     const Stream clean = replay(counting());
     ASSERT_EQ(clean.records.size(), 200u);
+    for (size_t i = 0; i < 200; ++i) // the time of the first sample, so that what was dropped leaves a gap
+        ASSERT_EQ(numberAt<int64_t>(clean.records[i], 0), static_cast<int64_t>(i) * 400'000);
 
     std::string said;
     const Stream dropped = replay(counting("--faults drop=7,split=5,stall=0.05@0.5"), 0, &said);

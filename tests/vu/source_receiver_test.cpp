@@ -33,7 +33,7 @@ std::vector<Timed> eventsOf(const Stream &stream)
 
 TEST(NmeaLine, IsASentenceWithAFittingChecksumOrNone)
 {
-    const char *const kinds[] = {"sentence", "blank", "bad"};
+    const char *const kinds[] = {"sentence", "blank", "comment", "checksum", "bad"};
     for (const Strings &parts : cases("vu/nmea_lines.txt")) {
         const std::string line = nlohmann::json::parse(parts[0]);
         const NmeaLine got = parseNmeaLine(line);
@@ -112,10 +112,10 @@ TEST(LiveReceiver, StampsSentencesByTheirBeginningAndPulsesByTheirOwn)
     script.pulses = {at(-0.5), at(0.5), at(1.5)};
     script.pieces = {{at(0), "half a sentence*00\r"},
                      {at(0.6), "\n$GPGSA"},
-                     {at(0.7), ",A\r\n$GPGSV,1\r\nnoise\r\n"},
+                     {at(0.7), ",A\r\n$GNGSV,1*56\r\nnoise\r\n$GPGSV,1*00\r\n"},
                      {at(1.6), "$GPGSA,B"},
                      {at(1.7), "\r\n$GPGSA"}};
-    LiveReceiver receiver(std::move(port), "/dev/receiver");
+    LiveReceiver receiver(std::move(port), "/dev/receiver", Talkers("GN"));
     receiver.start();
     WireWriter wire;
     int64_t wake = 0;
@@ -127,9 +127,12 @@ TEST(LiveReceiver, StampsSentencesByTheirBeginningAndPulsesByTheirOwn)
             fmt::format("{:.2f} {}", std::floor(static_cast<double>(ticks) / kSecond * 20) / 20, text));
         EXPECT_TRUE(text != "#pps" || ticks % kSecond == kSecond / 2); // to the tick
     }
-    EXPECT_THAT(got, ElementsAre("0.05 #hb", "0.50 #pps", "0.35 #hb", "0.60 $GPGSA,A", "0.70 $GPGSV,1",
+    EXPECT_THAT(got, ElementsAre("0.05 #hb", "0.50 #pps", "0.35 #hb", "0.60 $GPGSA,A", "0.70 $GPGSV,1*48",
                                  "0.75 #hb", "1.05 #hb", "1.50 #pps", "1.35 #hb", "1.60 $GPGSA,B"));
-    EXPECT_THAT(receiver.notes(), ElementsAre(HasSubstr("left out: 1"), HasSubstr("/dev/receiver: 'noise'")));
+    EXPECT_THAT(receiver.account().lines(),
+                ElementsAre(HasSubstr("/dev/receiver: sentences of the talker GN are taken as those of GP"),
+                            HasSubstr("checksum is wrong left out: 1"), HasSubstr("$GPGSV,1*00"),
+                            HasSubstr("left out: 1"), HasSubstr("/dev/receiver: 'noise'")));
 }
 
 } // namespace

@@ -1,5 +1,3 @@
-#include "vu/command.h"
-
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <fmt/format.h>
@@ -24,14 +22,31 @@ const ServeOptions &CommonOptions::settled()
     return serve;
 }
 
+void expectSeconds(const char *option, double value, double least, double most)
+{
+    if (!(value >= least && value <= most))
+        throw InputError(fmt::format("{}: expected {} to {} seconds, got {}", option, least, most, value));
+}
+
+void expectLongestGap(double seconds)
+{
+    if (!(seconds > 0.0))
+        throw InputError(fmt::format("--longest-gap: expected seconds above 0, got {}", seconds));
+}
+
 std::shared_ptr<CommonOptions> addCommonOptions(CLI::App &kind)
 {
     auto common = std::make_shared<CommonOptions>();
     ServeOptions &serve = common->serve;
     const auto group = [](CLI::Option *option) { option->group("Channel"); };
     group(kind.add_option("--listen", serve.listen,
-                          "unix:PATH or tcp:HOST:PORT; with port 0 the chosen address is printed")
+                          "unix:PATH, or tcp:HOST:PORT (with port 0 the chosen address is printed), or fd:N, "
+                          "a listening\nunix socket that was inherited: it serves the process that started "
+                          "this one, and nobody else")
               ->required());
+    group(kind.add_option("--account", serve.account,
+                          "descriptor that was inherited: what was read, sent and left out goes there as "
+                          "JSON lines"));
     group(kind.add_option("--data-type", serve.dataType, "data_type of the channel's stanza"));
     group(kind.add_option("--connector", serve.connector, "connector of the channel's stanza"));
     group(kind.add_option("--sample-rate", serve.sampleRate, "samples per second"));
@@ -42,8 +57,16 @@ std::shared_ptr<CommonOptions> addCommonOptions(CLI::App &kind)
     group(kind.add_option("--seed", serve.seed, "of everything random [1]"));
     group(kind.add_option("--faults", common->faults,
                           fmt::format("misbehave: {}. N counts records", FaultSpec::help())));
-    group(kind.add_flag("--try", serve.tryOnly, "tells what would be refused, and serves nobody"));
+    group(kind.add_flag("--try", serve.tryOnly, "says what would be refused, and serves nobody"));
     return common;
+}
+
+void addLeaveOut(CLI::App &kind)
+{
+    kind.add_option_function<std::string>(
+            "--leave-out", [](const std::string &) {},
+            "can_fd: that CAN FD frames of more than 8 bytes are left out is wanted, and no loss")
+        ->check(CLI::IsMember({"can_fd"}));
 }
 
 void addSource(CLI::App &app, Action &chosen)

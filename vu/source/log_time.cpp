@@ -1,7 +1,10 @@
 #include "vu/source/log_time.h"
 
 #include <algorithm>
+#include <cmath>
+#include <fmt/format.h>
 
+#include "vu/command.h"
 #include "vu/source/serve/wire_writer.h"
 
 namespace vu {
@@ -96,6 +99,15 @@ std::optional<int64_t> parseLogTime(std::string_view text)
     if (seconds)
         seconds = *seconds + day;
     return together(seconds, text.substr(std::min(point + 1, text.size())));
+}
+
+void checkStep(int64_t ticks, double longestGap, const std::string &where)
+{
+    const double seconds = static_cast<double>(ticks) / kTicksPerSecond;
+    if (std::abs(seconds) > longestGap)
+        throw InputError(fmt::format("{}: the time steps {} by {:.0f} s, more than --longest-gap {:g}: what "
+                                     "follows is not taken",
+                                     where, seconds < 0.0 ? "back" : "forth", std::abs(seconds), longestGap));
 }
 
 std::optional<int64_t> parseTimeOfDay(std::string_view text)

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace vu {
@@ -14,5 +15,9 @@ std::optional<int64_t> parseLogTime(std::string_view text);
 
 // A time of day, "hhmmss" with or without a fraction, in ticks since midnight.
 std::optional<int64_t> parseTimeOfDay(std::string_view text);
+
+// Throws InputError, which names `where`, if the times of a log step by more than `longestGap` seconds, forth
+// or back: one wrong time would make a recording without an end.
+void checkStep(int64_t ticks, double longestGap, const std::string &where);
 
 } // namespace vu

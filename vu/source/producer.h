@@ -2,9 +2,8 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
-#include <vector>
 
+#include "vu/source/serve/input_account.h"
 #include "vu/source/serve/wire_writer.h"
 
 namespace vu {
@@ -16,8 +15,10 @@ public:
     // Writes the next records that go out together, and sets the time at which they are due, in ticks from
     // the start of the source. False at the end of the data; what was written then still goes out.
     virtual bool next(WireWriter &wire, int64_t &dueTicks) = 0;
-    // What was counted and left out, a line each.
-    virtual std::vector<std::string> notes() const { return {}; }
+    const InputAccount &account() const { return account_; }
+
+protected:
+    InputAccount account_;
 };
 
 // Data that comes from outside at its own time.
@@ -31,7 +32,10 @@ public:
     // Writes what has come since, and sets the time of the next call that must not be later, in ticks from
     // the start. False when nothing more can come.
     virtual bool take(WireWriter &wire, int64_t &wakeTicks) = 0;
-    virtual std::vector<std::string> notes() const { return {}; }
+    const InputAccount &account() const { return account_; }
+
+protected:
+    InputAccount account_;
 };
 
 } // namespace vu

@@ -5,24 +5,11 @@
 #include <cstring>
 #include <fmt/format.h>
 
-#include "vu/command.h"
-
 namespace vu {
 
 namespace {
 
 constexpr size_t kLineLimit = 4096;
-constexpr size_t kExamples = 5;
-constexpr size_t kExampleLength = 60;
-
-// What a terminal can show: a log may hold anything.
-std::string printable(std::string_view text)
-{
-    std::string shown(text.substr(0, kExampleLength));
-    std::replace_if(
-        shown.begin(), shown.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    return text.size() > kExampleLength ? shown + "..." : shown;
-}
 
 } // namespace
 
@@ -42,7 +29,20 @@ bool TextLines::refill()
             fmt::format("{}:{}: {}", path_, number_ + 1, error == Z_ERRNO ? std::strerror(errno) : reason));
     }
     unread_ = std::string_view(buffer_.data(), static_cast<size_t>(count));
-    return count > 0;
+    if (count > 0)
+        return true;
+    // A cut file comes as an ordinary end, with this for the only sign.
+    int error = Z_OK;
+    gzerror(file_.get(), &error);
+    if (error == Z_BUF_ERROR)
+        throw TruncatedInput(
+            fmt::format("{}:{}: the file ends in the middle of its compressed data", path_, number_ + 1));
+    return false;
+}
+
+std::string TextLines::where() const
+{
+    return fmt::format("{}:{}", path_, number_);
 }
 
 bool TextLines::next(std::string &line)
@@ -51,39 +51,20 @@ bool TextLines::next(std::string &line)
     if (unread_.empty() && !refill())
         return false;
     ++number_;
+    cut_ = true;
     do {
         const size_t end = std::min(unread_.find('\n'), unread_.size());
         line.append(unread_.substr(0, std::min(end, kLineLimit - line.size())));
         const bool whole = end < unread_.size();
         unread_.remove_prefix(whole ? end + 1 : end);
-        if (whole)
+        if (whole) {
+            cut_ = false;
             break;
+        }
     } while (refill());
     if (line.ends_with('\r'))
         line.pop_back();
     return true;
-}
-
-void LeftOut::add(const std::string &what, const std::string &where, std::string_view text)
-{
-    auto cause = std::find_if(causes_.begin(), causes_.end(), [&](const Cause &c) { return c.what == what; });
-    if (cause == causes_.end())
-        cause = causes_.insert(cause, Cause{what, 0, {}});
-    if (++cause->count <= kExamples)
-        cause->examples.push_back(fmt::format("{}: '{}'", where, printable(text)));
-}
-
-std::vector<std::string> LeftOut::notes() const
-{
-    std::vector<std::string> lines;
-    for (const Cause &cause : causes_) {
-        lines.push_back(fmt::format("{} left out: {}", cause.what, cause.count));
-        for (const std::string &example : cause.examples)
-            lines.push_back("  " + example);
-        if (cause.count > cause.examples.size())
-            lines.push_back(fmt::format("  and {} more", cause.count - cause.examples.size()));
-    }
-    return lines;
 }
 
 } // namespace vu

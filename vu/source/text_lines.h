@@ -1,4 +1,4 @@
-// The lines of a text file, plain or compressed with gzip, and the account of those that were left out.
+// The lines of a text file, plain or compressed with gzip.
 #pragma once
 
 #include <cstdint>
@@ -8,15 +8,24 @@
 #include <vector>
 #include <zlib.h>
 
+#include "vu/command.h"
+
 namespace vu {
+
+// The file ends in the middle of its compressed data.
+struct TruncatedInput : InputError {
+    using InputError::InputError;
+};
 
 class TextLines {
 public:
     explicit TextLines(const std::string &path); // throws InputError
     // The next line without its end; false at the end of the file. Of a line longer than 4 KiB only the
-    // beginning is kept. Throws InputError at a damaged or unreadable place.
+    // beginning is kept. Throws InputError at a damaged or unreadable place, TruncatedInput at a cut one.
     bool next(std::string &line);
     uint64_t number() const { return number_; } // of the line last read, from 1
+    bool endedInLine() const { return cut_; }   // the line last read has no end: the file may be cut
+    std::string where() const;                  // "FILE:LINE" of it
     const std::string &path() const { return path_; }
 
 private:
@@ -30,22 +39,7 @@ private:
     std::vector<char> buffer_ = std::vector<char>(65536);
     std::string_view unread_; // of `buffer_`
     uint64_t number_ = 0;
-};
-
-// What a source had to leave out: the first few by name, all by number.
-class LeftOut {
-public:
-    // `what`, in the plural: "lines that are no frame".
-    void add(const std::string &what, const std::string &where, std::string_view text);
-    std::vector<std::string> notes() const;
-
-private:
-    struct Cause {
-        std::string what;
-        uint64_t count = 0;
-        std::vector<std::string> examples;
-    };
-    std::vector<Cause> causes_;
+    bool cut_ = false;
 };
 
 } // namespace vu

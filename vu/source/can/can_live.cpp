@@ -1,8 +1,6 @@
 #include "vu/source/can/can_live.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <fmt/format.h>
 
 #include "vu/source/kinds.h"
 
@@ -20,9 +18,19 @@ constexpr int64_t kWakeTicks = kCanTimeSpacing - kMarginTicks;
 
 void LiveCan::start()
 {
-    while (port_->receive()) // what came before the reader is nobody's
-        ;
+    while (const auto arrival = port_->receive()) // what came before the reader is nobody's
+        lost_ = std::max(lost_, arrival->lostSoFar);
     start_ = port_->nowTicks();
+}
+
+// The kernel counts what it had no room for since the interface was opened, and says so with a later frame.
+void LiveCan::noteLost(const CanArrival &arrival)
+{
+    if (arrival.lostSoFar <= lost_)
+        return;
+    account_.read(arrival.lostSoFar - lost_);
+    account_.leaveOut("lost_in_kernel", arrival.lostSoFar - lost_);
+    lost_ = arrival.lostSoFar;
 }
 
 bool LiveCan::take(WireWriter &wire, int64_t &wakeTicks)
@@ -35,12 +43,14 @@ bool LiveCan::take(WireWriter &wire, int64_t &wakeTicks)
         const auto arrival = port_->receive();
         if (!arrival)
             break;
-        lost_ = std::max(lost_, arrival->lostSoFar);
+        noteLost(*arrival);
+        account_.read();
         if (arrival->kind == CanArrival::Kind::Fd) {
-            ++fd_;
+            account_.leaveOut("can_fd");
         } else if (arrival->kind == CanArrival::Kind::Error) {
-            ++errors_;
+            account_.leaveOut("error_frames");
         } else {
+            account_.wrote();
             const int64_t ticks = std::max<int64_t>(0, arrival->ticks - start_);
             writeCan(wire, ticks, arrival->frame);
             any = true;
@@ -55,32 +65,20 @@ bool LiveCan::take(WireWriter &wire, int64_t &wakeTicks)
     return true;
 }
 
-std::vector<std::string> LiveCan::notes() const
-{
-    std::vector<std::string> lines;
-    if (fd_ != 0)
-        lines.push_back(fmt::format("FD frames left out: {}", fd_));
-    if (errors_ != 0)
-        lines.push_back(fmt::format("error frames left out: {}", errors_));
-    if (lost_ != 0)
-        lines.push_back(fmt::format("frames lost in the kernel, which had no room for them: {}", lost_));
-    return lines;
-}
-
 void addCan(CLI::App &source, Action &chosen)
 {
     CLI::App *kind = source.add_subcommand(
-        "can", "The frames of a SocketCAN interface, live, with the kernel's timestamps\n"
-               "Times count from the moment when the reader came.\n"
-               "Example: vu source can can0 --listen unix:run/can0.sock");
+        "can",
+        "The frames of a SocketCAN interface, live, with the kernel's timestamps\n"
+        "Times count from the moment when the reader came. CAN FD frames of at most 8 bytes are taken like\n"
+        "classic ones.\n"
+        "Example: vu source can can0 --listen unix:run/can0.sock");
     auto interface = std::make_shared<std::string>();
     kind->add_option("INTERFACE", *interface, "such as can0")->required();
-    const auto common = addCommonOptions(*kind);
-    kind->callback([interface, common, &chosen] {
-        chosen = [interface, common] {
-            LiveCan can(openCan(*interface));
-            return serve(common->settled(), can);
-        };
+    addLeaveOut(*kind);
+    chooseKind(*kind, chosen, interface, [](const ServeOptions &serving, const std::string &name) {
+        LiveCan can(openCan(name));
+        return serve(serving, can);
     });
 }
 

@@ -15,15 +15,14 @@ public:
     void start() override;
     int descriptor() const override { return port_->descriptor(); }
     bool take(WireWriter &wire, int64_t &wakeTicks) override;
-    std::vector<std::string> notes() const override;
 
 private:
+    void noteLost(const CanArrival &arrival);
+
     std::unique_ptr<CanPort> port_;
     int64_t start_ = 0;
-    int64_t told_ = 0; // the latest time sent
-    uint64_t fd_ = 0;
-    uint64_t errors_ = 0;
-    uint64_t lost_ = 0;
+    int64_t told_ = 0;  // the latest time sent
+    uint64_t lost_ = 0; // in the kernel, as it counts them
 };
 
 } // namespace vu

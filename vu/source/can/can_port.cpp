@@ -103,7 +103,8 @@ std::optional<CanArrival> KernelCan::receive()
 
     CanArrival arrival;
     readControl(message, arrival);
-    if (count != CAN_MTU) {
+    const bool fd = count == CANFD_MTU;
+    if (count != CAN_MTU && !(fd && frame.len <= CAN_MAX_DLEN)) {
         arrival.kind = CanArrival::Kind::Fd;
         return arrival;
     }

@@ -11,8 +11,9 @@
 namespace vu {
 
 struct CanArrival {
+    // Fd: a CAN FD or CAN XL frame of more than 8 bytes; a smaller one is a Frame.
     enum class Kind { Frame, Fd, Error } kind = Kind::Frame;
-    CanFrame frame;         // of a classic frame
+    CanFrame frame;         // of a Frame
     int64_t ticks = 0;      // on the clock of nowTicks()
     uint64_t lostSoFar = 0; // frames that the kernel had no room for, since the interface was opened
 };

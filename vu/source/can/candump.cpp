@@ -1,11 +1,14 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
+#include <cstdlib>
 #include <exception>
 #include <fmt/format.h>
 
 #include "vu/command.h"
 #include "vu/source/can/candump_line.h"
+#include "vu/source/can/candump_survey.h"
 #include "vu/source/kinds.h"
+#include "vu/source/log_time.h"
 #include "vu/source/text_lines.h"
 
 namespace vu {
@@ -14,26 +17,26 @@ namespace {
 
 struct CandumpOptions {
     std::string file;
+    std::string bus;        // the interface whose frames are taken; empty: there is only one
     double spacing = 0.001; // seconds between frames that have no time
     double tail = 0.01;     // seconds
+    double longestGap = kLongestGap;
 };
-
-constexpr int64_t kSuspiciousGap = 3600 * kTicksPerSecond;
 
 class CandumpProducer : public Producer {
 public:
     explicit CandumpProducer(const CandumpOptions &options)
-        : options_(options), lines_(options.file),
+        : options_(options), lines_(options.file), bus_(options.bus),
           spacing_(static_cast<int64_t>(std::llround(options.spacing * kTicksPerSecond))),
           tail_(static_cast<int64_t>(std::llround(options.tail * kTicksPerSecond)))
     {
+        checkCandump(options.file, options.bus);
         if (!(ahead_ = parseNext()))
             throw InputError(fmt::format("{}: there is no CAN frame in it", options.file));
         first_ = ahead_->ticks;
     }
 
     bool next(WireWriter &wire, int64_t &dueTicks) override;
-    std::vector<std::string> notes() const override { return leftOut_.notes(); }
 
 private:
     struct Timed {
@@ -41,41 +44,74 @@ private:
         CanFrame frame;
     };
     std::optional<Timed> parseNext();
+    std::optional<Timed> take(const CandumpLine &line);
+    bool isWanted(const CandumpLine &line);
     void advance();
-    void leaveOut(const char *what) { leftOut_.add(what, where(), line_); }
-    std::string where() const { return fmt::format("{}:{}", lines_.path(), lines_.number()); }
+    void leaveOut(const char *cause) { account_.leaveOut(cause, lines_.where(), line_); }
 
     const CandumpOptions options_;
     TextLines lines_;
+    std::string bus_; // of the frames so far
     int64_t spacing_;
     int64_t tail_;
     std::string line_;
-    LeftOut leftOut_;
     std::optional<Timed> ahead_;
     int64_t first_ = 0;  // log time of the first frame
     int64_t parsed_ = 0; // log time of the frame last parsed
     int64_t told_ = 0;   // the latest time sent, from the first frame on
-    int64_t end_ = 0;    // when told_ gets here, all is told; set behind the last frame
+    int64_t end_ = 0;    // when told_ gets here, all is told; set after the last frame
     std::exception_ptr failure_;
 };
 
+// Frames of another bus than the one chosen are nobody's loss; where none was chosen there must be only one.
+bool CandumpProducer::isWanted(const CandumpLine &line)
+{
+    if (bus_.empty())
+        bus_ = line.bus;
+    if (bus_ == line.bus)
+        return true;
+    if (options_.bus.empty())
+        throw InputError(fmt::format("{}: frames of the bus {} follow those of {}: expected one of them as "
+                                     "bus (--bus)",
+                                     lines_.where(), line.bus, bus_));
+    account_.leaveOut("other_bus");
+    return false;
+}
+
+std::optional<CandumpProducer::Timed> CandumpProducer::take(const CandumpLine &line)
+{
+    const int64_t ticks = line.ticks.value_or(parsed_ + spacing_);
+    if (ahead_)
+        checkStep(ticks - parsed_, options_.longestGap, lines_.where());
+    parsed_ = ticks;
+    return Timed{ticks, line.frame};
+}
+
 std::optional<CandumpProducer::Timed> CandumpProducer::parseNext()
 {
+    using Kind = CandumpLine::Kind;
     while (lines_.next(line_)) {
         const CandumpLine line = parseCandumpLine(line_);
-        switch (line.kind) {
-        case CandumpLine::Kind::Blank: break;
-        case CandumpLine::Kind::Fd: leaveOut("FD frames"); break;
-        case CandumpLine::Kind::Error: leaveOut("error frames"); break;
-        case CandumpLine::Kind::Bad: leaveOut("lines that are no frame"); break;
-        case CandumpLine::Kind::Frame: {
-            const int64_t before = parsed_;
-            parsed_ = line.ticks.value_or(parsed_ + spacing_);
-            if (ahead_ && parsed_ - before > kSuspiciousGap)
-                fmt::print(stderr, "vu source: {}: the time jumps by {} s\n", where(),
-                           (parsed_ - before) / kTicksPerSecond);
-            return Timed{parsed_, line.frame};
+        if (line.isFrame()) {
+            if (!isWanted(line))
+                continue;
+            account_.read();
         }
+        switch (line.kind) {
+        case Kind::Blank: break;
+        case Kind::Comment: account_.leaveOut("comments"); break;
+        case Kind::Fd: leaveOut("can_fd"); break;
+        case Kind::TooLong: leaveOut("too_long"); break;
+        case Kind::Error: leaveOut("error_frames"); break;
+        case Kind::Bad:
+            account_.read();
+            leaveOut(lines_.endedInLine() ? "truncated" : "unreadable");
+            break;
+        case Kind::Frame:
+            if (lines_.endedInLine())
+                account_.note(
+                    fmt::format("{}: the last line has no end: its frame may be cut short", lines_.where()));
+            return take(line);
         }
     }
     return std::nullopt;
@@ -87,6 +123,7 @@ void CandumpProducer::advance()
         ahead_ = parseNext();
     } catch (const InputError &) {
         ahead_.reset(); // what came before the damage goes out first
+        account_.leaveOut("truncated");
         failure_ = std::current_exception();
     }
     if (!ahead_)
@@ -111,6 +148,7 @@ bool CandumpProducer::next(WireWriter &wire, int64_t &dueTicks)
         told_ = std::max(told_, ticks);
         if (ahead_) {
             writeCan(wire, ticks, ahead_->frame);
+            account_.wrote();
             advance();
         } else {
             writeCanTime(wire, told_);
@@ -129,6 +167,7 @@ void addCandump(CLI::App &source, Action &chosen)
     CLI::App *kind = source.add_subcommand(
         "candump", "The frames of a candump log, in its log form or its screen form, plain or gzip\n"
                    "Times count from the first frame; a time-only record follows at least every 10 ms.\n"
+                   "CAN FD frames of at most 8 bytes are taken like classic ones.\n"
                    "Example: vu source candump drive.log --listen unix:run/can0.sock --speed 10");
     auto options = std::make_shared<CandumpOptions>();
     kind->add_option("FILE", options->file, "the log")->required();
@@ -136,16 +175,18 @@ void addCandump(CLI::App &source, Action &chosen)
     kind->add_option("--tail", options->tail,
                      "seconds from the last frame to the time-only record at the end: values of the last "
                      "frames\nshow in channels whose sample period is not longer [0.01]");
-    const auto common = addCommonOptions(*kind);
-    kind->callback([options, common, &chosen] {
-        chosen = [options, common] {
-            for (const double seconds : {options->spacing, options->tail})
-                if (!(seconds >= 0.0 && seconds <= 60.0))
-                    throw InputError(
-                        fmt::format("--spacing, --tail: expected 0 to 60 seconds, got {}", seconds));
-            CandumpProducer producer(*options);
-            return serve(common->settled(), producer);
-        };
+    kind->add_option("--bus", options->bus,
+                     "the interface whose frames are taken, where the log has several [the only one]");
+    kind->add_option("--longest-gap", options->longestGap,
+                     "seconds: a longer step in the times of the log, forth or back, ends the source with "
+                     "the line's number [3600]");
+    addLeaveOut(*kind);
+    chooseKind(*kind, chosen, options, [](const ServeOptions &serving, const CandumpOptions &settled) {
+        expectSeconds("--spacing", settled.spacing, 0.0, 60.0);
+        expectSeconds("--tail", settled.tail, 0.0, 60.0);
+        expectLongestGap(settled.longestGap);
+        CandumpProducer producer(settled);
+        return serve(serving, producer);
     });
 }
 

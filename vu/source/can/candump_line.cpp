@@ -55,17 +55,40 @@ bool parseLength(std::string_view text, CanFrame &frame)
     return text.size() == 1 && wholeNumber(text, frame.length, 10) && frame.length <= frame.data.size();
 }
 
+// The bytes of a payload, with or without points between them. `wide`: what more than 8 bytes are.
+Kind parsePayload(std::string_view data, CanFrame &frame, Kind wide)
+{
+    bool tooWide = false;
+    while (!data.empty()) {
+        if (data.front() == '.')
+            data.remove_prefix(1);
+        tooWide = tooWide || frame.length == frame.data.size();
+        CanFrame beyond;
+        if (!parseByte(data.substr(0, 2), tooWide ? beyond : frame))
+            return Kind::Bad;
+        data.remove_prefix(2);
+    }
+    return tooWide ? wide : Kind::Frame;
+}
+
+// "##" and a digit of flags stand in front of the payload of an FD frame; more digits, of a CAN XL frame.
+Kind parseFdFrame(std::string_view data, CanFrame &frame)
+{
+    uint8_t flags = 0;
+    if (data.size() < 2 || !wholeNumber(data.substr(1, 1), flags, 16))
+        return Kind::Bad;
+    return parsePayload(data.substr(2), frame, Kind::Fd);
+}
+
 Kind parseLogFrame(std::string_view text, CanFrame &frame)
 {
     const size_t sign = text.find('#');
     const Kind kind = parseIdentifier(text.substr(0, sign), frame);
-    if (kind == Kind::Bad)
+    if (kind != Kind::Frame)
         return kind;
     std::string_view data = text.substr(sign + 1);
     if (data.starts_with('#'))
-        return Kind::Fd;
-    if (kind == Kind::Error)
-        return kind;
+        return parseFdFrame(data, frame);
     // A length code above 8 follows the data of a full frame and changes nothing about it.
     if (const size_t code = data.find('_'); code != std::string_view::npos && data.size() - code == 2)
         data = data.substr(0, code);
@@ -73,14 +96,22 @@ Kind parseLogFrame(std::string_view text, CanFrame &frame)
         frame.remote = true;
         return data.size() == 1 || parseLength(data.substr(1), frame) ? Kind::Frame : Kind::Bad;
     }
-    while (!data.empty()) {
-        if (data.front() == '.')
-            data.remove_prefix(1);
-        if (!parseByte(data.substr(0, 2), frame))
-            return Kind::Bad;
-        data.remove_prefix(2);
-    }
-    return Kind::Frame;
+    return parsePayload(data, frame, Kind::TooLong);
+}
+
+// "[5]" of a classic frame, "[08]" of an FD frame; more digits, "[0016]", of a CAN XL frame.
+Kind parseScreenLength(std::string_view text, size_t &length)
+{
+    // A code above 8 can follow the length of a full frame: "{9}".
+    if (const size_t brace = text.find('{'); brace != std::string_view::npos)
+        text = text.substr(0, brace);
+    if (text.size() < 3 || text.front() != '[' || text.back() != ']' ||
+        !wholeNumber(text.substr(1, text.size() - 2), length, 10))
+        return Kind::Bad;
+    const bool classic = text.size() == 3;
+    if (length <= CanFrame{}.data.size() && text.size() <= 4)
+        return Kind::Frame;
+    return classic ? Kind::TooLong : Kind::Fd;
 }
 
 Kind parseScreenFrame(std::string_view identifier, std::string_view rest, CanFrame &frame)
@@ -94,25 +125,16 @@ Kind parseScreenFrame(std::string_view identifier, std::string_view rest, CanFra
     const Kind kind = parseIdentifier(identifier, frame);
     if (kind != Kind::Frame)
         return kind;
-    std::string_view length = word(rest);
-    // Behind the length of a full frame a code above 8 can stand: "{9}".
-    if (const size_t brace = length.find('{'); brace != std::string_view::npos)
-        length = length.substr(0, brace);
-    if (length.size() < 3 || length.front() != '[' || length.back() != ']')
-        return Kind::Bad;
-    length = length.substr(1, length.size() - 2);
-    CanFrame announced;
-    if (length.size() > 1) // FD frames have lengths of two digits, XL frames more
-        return length.find_first_not_of("0123456789") == std::string_view::npos ? Kind::Fd : Kind::Bad;
-    if (!parseLength(length, announced))
-        return Kind::Bad;
+    size_t announced = 0;
+    if (const Kind size = parseScreenLength(word(rest), announced); size != Kind::Frame)
+        return size;
     std::string_view afterwards = rest;
     if (word(afterwards) == "remote") {
         frame.remote = true;
-        frame.length = announced.length;
+        frame.length = static_cast<uint8_t>(announced);
         return Kind::Frame;
     }
-    while (frame.length < announced.length)
+    while (frame.length < announced)
         if (!parseByte(word(rest), frame))
             return Kind::Bad;
     return Kind::Frame;
@@ -127,7 +149,7 @@ CandumpLine parseCandumpLine(std::string_view line)
     std::string_view peek = rest;
     const std::string_view first = word(peek);
     if (first.empty() || first.front() == '#') {
-        parsed.kind = Kind::Blank;
+        parsed.kind = first.empty() ? Kind::Blank : Kind::Comment;
         return parsed;
     }
     if (first.front() == '(') {
@@ -135,12 +157,13 @@ CandumpLine parseCandumpLine(std::string_view line)
         const size_t close = line.find(')');
         if (close == std::string_view::npos)
             return parsed;
-        parsed.ticks = parseLogTime(line.substr(open + 1, close - open - 1));
+        parsed.time = line.substr(open + 1, close - open - 1);
+        parsed.ticks = parseLogTime(parsed.time);
         if (!parsed.ticks)
             return parsed;
         rest = line.substr(close + 1);
     }
-    word(rest); // the interface: which of them brought a frame is not part of a channel
+    parsed.bus = word(rest);
     const std::string_view second = word(rest);
     parsed.kind = second.find('#') != std::string_view::npos ? parseLogFrame(second, parsed.frame)
                                                              : parseScreenFrame(second, rest, parsed.frame);

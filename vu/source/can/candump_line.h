@@ -11,16 +11,24 @@ namespace vu {
 
 struct CandumpLine {
     enum class Kind {
-        Frame,
-        Blank, // nothing in it, or a comment
-        Fd,    // a CAN FD or CAN XL frame
-        Error, // an error frame
-        Bad,   // no candump line
+        Frame,   // also a CAN FD frame of at most 8 bytes
+        Blank,   // nothing in it
+        Comment, // it begins with "#"
+        Fd,      // a CAN FD or CAN XL frame with more bytes
+        TooLong, // a classic frame with more than 8 bytes, which cannot be
+        Error,   // an error frame
+        Bad,     // no candump line
     } kind = Kind::Bad;
     std::optional<int64_t> ticks; // the time in front, cut to whole ticks
+    std::string_view time;        // the same as it stands in the line
+    std::string_view bus;         // the interface
     CanFrame frame;
+
+    // Whether a frame of some kind came on `bus`.
+    bool isFrame() const { return kind != Kind::Blank && kind != Kind::Comment && kind != Kind::Bad; }
 };
 
+// Both views are parts of `line`.
 CandumpLine parseCandumpLine(std::string_view line);
 
 } // namespace vu

@@ -8,6 +8,7 @@
 #include "vu/source/gps/nmea_live.h"
 #include "vu/source/gps/nmea_log.h"
 #include "vu/source/kinds.h"
+#include "vu/source/log_time.h"
 #include "vu/source/text_lines.h"
 
 namespace vu {
@@ -21,6 +22,8 @@ struct NmeaOptions {
     double latency = 0.1; // seconds
     double tail = 1.0;    // seconds
     unsigned baud = 9600;
+    std::string talker = "GN";
+    double longestGap = kLongestGap;
 };
 
 int64_t ticksOf(double seconds)
@@ -32,26 +35,27 @@ class NmeaProducer : public Producer {
 public:
     explicit NmeaProducer(const NmeaOptions &options)
         : lines_(options.input), latency_(ticksOf(options.latency)), tail_(ticksOf(options.tail)),
-          events_(options.pps)
+          longestGap_(options.longestGap), events_(options.pps), talkers_(options.talker)
     {
         if (!advance())
             throw InputError(fmt::format("{}: there is no NMEA sentence in it", options.input));
     }
 
     bool next(WireWriter &wire, int64_t &dueTicks) override;
-    std::vector<std::string> notes() const override { return leftOut_.notes(); }
 
 private:
     bool advance();
+    void leaveOut(NmeaLine::Kind kind);
     int64_t arrivalOf(const NmeaLine &line);
     bool finish(WireWriter &wire, int64_t &dueTicks);
 
     TextLines lines_;
     int64_t latency_;
     int64_t tail_;
+    double longestGap_;
     ReceiverEvents events_;
+    Talkers talkers_;
     FixTimes fixes_;
-    LeftOut leftOut_;
     std::string line_;
     std::string sentence_;        // the next to go out; empty at the end
     int64_t arrival_ = 0;         // of it, in ticks from the start
@@ -70,23 +74,40 @@ int64_t NmeaProducer::arrivalOf(const NmeaLine &line)
     return *line.arrival - *zero_;
 }
 
+void NmeaProducer::leaveOut(NmeaLine::Kind kind)
+{
+    using Kind = NmeaLine::Kind;
+    if (kind == Kind::Comment)
+        account_.leaveOut("comments");
+    if (kind != Kind::Bad && kind != Kind::BadChecksum)
+        return;
+    account_.read();
+    const char *cause = kind == Kind::BadChecksum ? "failed_checksum" : "unreadable";
+    account_.leaveOut(lines_.endedInLine() ? "truncated" : cause, lines_.where(), line_);
+}
+
 bool NmeaProducer::advance()
 {
     sentence_.clear();
     try {
         while (lines_.next(line_)) {
             const NmeaLine line = parseNmeaLine(line_);
-            if (line.kind == NmeaLine::Kind::Bad)
-                leftOut_.add("lines that are no sentence, or whose checksum is wrong",
-                             fmt::format("{}:{}", lines_.path(), lines_.number()), line_);
-            if (line.kind != NmeaLine::Kind::Sentence)
+            if (line.kind != NmeaLine::Kind::Sentence) {
+                leaveOut(line.kind);
                 continue;
-            arrival_ = arrivalOf(line);
+            }
+            account_.read();
+            const bool timed = zero_ && line.arrival;
+            const int64_t arrival = arrivalOf(line);
+            if (timed)
+                checkStep(arrival - arrival_, longestGap_, lines_.where());
+            arrival_ = arrival;
             latest_ = std::max(latest_, arrival_);
-            sentence_ = std::string(line.sentence) + "\r\n";
+            sentence_ = talkers_.translate(line.sentence, account_, lines_.where()) + "\r\n";
             return true;
         }
     } catch (const InputError &) {
+        account_.leaveOut("truncated");
         failure_ = std::current_exception(); // what came before the damage goes out first
     }
     return false;
@@ -106,9 +127,10 @@ bool NmeaProducer::next(WireWriter &wire, int64_t &dueTicks)
     constexpr int kLimit = 512;
     const int64_t together = arrival_;
     int count = 0;
-    do
+    do {
         wire.timed(arrival_, sentence_);
-    while (advance() && arrival_ == together && ++count < kLimit);
+        account_.wrote();
+    } while (advance() && arrival_ == together && ++count < kLimit);
     return true;
 }
 
@@ -128,13 +150,14 @@ bool NmeaProducer::finish(WireWriter &wire, int64_t &dueTicks)
 
 int serveNmea(const ServeOptions &serving, const NmeaOptions &options)
 {
-    for (const double seconds : {options.latency, options.tail})
-        if (!(seconds >= 0.0 && seconds <= 3600.0))
-            throw InputError(fmt::format("--latency, --tail: expected 0 to 3600 seconds, got {}", seconds));
+    expectSeconds("--latency", options.latency, 0.0, 3600.0);
+    expectSeconds("--tail", options.tail, 0.0, 3600.0);
+    expectLongestGap(options.longestGap);
     std::error_code ignored; // opening the file tells it better
     if (const auto status = std::filesystem::status(options.input, ignored);
         std::filesystem::is_character_file(status) || std::filesystem::is_fifo(status)) {
-        LiveReceiver receiver(openReceiver(options.input, options.baud, options.ppsDevice), options.input);
+        LiveReceiver receiver(openReceiver(options.input, options.baud, options.ppsDevice), options.input,
+                              Talkers(options.talker));
         return serve(serving, receiver);
     }
     NmeaProducer producer(options);
@@ -165,10 +188,13 @@ void addNmea(CLI::App &source, Action &chosen)
     kind->add_option("--baud", options->baud, "of a serial line [9600]");
     kind->add_option("--pps-device", options->ppsDevice,
                      "such as /dev/pps0: where a receiver's pulse comes in");
-    const auto common = addCommonOptions(*kind);
-    kind->callback([options, common, &chosen] {
-        chosen = [options, common] { return serveNmea(common->settled(), *options); };
-    });
+    kind->add_option("--talker", options->talker,
+                     "talkers whose sentences are taken as those of GP, which signals are made of, or none\n"
+                     "[GN, the talker of receivers for several systems]");
+    kind->add_option("--longest-gap", options->longestGap,
+                     "seconds: a longer step in the arrival times of a log, forth or back, ends the source "
+                     "with the\nline's number [3600]");
+    chooseKind(*kind, chosen, options, serveNmea);
 }
 
 } // namespace vu

@@ -11,8 +11,8 @@ constexpr int64_t kPulseLookTicks = kTicksPerSecond / 50; // a pulse has to go a
 
 } // namespace
 
-LiveReceiver::LiveReceiver(std::unique_ptr<ReceiverPort> port, std::string name)
-    : port_(std::move(port)), name_(std::move(name))
+LiveReceiver::LiveReceiver(std::unique_ptr<ReceiverPort> port, std::string name, const Talkers &talkers)
+    : port_(std::move(port)), name_(std::move(name)), talkers_(talkers)
 {
 }
 
@@ -57,10 +57,14 @@ void LiveReceiver::finishLine(WireWriter &wire)
 {
     if (line_.empty())
         return;
-    if (isSoundSentence(line_))
-        wire.timed(lineTicks_, line_ + "\r\n");
-    else if (started_)
-        leftOut_.add("lines that are no sentence, or whose checksum is wrong", name_, line_);
+    const Soundness soundness = soundnessOf(line_);
+    if (soundness == Soundness::Sound) {
+        wire.timed(lineTicks_, talkers_.translate(line_, account_, name_) + "\r\n");
+        account_.made();
+    } else if (started_) {
+        account_.read();
+        account_.leaveOut(causeOf(soundness), name_, line_);
+    }
     started_ = true;
     line_.clear();
 }

@@ -7,17 +7,15 @@
 #include "vu/source/gps/nmea_sentence.h"
 #include "vu/source/gps/receiver_port.h"
 #include "vu/source/producer.h"
-#include "vu/source/text_lines.h"
 
 namespace vu {
 
 class LiveReceiver : public LiveProducer {
 public:
-    LiveReceiver(std::unique_ptr<ReceiverPort> port, std::string name);
+    LiveReceiver(std::unique_ptr<ReceiverPort> port, std::string name, const Talkers &talkers);
     void start() override;
     int descriptor() const override { return port_->descriptor(); }
     bool take(WireWriter &wire, int64_t &wakeTicks) override;
-    std::vector<std::string> notes() const override { return leftOut_.notes(); }
 
 private:
     void gather(WireWriter &wire, std::string_view characters, int64_t ticks);
@@ -30,7 +28,7 @@ private:
     std::string line_;
     int64_t lineTicks_ = 0; // when the line began to come
     bool started_ = false;  // a line's beginning was seen: the first may be cut
-    LeftOut leftOut_;
+    Talkers talkers_;
 };
 
 } // namespace vu

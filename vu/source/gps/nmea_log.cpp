@@ -30,7 +30,7 @@ NmeaLine parseNmeaLine(std::string_view line)
     NmeaLine parsed;
     const size_t begin = line.find_first_not_of(" \t\r");
     if (begin == std::string_view::npos || line[begin] == '#') {
-        parsed.kind = NmeaLine::Kind::Blank;
+        parsed.kind = begin == std::string_view::npos ? NmeaLine::Kind::Blank : NmeaLine::Kind::Comment;
         return parsed;
     }
     line.remove_prefix(begin);
@@ -44,9 +44,12 @@ NmeaLine parseNmeaLine(std::string_view line)
             return parsed;
         line.remove_prefix(line.find_first_not_of(" \t", end));
     }
-    if (isSoundSentence(line)) {
+    const Soundness soundness = soundnessOf(line);
+    if (soundness == Soundness::Sound) {
         parsed.kind = NmeaLine::Kind::Sentence;
         parsed.sentence = line;
+    } else if (soundness == Soundness::WrongChecksum) {
+        parsed.kind = NmeaLine::Kind::BadChecksum;
     }
     return parsed;
 }

@@ -10,8 +10,10 @@ namespace vu {
 struct NmeaLine {
     enum class Kind {
         Sentence,
-        Blank, // nothing in it, or a comment
-        Bad,   // no sentence, or one whose checksum is wrong
+        Blank,       // nothing in it
+        Comment,     // it begins with "#"
+        BadChecksum, // a sentence whose checksum is wrong
+        Bad,         // no sentence
     } kind = Kind::Bad;
     std::optional<int64_t> arrival; // ticks since 1970-01-01, where the line begins with a time
     std::string_view sentence;      // of the line, from its "$" on

@@ -4,6 +4,8 @@
 #include <charconv>
 #include <fmt/format.h>
 
+#include "vu/command.h"
+
 namespace vu {
 
 namespace {
@@ -68,19 +70,59 @@ std::string nmeaSentence(std::string_view fields)
     return fmt::format("${}*{:02X}\r\n", fields, checksum(fields));
 }
 
-bool isSoundSentence(std::string_view line)
+Soundness soundnessOf(std::string_view line)
 {
     if (!line.starts_with('$') || line.size() < 2 ||
         !std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c <= '~'; }))
-        return false;
+        return Soundness::NoSentence;
     const size_t star = line.rfind('*');
     if (star == std::string_view::npos)
-        return true;
+        return Soundness::Sound;
     const std::string_view digits = line.substr(star + 1);
     uint8_t sum = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), sum, 16);
-    return error == std::errc{} && digits.size() == 2 && end == digits.data() + 2 &&
-           sum == checksum(line.substr(1, star - 1));
+    const bool right = error == std::errc{} && digits.size() == 2 && end == digits.data() + 2 &&
+                       sum == checksum(line.substr(1, star - 1));
+    return right ? Soundness::Sound : Soundness::WrongChecksum;
+}
+
+const char *causeOf(Soundness soundness)
+{
+    return soundness == Soundness::WrongChecksum ? "failed_checksum" : "unreadable";
+}
+
+Talkers::Talkers(const std::string &list)
+{
+    if (list == "none")
+        return;
+    std::string_view rest = list;
+    for (;;) {
+        const std::string_view talker = rest.substr(0, rest.find(','));
+        if (talker.size() != 2 ||
+            !std::all_of(talker.begin(), talker.end(), [](char c) { return c >= 'A' && c <= 'Z'; }))
+            throw InputError(fmt::format(
+                "--talker: expected talkers of two letters such as GN,GL, or none; got '{}'", list));
+        talkers_.emplace_back(talker);
+        if (talker.size() == rest.size())
+            return;
+        rest.remove_prefix(talker.size() + 1);
+    }
+}
+
+std::string Talkers::translate(std::string_view sentence, InputAccount &account, const std::string &where)
+{
+    const std::string_view talker = sentence.substr(1, 2);
+    if (std::find(talkers_.begin(), talkers_.end(), talker) == talkers_.end() || talker == "GP")
+        return std::string(sentence);
+    if (!noted_)
+        account.note(fmt::format("{}: sentences of the talker {} are taken as those of GP, as --talker says",
+                                 where, talker));
+    noted_ = true;
+    const size_t star = sentence.rfind('*');
+    std::string fields = "GP";
+    fields += sentence.substr(3, star == std::string_view::npos ? star : star - 3);
+    return star == std::string_view::npos ? '$' + fields
+                                          : fmt::format("${}*{:02X}", fields, checksum(fields));
 }
 
 std::string_view nmeaField(std::string_view sentence, size_t number)

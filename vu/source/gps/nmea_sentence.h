@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "vu/source/serve/input_account.h"
 #include "vu/source/serve/wire_writer.h"
 
 namespace vu {
@@ -43,9 +45,26 @@ constexpr int64_t kHeartbeatsPerSecond = 3;
 // "GPGSA,A,3" becomes "$GPGSA,A,3*hh\r\n".
 std::string nmeaSentence(std::string_view fields);
 
-// Whether the line, from its "$" on, is a whole sentence: printable characters, and if it has a checksum, the
-// right one.
-bool isSoundSentence(std::string_view line);
+// What a line is, from its "$" on: a sentence has printable characters, and if it has a checksum, the right
+// one.
+enum class Soundness { Sound, WrongChecksum, NoSentence };
+Soundness soundnessOf(std::string_view line);
+// The cause under which the account has a line that is not sound.
+const char *causeOf(Soundness soundness);
+
+// Receivers of several systems speak as the talker "GN". Signals are made of what the talker "GP" says.
+class Talkers {
+public:
+    // `list`: talkers that are taken as "GP", "GN,GL" for instance, or "none". Throws InputError.
+    explicit Talkers(const std::string &list);
+    // The sentence as "GP" would say it, with a new checksum if it has one, if it is of one of the talkers;
+    // else as it is. The first one becomes a note in the account, with its place.
+    std::string translate(std::string_view sentence, InputAccount &account, const std::string &where);
+
+private:
+    std::vector<std::string> talkers_;
+    bool noted_ = false;
+};
 
 // Field `number` of a sentence, counted from the id, which is 0; without the checksum. Empty if there is
 // none.

@@ -221,14 +221,10 @@ void addCsv(CLI::App &source, Action &chosen)
                      "yes, no or auto: the first line holds names [auto: if its cell is no number]");
     kind->add_option("--skip", options->skip,
                      "lines ahead of the table [all up to the last ***End_of_Header***]");
-    const auto common = addCommonOptions(*kind);
-    kind->callback([options, common, &chosen] {
-        chosen = [options, common] {
-            if (options->header != "auto" && options->header != "yes" && options->header != "no")
-                throw InputError(
-                    fmt::format("--header: expected yes, no or auto, got '{}'", options->header));
-            return serveSamples(common->settled(), std::make_unique<CsvReader>(*options));
-        };
+    chooseKind(*kind, chosen, options, [](const ServeOptions &serving, const CsvOptions &settled) {
+        if (settled.header != "auto" && settled.header != "yes" && settled.header != "no")
+            throw InputError(fmt::format("--header: expected yes, no or auto, got '{}'", settled.header));
+        return serveSamples(serving, std::make_unique<CsvReader>(settled));
     });
 }
 

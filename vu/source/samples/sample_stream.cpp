@@ -28,23 +28,37 @@ public:
     bool next(WireWriter &wire, int64_t &dueTicks) override
     {
         const size_t wanted = static_cast<size_t>(std::min<uint64_t>(block_.size(), left_));
-        const size_t count = reader_->read(std::span(block_).first(wanted));
+        const size_t count = take(std::span(block_).first(wanted));
+        account_.made(count);
         if (count > 0) {
             wire.beginRecord();
-            wire.big(ticksOf(sent_)); // not read by a recorder
+            wire.big(ticksOf(sent_)); // by this a recorder sees that records are missing
             wire.samples(std::span<const T>(block_).first(count));
             wire.endRecord();
         }
         sent_ += count;
         left_ -= count;
         dueTicks = ticksOf(sent_);
-        return count > 0 && left_ > 0; // behind a part of a block its reader tells the end, or what is wrong
+        if (count == 0)
+            account_.leaveOut("truncated", reader_->missing());
+        return count > 0 && left_ > 0; // after a part of a block its reader tells the end, or what is wrong
     }
 
 private:
+    size_t take(std::span<T> to)
+    {
+        try {
+            return reader_->read(to);
+        } catch (const InputError &) {
+            account_.leaveOut("unreadable");
+            throw;
+        }
+    }
+
     int64_t ticksOf(uint64_t sample) const
     {
-        return static_cast<int64_t>(std::min(static_cast<double>(sample) / rate_ * kTicksPerSecond, 9e18));
+        return static_cast<int64_t>(
+            std::min(std::round(static_cast<double>(sample) / rate_ * kTicksPerSecond), 9e18));
     }
 
     std::unique_ptr<SampleReader> reader_;

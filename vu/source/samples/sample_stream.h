@@ -1,6 +1,7 @@
 // Periodic samples as the records of a sequential channel, from whatever they are read.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <span>
 
@@ -16,6 +17,8 @@ public:
     virtual ~SampleReader() = default;
     virtual size_t read(std::span<float> out) = 0;
     virtual size_t read(std::span<double> out) = 0;
+    // Samples that the file should have and has not: it is cut.
+    virtual uint64_t missing() const { return 0; }
 };
 
 // Serves the reader's samples at `options.sampleRate`, `options.duration` seconds of them if that is set, as

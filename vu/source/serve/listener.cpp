@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <memory>
@@ -45,6 +46,18 @@ Listener::Listener(const Address &address) : address_(address)
         bindTcp();
     if (::listen(socket_.get(), 1) != 0)
         fail(address_);
+}
+
+Listener::Listener(int inherited)
+{
+    int listens = 0;
+    socklen_t size = sizeof listens;
+    if (getsockopt(inherited, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0 || listens == 0)
+        throw InputError(fmt::format("--listen: fd:{} is no listening socket", inherited));
+    socket_ = Descriptor(inherited);
+    inherited_ = true;
+    // One reader at a time: a stranger that was refused must not leave this process waiting in accept4().
+    fcntl(inherited, F_SETFL, fcntl(inherited, F_GETFL) | O_NONBLOCK);
 }
 
 Listener::~Listener()
@@ -96,14 +109,24 @@ void Listener::bindTcp()
                                                        : reinterpret_cast<sockaddr_in &>(chosen).sin_port);
 }
 
+// A socket that was handed down serves the process that did so: a stranger could come first and would take
+// the data of a recording with it.
+bool Listener::isWanted(int reader) const
+{
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    return !inherited_ ||
+           (getsockopt(reader, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid == getppid());
+}
+
 Descriptor Listener::accept(const StopSignals &signals)
 {
     while (!signals.asked()) {
         pollfd event{socket_.get(), POLLIN, 0};
         signals.wait({&event, 1}, std::nullopt);
         Descriptor reader(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (!reader)
-            continue;     // a signal, or a reader that left again before its turn
+        if (!reader || !isWanted(reader.get()))
+            continue;     // a signal, a reader that left again before its turn, or a stranger
         const int on = 1; // small records go out at once; a unix socket does not know the option
         setsockopt(reader.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         socket_.close();

@@ -1,4 +1,5 @@
-// The socket on which a source waits for its one reader.
+// The socket on which a source waits for its one reader: one of its own, or one that the recorder made and
+// handed down when it started the source.
 #pragma once
 
 #include "vu/source/serve/stop_signals.h"
@@ -12,7 +13,10 @@ public:
     // Listens at once. A unix socket that nobody listens on any more is replaced, and the folder of its path
     // is made. Throws InputError or std::runtime_error, with the address in the text.
     explicit Listener(const Address &address);
-    ~Listener(); // takes the unix socket's name away
+    // Waits on a listening unix socket that this process inherited, for the process that started it and for
+    // nobody else. Throws InputError if the descriptor is no such socket.
+    explicit Listener(int inherited);
+    ~Listener(); // takes the name of its own unix socket away
     Listener(const Listener &) = delete;
     Listener &operator=(const Listener &) = delete;
 
@@ -23,10 +27,12 @@ public:
 private:
     void bindUnix();
     void bindTcp();
+    bool isWanted(int reader) const;
 
     Address address_;
     Descriptor socket_;
     bool ownsPath_ = false;
+    bool inherited_ = false;
 };
 
 } // namespace vu

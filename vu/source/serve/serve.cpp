@@ -1,8 +1,12 @@
 #include "vu/source/serve/serve.h"
 
+#include <charconv>
 #include <cmath>
+#include <deque>
 #include <exception>
 #include <fmt/core.h>
+#include <functional>
+#include <optional>
 
 #include "vu/command.h"
 #include "vu/source/serve/connection.h"
@@ -39,14 +43,17 @@ private:
 
 class Service {
 public:
-    Service(const ServeOptions &options, Connection &connection)
-        : options_(options), connection_(connection), pacer_(options.speed), wire_(options.endian),
-          faults_(options.faults, options.seed)
+    Service(const ServeOptions &options, Connection &connection, const InputAccount &account,
+            AccountReport &report)
+        : options_(options), connection_(connection), account_(account), report_(report),
+          pacer_(options.speed), wire_(options.endian), faults_(options.faults, options.seed)
     {
         if (options.faults.splitBytes != 0)
             connection_.setPieces(options.faults.splitBytes);
         wire_.marker();
         connection_.queue(wire_.bytes());
+        connection_.send(); // whatever the reader says first, it finds a channel
+        queued_ = wire_.bytes().size();
         wire_.clear();
         endTicks_ = options.duration > 0.0
                         ? static_cast<int64_t>(std::min(options.duration * kTicksPerSecond, kFarTicks))
@@ -57,17 +64,30 @@ public:
     void relay(LiveProducer &producer, const StopSignals &signals);
     int finish();
     const FaultyRecords &faults() const { return faults_; }
+    // How much of what the account calls written the reader's socket has taken.
+    uint64_t sent();
 
 private:
+    // The account when so many bytes had been queued.
+    struct Mark {
+        uint64_t bytes;
+        uint64_t wrote;
+    };
+
     bool open() const { return connection_.state() == Connection::State::Open && !closed_; }
     void emit(int64_t dueTicks);
 
     const ServeOptions &options_;
     Connection &connection_;
+    const InputAccount &account_;
+    AccountReport &report_;
     Pacer pacer_;
     WireWriter wire_;
     FaultyRecords faults_;
     std::vector<uint8_t> passed_;
+    std::deque<Mark> marks_; // that the socket has not yet reached
+    uint64_t queued_ = 0;    // bytes in all
+    uint64_t sent_ = 0;
     int64_t endTicks_;
     bool stallPending_ = true;
     bool closed_ = false; // by a fault
@@ -87,8 +107,18 @@ void Service::emit(int64_t dueTicks)
     closed_ = !faults_.pass(wire_, passed_);
     connection_.queue(passed_);
     wire_.clear();
+    queued_ += passed_.size();
+    marks_.push_back({queued_, account_.wroteSoFar()});
     if (options_.speed != 0.0 || connection_.queued() >= kSendChunk)
         connection_.send();
+    report_.look(account_, sent());
+}
+
+uint64_t Service::sent()
+{
+    for (; !marks_.empty() && marks_.front().bytes <= connection_.taken(); marks_.pop_front())
+        sent_ = marks_.front().wrote;
+    return sent_;
 }
 
 void Service::replay(Producer &producer, const StopSignals &signals)
@@ -142,23 +172,62 @@ int Service::finish()
     return kFailed;
 }
 
-template <class P, class Run>
-int serveWith(const ServeOptions &options, P &producer, Run run)
+// The number in "fd:N"; empty: it is an address.
+std::optional<int> inheritedSocket(const std::string &listen)
 {
-    const Address wanted = parseAddress(options.listen);
-    if (options.tryOnly)
-        return kDone;
-    const StopSignals signals;
-    Listener listener(wanted);
+    if (!listen.starts_with("fd:"))
+        return std::nullopt;
+    int number = -1;
+    const char *begin = listen.data() + 3, *end = listen.data() + listen.size();
+    if (const auto [stop, error] = std::from_chars(begin, end, number);
+        error != std::errc{} || stop != end || number < 0)
+        throw InputError(fmt::format("{}: expected fd:N, a descriptor", listen));
+    return number;
+}
+
+// Waits for the one reader, on the socket or the address that the options name.
+Descriptor acceptReader(const ServeOptions &options, const StopSignals &signals,
+                        const std::function<void()> &listening)
+{
+    if (const auto inherited = inheritedSocket(options.listen)) {
+        Listener listener(*inherited);
+        listening();
+        return listener.accept(signals);
+    }
+    Listener listener(parseAddress(options.listen));
+    listening();
     if (const Address &address = listener.address(); address.text() != options.listen) {
         fmt::print("{}\n", address.text());
         std::fflush(stdout);
     }
-    Descriptor reader = listener.accept(signals);
+    return listener.accept(signals);
+}
+
+// The text of an error that ended a source goes into the account: the recorder knows nothing else of it.
+void noteFailure(InputAccount &account, const std::exception_ptr &failure)
+{
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception &error) {
+        account.note(error.what());
+    }
+}
+
+template <class P, class Run>
+int serveWith(const ServeOptions &options, P &producer, Run run)
+{
+    if (options.tryOnly) {
+        if (!inheritedSocket(options.listen))
+            parseAddress(options.listen);
+        return kDone;
+    }
+    const StopSignals signals;
+    AccountReport report(options.account);
+    Descriptor reader = acceptReader(options, signals, [&] { report.write(producer.account(), 0, false); });
     if (!reader)
         return kDone;
     Connection connection(std::move(reader), signals);
-    Service service(options, connection);
+    Service service(options, connection, producer.account(), report);
     std::exception_ptr failure;
     try {
         run(service, signals);
@@ -166,9 +235,13 @@ int serveWith(const ServeOptions &options, P &producer, Run run)
         failure = std::current_exception();
     }
     const int status = service.finish();
-    for (const auto &lines : {producer.notes(), service.faults().notes()})
+    for (const auto &lines : {producer.account().lines(), service.faults().notes()})
         for (const std::string &line : lines)
             fmt::print(stderr, "vu source: {}\n", line);
+    InputAccount final = producer.account();
+    if (failure)
+        noteFailure(final, failure);
+    report.write(final, service.sent(), true);
     if (failure)
         std::rethrow_exception(failure);
     return status;

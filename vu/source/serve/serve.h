@@ -13,7 +13,8 @@ namespace vu {
 // What every kind of source is told. `sampleRate`, `dataType` and `connector` are those of the channel's
 // stanza.
 struct ServeOptions {
-    std::string listen;
+    std::string listen; // "unix:PATH", "tcp:HOST:PORT" or "fd:N"
+    int account = -1;   // descriptor for the account; -1: none
     std::string dataType;
     std::string connector;
     double sampleRate = 0.0; // samples per second; 0: not given
@@ -27,7 +28,8 @@ struct ServeOptions {
 
 // Both return an ExitStatus: kDone when everything was taken or the reader said "Stop", kFailed when the
 // reader went away before. An error of the producer ends the source after what it had written was sent, and
-// is thrown on. Notes go to standard error.
+// is thrown on. The account goes to standard
+// error, and to `options.account`.
 int serve(const ServeOptions &options, Producer &producer);
 int serve(const ServeOptions &options, LiveProducer &producer);
 

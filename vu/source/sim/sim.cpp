@@ -65,8 +65,7 @@ int simulate(ServeOptions serving, SimOptions sim)
         sim.rate = family == simulateGps ? 1.0 : serving.sampleRate > 0.0 ? serving.sampleRate : 100.0;
     if (!(sim.rate > 0.0 && sim.rate <= 1e7))
         throw InputError(fmt::format("--rate: expected above 0 and up to 1e7 a second, got {}", sim.rate));
-    if (!(sim.jitter >= 0.0 && sim.jitter <= 3600.0))
-        throw InputError(fmt::format("--jitter: expected 0 to 3600 seconds, got {}", sim.jitter));
+    expectSeconds("--jitter", sim.jitter, 0.0, 3600.0);
     sim.startTicks = parseStartTime(sim.startTime);
     const std::unique_ptr<Producer> producer = family(sim, serving);
     serving.duration = 0.0; // the producer ends by itself
@@ -149,12 +148,9 @@ void addSim(CLI::App &source, Action &chosen)
     kind->add_option("--amplitude", options->waveform.amplitude, "[1]");
     kind->add_option("--bias", options->waveform.bias, "added to every value [0]");
     addMessageOptions(*kind, *options);
-    const auto common = addCommonOptions(*kind);
-    kind->callback([options, shape, common, &chosen] {
-        chosen = [options, shape, common] {
-            options->waveform.shape = parseShape(*shape);
-            return simulate(common->settled(), *options);
-        };
+    chooseKind(*kind, chosen, options, [shape](const ServeOptions &serving, SimOptions settled) {
+        settled.waveform.shape = parseShape(*shape);
+        return simulate(serving, std::move(settled));
     });
 }
 

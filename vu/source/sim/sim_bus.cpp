@@ -69,6 +69,7 @@ private:
                 put(frame, 4, static_cast<float>(value));
                 frame.length = 8;
                 writeCan(wire, times_.at(next_), frame);
+                account_.made();
                 value += 1.0;
             }
         }
@@ -127,6 +128,7 @@ private:
     {
         for (; times_.nominal(next_) < end; ++next_) {
             double value = waveform_.at(next_, times_.rate());
+            account_.made();
             wire.beginRecord();
             wire.big(times_.at(next_));
             for (size_t i = 0; i < measurements_.size(); ++i) {

@@ -5,6 +5,7 @@
 
 #include "vu/command.h"
 #include "vu/source/gps/nmea_sentence.h"
+#include "vu/source/option_values.h"
 #include "vu/source/sim/sim.h"
 
 namespace vu {
@@ -137,6 +138,7 @@ void GpsProducer::writeFix(WireWriter &wire)
     const Fix fix = fixOf(fix_);
     for (const Sentence sentence : sentences_)
         wire.timed(arrival(fix_), nmeaSentence(sentence(fix)));
+    account_.made(sentences_.size());
     ++fix_;
 }
 
@@ -156,8 +158,7 @@ void GpsProducer::step(WireWriter &wire, int64_t, int64_t end)
 
 std::unique_ptr<Producer> simulateGps(const SimOptions &sim, const ServeOptions &serving)
 {
-    if (!(sim.latency >= 0.0 && sim.latency <= 3600.0))
-        throw InputError(fmt::format("--latency: expected 0 to 3600 seconds, got {}", sim.latency));
+    expectSeconds("--latency", sim.latency, 0.0, 3600.0);
     return std::make_unique<GpsProducer>(sim, serving);
 }
 

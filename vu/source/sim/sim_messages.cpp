@@ -42,6 +42,7 @@ private:
         for (; before(end); ++next_) {
             wire.big(ticks());
             wire.sample(static_cast<T>(value()));
+            account_.made();
         }
         wire.endRecord();
     }
@@ -67,6 +68,7 @@ private:
             wire.big(time.seconds);
             wire.big(time.fraction);
             wire.big(static_cast<T>(value())); // big-endian whatever the marker says
+            account_.made();
         }
         wire.endRecord();
     }
@@ -88,6 +90,7 @@ private:
             for (size_t i = 0; i < content_.size(); ++i)
                 content_[i] = static_cast<char>(next_ + i);
             wire.timed(ticks(), content_);
+            account_.made();
         }
     }
 

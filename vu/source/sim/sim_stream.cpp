@@ -126,6 +126,7 @@ void StreamProducer::data(WireWriter &wire, size_t signal, uint64_t first, uint6
     for (uint64_t n = first; n < last; ++n)
         sample(n, signal);
     record(wire, Type::Data, numbers_[signal]);
+    account_.made(last - first);
 }
 
 void StreamProducer::step(WireWriter &wire, int64_t begin, int64_t end)
