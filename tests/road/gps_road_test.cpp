@@ -71,7 +71,8 @@ protected:
         gps.update({{"receiver", receiver}, {"signals", signals}});
         addChannel("gps0", R"({"data_type": "message_raw", "connector": "gps1"})"_json,
                    {{"kind", "nmea"}, {"file", log}, {"speed", 0}, {"pps", true}}, {{"gps", gps}});
-        run();
+        run(::testing::AnyOf(0, 3)); // some of these logs have a damaged sentence, which is a loss
+        EXPECT_EQ(summary["complete"], summary["accounts"][0]["lost"] == 0) << summary["accounts"];
     }
     void expectChanges(const std::string &signal, const std::vector<double> &values, double tolerance)
     {

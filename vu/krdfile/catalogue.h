@@ -147,7 +147,6 @@ OrderedJson toJson(const Channel &channel);
 OrderedJson toJson(const Catalogue &catalogue);
 OrderedJson toJson(const Closing &closing);
 OrderedJson toJson(const LedgerEntry &entry);
-OrderedJson toJson(const Account &account);
 
 // The JSON of a block; `what` names it in the FormatError.
 OrderedJson parseJson(Bytes payload, const char *what);

@@ -4,6 +4,7 @@
 
 #include "vu/krdfile/catalogue.h"
 #include "vu/krdfile/json_fields.h"
+#include "vu/support/account_json.h"
 
 namespace vu::krd {
 
@@ -37,6 +38,7 @@ SourceAccount parseAccount(const OrderedJson &json, size_t number)
     if (fields.has("left_out"))
         account.left_out = fields.counts("left_out");
     account.can_fd_wanted_out = fields.flag("can_fd_wanted_out", false);
+    fields.any("lost"); // follows from the causes
     account.rest = fields.rest();
     return account;
 }
@@ -103,20 +105,6 @@ OrderedJson toJson(const LedgerEntry &entry)
     return withRest(std::move(json), entry.rest);
 }
 
-OrderedJson toJson(const Account &account)
-{
-    OrderedJson json = {{"channel", account.channel}, {"source", account.kind}, {"known", account.known}};
-    if (!account.known)
-        return json;
-    json["final"] = account.final;
-    json["read"] = account.read;
-    json["sent"] = account.sent;
-    json["left_out"] = account.left_out;
-    if (account.can_fd_wanted_out)
-        json["can_fd_wanted_out"] = true;
-    return json;
-}
-
 OrderedJson toJson(const Closing &closing)
 {
     OrderedJson json = {
@@ -126,7 +114,7 @@ OrderedJson toJson(const Closing &closing)
         json["ledger"].push_back(toJson(entry));
     json["accounts"] = OrderedJson::array();
     for (const SourceAccount &account : closing.accounts)
-        json["accounts"].push_back(withRest(toJson(static_cast<const Account &>(account)), account.rest));
+        json["accounts"].push_back(withRest(accountJson(account), account.rest));
     json["events"] = closing.events;
     if (closing.eventsLeftOut > 0)
         json["events_left_out"] = closing.eventsLeftOut;

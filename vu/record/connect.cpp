@@ -69,45 +69,61 @@ Descriptor tryTcp(const Address &address, int timeoutMs)
     return Descriptor();
 }
 
-Descriptor connectOne(const Channel &channel, Clock::time_point deadline,
+Descriptor tryAddress(const Address &address, Clock::time_point deadline)
+{
+    if (address.family == Address::Family::Unix)
+        return tryUnix(address.path);
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return tryTcp(address, static_cast<int>(std::max<int64_t>(left, 1)));
+}
+
+Descriptor connectOne(const Channel &channel, Children::Child *child, Clock::time_point deadline,
                       const std::function<void(const Channel &)> &alive)
 {
     const Address address = parseAddress(channel.address);
     for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        Descriptor made = address.family == Address::Family::Unix
-                              ? tryUnix(address.path)
-                              : tryTcp(address, static_cast<int>(std::max<int64_t>(left, 1)));
-        if (made)
+        if (Descriptor made = child ? Children::connectTo(*child) : tryAddress(address, deadline))
             return made;
         const int error = errno;
-        if (Clock::now() >= deadline)
-            throw std::runtime_error(
-                fmt::format("{}: no source at {}: {}", channel.name, channel.address, std::strerror(error)));
+        if (error == EMFILE || error == ENFILE || Clock::now() >= deadline)
+            throw std::runtime_error(fmt::format("{}: no source at {}: {}", channel.name,
+                                                 child ? "its socket" : channel.address,
+                                                 std::strerror(error)));
         alive(channel);
         poll(nullptr, 0, kPauseMs);
     }
 }
 
+// As far as it can be known without connecting.
+bool isThere(const Channel &channel, const Children::Child *child)
+{
+    if (child)
+        return child->listening;
+    const Address address = parseAddress(channel.address);
+    return address.family != Address::Family::Unix || access(address.path.c_str(), F_OK) == 0;
+}
+
 } // namespace
 
-std::vector<Descriptor> connectAll(const Description &test, const std::function<void(const Channel &)> &alive)
+std::vector<Descriptor> connectAll(const Description &test, Children &children,
+                                   const std::function<void(const Channel &)> &alive)
 {
     const auto deadline =
         Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(test.connect_timeout * 1e3));
     // A source begins when it is connected: first all of them are there, then they begin together.
     for (const Channel &channel : test.channels) {
-        const Address address = parseAddress(channel.address);
-        while (address.family == Address::Family::Unix && Clock::now() < deadline &&
-               access(address.path.c_str(), F_OK) != 0) {
+        const Children::Child *child = children.find(channel.name);
+        while (!isThere(channel, child) && Clock::now() < deadline) {
             alive(channel);
             poll(nullptr, 0, kPauseMs);
         }
+        if (child && !child->listening)
+            throw std::runtime_error(fmt::format("{}: its source did not begin to listen within {} s",
+                                                 channel.name, test.connect_timeout));
     }
     std::vector<Descriptor> sockets;
     for (const Channel &channel : test.channels)
-        sockets.push_back(connectOne(channel, deadline, alive));
+        sockets.push_back(connectOne(channel, children.find(channel.name), deadline, alive));
     return sockets;
 }
 

@@ -268,9 +268,10 @@ std::vector<Track> LiveChannel::tracks()
 
 void LiveChannel::stop()
 {
+    if (ended())
+        return; // what more is sent to a peer that closed comes back as a reset, as if it had been killed
     proxyNode_Stop(node_);
-    if (!ended())
-        ev_io_start(ev_default_loop(0), node_->watcher);
+    ev_io_start(ev_default_loop(0), node_->watcher);
 }
 
 void LiveChannel::deliverUnfinished()

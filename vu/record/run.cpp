@@ -6,9 +6,13 @@
 #include <stdexcept>
 
 #include "vu/record/connect.h"
+#include "vu/record/descriptor_limit.h"
 #include "vu/record/session.h"
+#include "vu/record/signals.h"
+#include "vu/record/status.h"
 #include "vu/record/summary.h"
 #include "vu/record/zero.h"
+#include "vu/support/say.h"
 
 namespace vu {
 
@@ -46,7 +50,9 @@ int recordTest(const Description &test, const RecordOptions &options)
     // A source or a disk that is gone, a terminal that is somebody else's: told by the call's result.
     for (const int ignored : {SIGPIPE, SIGXFSZ, SIGTTIN})
         std::signal(ignored, SIG_IGN);
+    makeRoomForChannels(test.channels.size());
     EndSignals signals;
+    AskingSignals asking;
     Events events;
     DataFile file(test.file, options.force);
 
@@ -54,8 +60,9 @@ int recordTest(const Description &test, const RecordOptions &options)
     for (const Channel &channel : test.channels)
         if (options.start_sources && channel.source)
             children.start(channel);
-    auto channels = makeChannels(
-        test, connectAll(test, [&](const Channel &channel) { checkAlive(channel, children, signals); }));
+    auto channels = makeChannels(test, connectAll(test, children, [&](const Channel &channel) {
+                                     checkAlive(channel, children, signals);
+                                 }));
 
     std::vector<Track> tracks;
     for (const auto &channel : channels)
@@ -68,11 +75,17 @@ int recordTest(const Description &test, const RecordOptions &options)
 
     const ZeroLines zeroes(tracks);
     Session session({test, events, file, watch, children, signals, channels});
+    asking.setStatus([&] { say("{}", statusText(test, file, events, channels)); });
     const char *end = runToItsEnd(session, file, events);
+    asking.setStatus({});
     const double seconds = events.seconds();
+    const std::vector<Account> accounts = children.accounts(test);
+    for (const Account &account : accounts)
+        file.account(account);
     file.finish(end, events);
-    printSummary(test, file, events, {end, seconds, std::filesystem::file_size(file.path())}, options.json);
-    return recordingStatus(file, events);
+    printSummary(test, file, events, accounts, {end, seconds, std::filesystem::file_size(file.path())},
+                 options.json);
+    return recordingStatus(file, events, accounts);
 }
 
 } // namespace vu

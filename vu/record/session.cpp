@@ -1,6 +1,5 @@
 #include "vu/record/session.h"
 
-#include <csignal>
 #include <fmt/format.h>
 #include <string_view>
 
@@ -15,28 +14,6 @@ constexpr double kDrainSeconds = 2.0;        // for a source to send its rest af
 constexpr double kEndSeconds = 2.0;          // and to end
 
 } // namespace
-
-EndSignals::EndSignals()
-{
-    constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP};
-    for (size_t i = 0; i < std::size(watchers_); i++) {
-        ev_signal_init(&watchers_[i], onSignal, numbers[i]);
-        watchers_[i].data = this;
-        ev_signal_start(ev_default_loop(0), &watchers_[i]);
-    }
-}
-
-EndSignals::~EndSignals()
-{
-    for (ev_signal &watcher : watchers_)
-        ev_signal_stop(ev_default_loop(0), &watcher);
-}
-
-void EndSignals::onSignal(struct ev_loop *loop, ev_signal *watcher, int)
-{
-    static_cast<EndSignals *>(watcher->data)->arrived_ = true;
-    ev_break(loop, EVBREAK_ALL);
-}
 
 Session::Session(Recording recording)
     : recording_(recording), progress_(recording.test, recording.file),
@@ -147,6 +124,7 @@ const char *Session::run()
         runUntil(recording_.test.duration);
     const char *end = recording_.signals.arrived() ? "stopped" : deadline_over_ ? "duration" : "sources";
     stopSources();
+    recording_.children.accounts(recording_.test); // the last lines of the sources become events too
     sources_.look(SourceWatch::kOver);
     progress_.end();
     for (const auto &channel : recording_.channels)

@@ -9,26 +9,11 @@
 #include "vu/record/file/data_file.h"
 #include "vu/record/live_channel.h"
 #include "vu/record/recording_progress.h"
+#include "vu/record/signals.h"
 #include "vu/record/source_watch.h"
 #include "vu/record/watch.h"
 
 namespace vu {
-
-// SIGINT, SIGTERM and SIGHUP, whoever sends them, ask for a proper end.
-class EndSignals {
-public:
-    EndSignals();
-    ~EndSignals();
-    EndSignals(const EndSignals &) = delete;
-    EndSignals &operator=(const EndSignals &) = delete;
-    bool arrived() const { return arrived_; }
-
-private:
-    static void onSignal(struct ev_loop *loop, ev_signal *watcher, int events);
-
-    ev_signal watchers_[3];
-    bool arrived_ = false;
-};
 
 struct Recording {
     const Description &test;

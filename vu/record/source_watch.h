@@ -1,14 +1,35 @@
-// How the sources fare: notices when one ends, is lost, falls silent or sends what is no channel.
+// How the sources fare: notices when one ends, is lost, falls silent, leaves something out or sends what is
+// no channel.
 #pragma once
 
+#include <chrono>
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "vu/record/children.h"
 #include "vu/record/file/events.h"
 #include "vu/record/live_channel.h"
+#include "vu/record/receiver_watch.h"
 
 namespace vu {
+
+// How a source from elsewhere ended. One that ends properly shuts down its sending side and stays until the
+// recorder is done; one that was killed is gone as a whole. A unix socket shows the difference at once, a TCP
+// connection only when something is sent to it: "Stop", which a source at its end may be told.
+class PeerEnd {
+public:
+    // Looks at the connection `fd`, whose peer has sent all it will. Empty until the answer is known.
+    enum class Answer { kUnknown, kAnnounced, kGone };
+    Answer ask(int fd);
+    // The same, and waits for the answer.
+    Answer await(int fd);
+
+private:
+    std::chrono::steady_clock::time_point asked_{};
+    bool told_ = false;
+};
 
 class SourceWatch {
 public:
@@ -31,12 +52,19 @@ private:
         uint64_t cut = 0;    // records with absurd times, as told
         int64_t samples = 0; // when it last brought any
         double since = 0.0;  // seconds
+        PeerEnd peer;
+        bool gone = false; // it did not announce its end
+        ReceiverWatch receiver;
+        size_t notes = 0;                         // of the account, told
+        std::map<std::string, uint64_t> left_out; // as told
     };
 
     void noticeEnd(Seen &seen, Phase phase);
+    bool isEndKnown(Seen &seen, Phase phase);
     void tellEnd(Seen &seen);
     void noticeSilence(Seen &seen);
     void noticeCuts(Seen &seen);
+    void noticeAccount(Seen &seen, Phase phase);
 
     std::vector<Seen> all_;
     Events &events_;

@@ -6,6 +6,7 @@
 
 #include "vu/command.h"
 #include "vu/record/file/catalogue.h"
+#include "vu/support/account_json.h"
 #include "vu/support/texts.h"
 
 namespace vu {
@@ -45,20 +46,48 @@ std::string neverText(const DataFile &file)
     return vu::neverText(names, signals, false);
 }
 
+Json accountsJson(const std::vector<Account> &accounts)
+{
+    Json entries = Json::array();
+    for (const Account &account : accounts)
+        entries.push_back(accountJson(account));
+    return entries;
+}
+
+// Sources that took everything need no line of their own.
+void printAccounts(const std::vector<Account> &accounts)
+{
+    size_t elsewhere = 0;
+    for (const Account &account : accounts) {
+        if (account.kind.empty())
+            elsewhere++;
+        else if (!account.known)
+            fmt::print("{}: its source gave no account\n", account.channel);
+        else if (!account.left_out.empty())
+            fmt::print("{}: its source read {}, sent {} and left out: {}\n", account.channel, account.read,
+                       account.sent, leftOutText(account));
+    }
+    if (elsewhere > 0)
+        fmt::print("{} of {} sources are from elsewhere: what these left out is not known.\n", elsewhere,
+                   accounts.size());
+}
+
 } // namespace
 
-int recordingStatus(const DataFile &file, const Events &events)
+int recordingStatus(const DataFile &file, const Events &events, const std::vector<Account> &accounts)
 {
     const bool lost = std::any_of(file.tracks().begin(), file.tracks().end(), [](const auto &stored) {
         return stored.ledger.lost() > 0 || !stored.ledger.closes();
     });
-    return lost || events.anyLoss() ? kDataMissing : kDone;
+    const bool leftOut = std::any_of(accounts.begin(), accounts.end(),
+                                     [](const Account &account) { return account.lost() > 0; });
+    return lost || leftOut || events.anyLoss() ? kDataMissing : kDone;
 }
 
-void printSummary(const Description &test, const DataFile &file, const Events &events, const Outcome &outcome,
-                  bool json)
+void printSummary(const Description &test, const DataFile &file, const Events &events,
+                  const std::vector<Account> &accounts, const Outcome &outcome, bool json)
 {
-    const int status = recordingStatus(file, events);
+    const int status = recordingStatus(file, events, accounts);
     if (json) {
         Json summary = {{"test", test.name},
                         {"file", file.path().string()},
@@ -67,11 +96,13 @@ void printSummary(const Description &test, const DataFile &file, const Events &e
                         {"bytes", outcome.bytes},
                         {"complete", status == kDone},
                         {"ledger", ledgerJson(file)},
+                        {"accounts", accountsJson(accounts)},
                         {"events", eventsJson(events)}};
         fmt::print("{}\n", summary.dump(2, ' ', false, Json::error_handler_t::replace));
         return;
     }
     printTable(file);
+    printAccounts(accounts);
     if (const std::string never = neverText(file); !never.empty())
         fmt::print("\n{}\n", never);
     std::map<std::string, size_t> kinds;
@@ -81,8 +112,8 @@ void printSummary(const Description &test, const DataFile &file, const Events &e
                outcome.seconds, outcome.end);
     for (const auto &[kind, count] : kinds)
         fmt::print(", {} x {}", count, kind);
-    fmt::print("\n{}\n",
-               status == kDone ? "Nothing was lost." : "Data is missing: the table and the events say what.");
+    fmt::print("\n{}\n", status == kDone ? "Nothing was lost."
+                                         : "Data is missing: the lines above and the events say what.");
 }
 
 } // namespace vu
