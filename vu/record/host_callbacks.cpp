@@ -12,25 +12,33 @@ namespace {
 
 HostCallbacks current; // the library calls plain functions
 
+// The library knows no exceptions: memory that is short for a word about an error must not unwind it.
+template <typename Function, typename... Args>
+int32_t pass(const Function &function, Args... args) noexcept
+{
+    try {
+        if (function)
+            function(args...);
+    } catch (...) {
+        if (current.failed)
+            current.failed();
+    }
+    return 1;
+}
+
 int32_t onError(const char *text)
 {
-    if (current.error)
-        current.error(text);
-    return 1;
+    return pass(current.error, text);
 }
 
 int32_t onRezero(const char *name, double zero)
 {
-    if (current.rezero)
-        current.rezero(name, zero);
-    return 1;
+    return pass(current.rezero, name, zero);
 }
 
 int32_t onDisconnect(const char *name)
 {
-    if (current.disconnected)
-        current.disconnected(name);
-    return 1;
+    return pass(current.disconnected, name);
 }
 
 } // namespace
@@ -46,7 +54,7 @@ void setHostCallbacks(HostCallbacks callbacks)
 
 GatheredErrors::GatheredErrors()
 {
-    setHostCallbacks({[this](const char *text) { texts_.emplace_back(text); }, {}, {}});
+    setHostCallbacks({[this](const char *text) { texts_.emplace_back(text); }, {}, {}, {}});
 }
 
 std::string GatheredErrors::take()

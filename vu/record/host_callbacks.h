@@ -12,6 +12,7 @@ struct HostCallbacks {
     std::function<void(const char *text)> error; // errors and critical errors alike
     std::function<void(const char *name, double zero)> rezero;
     std::function<void(const char *name)> disconnected;
+    std::function<void()> failed; // one of the others has thrown; throws nothing itself
 };
 
 // Replaces what was set before. An empty function takes a call without doing anything.

@@ -10,6 +10,7 @@
 #include "libvu/bus/xcp_set.h"
 #include "libvu/core/report.h"
 #include "libvu/gps/gps_signal.h"
+#include "libvu/monitor/element_access.h"
 #include "libvu/proxy/calibration.h"
 #include "libvu/stream/stream_signal.h"
 #include "vu/command.h"
@@ -37,17 +38,11 @@ void detachAll(PipeList &pipes)
         pipeDetachPipe(&pipes, pipes.first);
 }
 
-// The frame itself to the first pipe and clones to the others, as the readers do it.
+// A frame with something in it to everybody who listens.
 void deliver(PipeList &pipes, Frame *frame)
 {
-    if (!pipes.first || frame->length == 0) {
+    if (frame->length == 0 || !Put_Frame(frame, &pipes))
         frameDelete(frame);
-        return;
-    }
-    for (Pipe *pipe = pipes.first->next; pipe; pipe = pipe->next)
-        if (Frame *clone = frameClone(frame))
-            pipeAddFrame(pipe, clone);
-    pipeAddFrame(pipes.first, frame);
 }
 
 } // namespace
@@ -58,17 +53,20 @@ LiveChannel::LiveChannel(const Channel &channel, Descriptor socket, GatheredErro
     try {
         makeNode(errors);
         addSignals(errors);
-        guard_ = std::make_unique<TimeGuard>(*node_, channel);
+        std::vector<Sequentializer *> streams;
+        for (const Decoded &decoded : decoded_)
+            if (decoded.stream)
+                streams.push_back(decoded.stream);
+        intake_ = std::make_unique<Intake>(*node_, channel, std::move(streams));
     } catch (...) {
-        freeSignals();
+        freeNode();
         throw;
     }
 }
 
 LiveChannel::~LiveChannel()
 {
-    guard_.reset();
-    freeSignals();
+    freeNode();
 }
 
 void LiveChannel::makeNode(GatheredErrors &errors)
@@ -156,10 +154,30 @@ bool LiveChannel::addStreamSignal(const Signal &signal)
     return true;
 }
 
-void LiveChannel::freeSignals()
+// The library has no operation for it.
+void LiveChannel::freeNode()
 {
     if (!node_)
         return;
+    freeSignals();
+    struct ev_loop *loop = ev_default_loop(0);
+    ev_io_stop(loop, node_->watcher);
+    if (node_->heartbeat)
+        ev_timer_stop(loop, node_->heartbeat);
+    if (node_->fd < 0)
+        socket_.release(); // the library has closed it
+    detachAll(node_->pipes);
+    frameDelete(node_->frame);
+    intake_.reset(); // the frames have come back to its pool
+    for (void *owned :
+         {static_cast<void *>(node_->inbuf.buf), static_cast<void *>(node_->name), node_->channel_aux,
+          static_cast<void *>(node_->heartbeat), static_cast<void *>(node_->watcher)})
+        std::free(owned);
+    std::free(node_);
+}
+
+void LiveChannel::freeSignals()
+{
     for (const Decoded &decoded : decoded_) {
         detachAll(*decoded.pipes);
         freeStream(decoded.stream);
@@ -183,19 +201,6 @@ void LiveChannel::freeSignals()
         std::free(signal->config);
         std::free(signal);
     }
-    struct ev_loop *loop = ev_default_loop(0);
-    ev_io_stop(loop, node_->watcher);
-    if (node_->heartbeat)
-        ev_timer_stop(loop, node_->heartbeat);
-    if (node_->fd < 0)
-        socket_.release(); // the library has closed it
-    detachAll(node_->pipes);
-    frameDelete(node_->frame);
-    for (void *owned :
-         {static_cast<void *>(node_->inbuf.buf), static_cast<void *>(node_->name), node_->channel_aux,
-          static_cast<void *>(node_->heartbeat), static_cast<void *>(node_->watcher)})
-        std::free(owned);
-    std::free(node_);
 }
 
 Track LiveChannel::ownTrack()
@@ -276,6 +281,7 @@ void LiveChannel::stop()
 
 void LiveChannel::deliverUnfinished()
 {
+    intake_->finish();
     if (Frame *frame = std::exchange(node_->frame, nullptr)) {
         // A periodic frame is in wire order and uncalibrated until it is full; a held stream's is finished.
         if (channel_.kind == ChannelKind::kSequential && node_->byte_swap)

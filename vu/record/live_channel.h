@@ -8,7 +8,7 @@
 #include "vu/description/description.h"
 #include "vu/record/file/track.h"
 #include "vu/record/host_callbacks.h"
-#include "vu/record/time_guard.h"
+#include "vu/record/intake.h"
 #include "vu/support/descriptor.h"
 
 namespace vu {
@@ -27,16 +27,21 @@ public:
     const ProxyNode &node() const { return *node_; }
     // What can be stored of it: the channel itself, if it has frames, and its signals.
     std::vector<Track> tracks();
-    // The connection has ended, or what came on it was no channel.
-    bool ended() const { return node_->disconnected || node_->state == PROXY_NODE_DISCARDS; }
+    // The connection has ended and everything is handed on, or what came on it was no channel.
+    bool ended() const
+    {
+        return (node_->disconnected && !intake_->isBusy()) || node_->state == PROXY_NODE_DISCARDS;
+    }
     // Tells the source to stop, and goes on reading what it had sent.
     void stop();
-    // Delivers the frames that are still being filled.
+    // Hands on what is left in memory and delivers the frames that are still being filled.
     void deliverUnfinished();
-    // What stands between the socket and absurd times.
-    const TimeGuard &guard() const { return *guard_; }
-    // Bytes of a record that never became whole.
-    uint32_t brokenBytes() const { return node_->inbuf.size; }
+    // What is between the socket and the library's reader.
+    Intake &intake() { return *intake_; }
+    const Intake &intake() const { return *intake_; }
+    const TimeGuard &guard() const { return intake_->guard(); }
+    // Bytes of a record that never became complete.
+    uint64_t brokenBytes() const { return intake_->brokenBytes(); }
 
 private:
     // What the record of a signal shares whatever its kind. Name and stream are the host's to free.
@@ -53,6 +58,7 @@ private:
     bool addSignal(const Signal &signal);
     bool addGpsSignal(const Signal &signal);
     bool addStreamSignal(const Signal &signal);
+    void freeNode();
     void freeSignals();
     Track ownTrack();
 
@@ -60,7 +66,7 @@ private:
     Descriptor socket_;
     ProxyNode *node_ = nullptr;
     std::vector<Decoded> decoded_;
-    std::unique_ptr<TimeGuard> guard_;
+    std::unique_ptr<Intake> intake_;
 };
 
 // All channels of a test on their sockets, in order. Throws InputError with the lines of all of them.

@@ -41,8 +41,14 @@ private:
     static void onIteration(struct ev_loop *loop, ev_prepare *watcher, int events);
     static void onDeadline(struct ev_loop *loop, ev_timer *timer, int events);
 
+    static void onIdle(struct ev_loop *loop, ev_idle *watcher, int events);
+
     void setCallbacks();
-    void takeIn();
+    bool workOff();
+    bool write();
+    void watchWindows(bool anyway);
+    void noteChannel(size_t number);
+    void noteChannels();
     void stopSources();
     void runUntil(double seconds);
 
@@ -53,6 +59,17 @@ private:
     ev_timer tick_;
     ev_timer deadline_;
     ev_prepare iteration_;
+    ev_idle idle_;                 // runs while something is left to do: the loop then waits for nothing
+    uint64_t unlooked_ = 0;        // bytes that came since the tracks were last looked at
+    double active_ = 1.0;          // channels that share a round
+    double fastest_monitor_ = 0.0; // windows per second
+    // What has been said of each channel.
+    struct Noted {
+        double watched = 0.0; // seconds of its time that the monitors have seen
+        uint64_t gaps = 0, overlaps = 0, too_long = 0;
+        bool off_rate = false;
+    };
+    std::vector<Noted> noted_;
     bool deadline_over_ = false;
     bool stopping_ = false;
 };

@@ -17,15 +17,16 @@ void printTable(const DataFile &file)
 {
     size_t width = 7;
     for (const auto &stored : file.tracks())
-        width = std::max(width, stored.track.name.size());
+        width = std::max(width, printable(stored.track.name).size());
     fmt::print("{:<{}} {:>14} {:>14} {:>14}\n", "channel", width, "received", "stored", "discarded");
     for (const auto &stored : file.tracks()) {
         const Ledger &ledger = stored.ledger;
+        const std::string name = printable(stored.track.name);
         if (stored.group < 0 && ledger.received == 0) { // messages that nobody listens to are not counted
-            fmt::print("{:<{}} {:>14} {:>14} {:>14}  not stored\n", stored.track.name, width, "-", "-", "-");
+            fmt::print("{:<{}} {:>14} {:>14} {:>14}  not stored\n", name, width, "-", "-", "-");
             continue;
         }
-        fmt::print("{:<{}} {:>14} {:>14} {:>14}", stored.track.name, width, ledger.received, ledger.stored,
+        fmt::print("{:<{}} {:>14} {:>14} {:>14}", name, width, ledger.received, ledger.stored,
                    ledger.discarded());
         for (const auto &[cause, count] : ledger.causes())
             if (count > 0)

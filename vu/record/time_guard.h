@@ -1,53 +1,49 @@
-// Keeps a time that cannot be true from filling the memory.
+// Keeps a time that cannot be true from filling memory and disk.
 //
-// Streams that hold values write one sample for every period that time has passed, all at once: one garbled
-// timestamp far ahead would fill hours, or never end. Before the reader of a channel sees its records, those
-// whose time lies so far ahead that the channel's streams would take more than kMostFilledBytes are cut out.
+// Streams that hold values write one sample for every period that time has passed. One garbled timestamp far
+// ahead would fill hours, or never end. So a step of time costs what it makes the streams write, a channel
+// has a limited credit for that, and what it cannot pay for is left out. Time that really passes and bytes
+// that really come earn credit, so an honest source never runs out of it.
 #pragma once
 
 #include <cstdint>
 
-#include "libvu/proxy/proxy_node.h"
-#include "vu/description/description.h"
-
 namespace vu {
-
-constexpr double kMostFilledBytes = 1 << 30;
 
 class TimeGuard {
 public:
-    // Installs itself in front of the node's reader, if the channel has streams that time could fill. To be
-    // made before the loop runs; both outlive it.
-    TimeGuard(ProxyNode &node, const Channel &channel);
-    ~TimeGuard();
-    TimeGuard(const TimeGuard &) = delete;
-    TimeGuard &operator=(const TimeGuard &) = delete;
+    // What may be written for steps of time that nothing has earned, in bytes.
+    static constexpr double kCredit = 1 << 30;
 
-    uint64_t cut() const { return cut_; }          // records or entries so far
+    // `filledPerSecond`: bytes that the channel's streams write for a second of its time; 0: no streams,
+    // every time is fine.
+    explicit TimeGuard(double filledPerSecond) : filled_per_second_(filledPerSecond) {}
+
+    enum class Verdict {
+        kFine,
+        kGap,    // fine, but much has to be written first: see accept()
+        kAbsurd, // beyond the credit: see leaveOut()
+    };
+    // The next entry's time in ticks since the start of the test. A fine one is the furthest from then on.
+    Verdict judge(int64_t ticks);
+    // The streams have been brought to a time that was judged a gap.
+    void accept(int64_t ticks);
+    void earn(uint64_t bytes, double seconds);
+    // Counts an entry that is left out for its time.
+    void leaveOut(int64_t ticks);
+
+    bool watches() const { return filled_per_second_ > 0.0; }
+    double filledPerSecond() const { return filled_per_second_; }
+    int64_t furthest() const { return furthest_; }
+    uint64_t cut() const { return cut_; }          // records or entries left out so far
     double aheadSeconds() const { return ahead_; } // how far ahead the first of them was
 
 private:
-    struct Layout {
-        uint32_t head;  // bytes of a body in front of its entries
-        uint32_t entry; // bytes of an entry, each with a time; 0: the body itself has one
-        bool ntp;
-    };
+    double secondsAhead(int64_t ticks) const;
 
-    static void read(ProxyNode *node);
-    void check();
-    uint32_t checkBody(uint32_t place, uint32_t length);
-    bool isCredible(uint32_t place);
-    int64_t ticksAt(uint32_t place) const;
-    void cutBytes(uint32_t place, uint32_t length);
-    void checkStream();
-
-    ProxyNode &node_;
-    Layout layout_{};
-    bool stream_;
-    bool fraction_first_ = false; // of a little-endian module stream
-    void (*reader_)(ProxyNode *) = nullptr;
+    double filled_per_second_;
+    double credit_ = kCredit;
     int64_t furthest_ = 0; // ticks
-    double most_ = 0.0;    // ticks that may pass in one go
     uint64_t cut_ = 0;
     double ahead_ = 0.0;
 };

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include "libvu/proxy/calibration.h"
+#include "vu/record/intake.h"
+#include "vu/support/texts.h"
 
 namespace vu {
 
@@ -18,9 +20,7 @@ void zeroSequential(ProxyNode &node)
 {
     node.apply = node.element_size == sizeof(double) ? proxyNode_applyPrerunZeroDoubleScaleOffset
                                                      : proxyNode_applyPrerunZeroFloatScaleOffset;
-    node.main_reader = proxyNode_ProxyReaderSequentialScaling;
-    if (node.state == PROXY_NODE_RECORDS_FLOW)
-        node.reader = node.main_reader;
+    Intake::of(node).setReader(proxyNode_ProxyReaderSequentialScaling);
 }
 
 } // namespace
@@ -30,13 +30,13 @@ std::string requestZero(const std::vector<Track> &tracks, const std::string &nam
     const auto track = std::find_if(tracks.begin(), tracks.end(),
                                     [&](const Track &candidate) { return candidate.name == name; });
     if (track == tracks.end())
-        return fmt::format("zero: there is no channel {}", name);
+        return fmt::format("zero: there is no channel {}", printable(name));
     if (track->sequential)
         zeroSequential(*track->sequential);
     else if (track->rezero_pending)
         *track->rezero_pending = 1;
     else
-        return fmt::format("zero: {} has no zero", name);
+        return fmt::format("zero: {} has no zero", printable(name));
     return {};
 }
 

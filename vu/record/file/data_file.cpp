@@ -44,12 +44,6 @@ uint64_t waiting(const Pipe *pipe)
     return count;
 }
 
-// About how much memory that is; where elements differ in size, the newest speaks for all.
-uint64_t waitingBytesOf(const Pipe *pipe)
-{
-    return pipe->newest ? static_cast<uint64_t>(pipe->queued) * pipe->newest->element_size : 0;
-}
-
 // A JSON text that runs out of memory half-way cannot even be released: it is tried beforehand.
 bool isThereMemory(size_t bytes)
 {
@@ -127,7 +121,8 @@ void DataFile::writeCatalogue(const Description &test)
 void DataFile::begin(const Description &test, std::vector<Track> tracks)
 {
     for (Track &track : tracks)
-        tracks_.push_back({std::move(track), {}, -1, nullptr, 0});
+        tracks_.push_back({std::move(track), {}, -1, nullptr, 0, {}});
+    due_ = tracks_.size();
     int32_t group = KRD_GROUP_FIRST_CHANNEL;
     for (Stored &stored : tracks_)
         if (stored.track.store.wanted)
@@ -186,15 +181,6 @@ uint64_t DataFile::writtenBytes() const
         KRDWriter_amount_written(static_cast<int32_t>(record_count_), records_.get()));
 }
 
-uint64_t DataFile::waitingBytes() const
-{
-    uint64_t bytes = 0;
-    for (const Stored &stored : tracks_)
-        if (stored.record)
-            bytes += waitingBytesOf(stored.record->pipe);
-    return bytes;
-}
-
 // Books `taken` elements that left the pipe. `advanced` is how far the record's position moved.
 void DataFile::book(Stored &stored, uint64_t taken, int64_t advanced)
 {
@@ -219,7 +205,7 @@ void DataFile::flushTrack(Stored &stored, bool force)
     const uint64_t before = waiting(record.pipe);
     if (before == 0)
         return;
-    const double indexWritten = index.amount_written;
+    const double indexWritten = index.amount_written, written = record.amount_written + indexWritten;
     const uint64_t indexPlace = index.file_offset;
     const int64_t position = record.position;
     KRDWriter_flush_these(stored.group, 1, records_.get(), force);
@@ -228,7 +214,7 @@ void DataFile::flushTrack(Stored &stored, bool force)
         return;
     if (index.amount_written > indexWritten)
         index_blocks_.push_back(indexPlace);
-    whole_bytes_ = writtenBytes();
+    whole_bytes_ += static_cast<uint64_t>(record.amount_written + index.amount_written - written);
 }
 
 void DataFile::noteDisk(Events &events)
@@ -239,17 +225,28 @@ void DataFile::noteDisk(Events &events)
     events.add("disk_full", "", fmt::format("{}: no more can be written", path().string()));
 }
 
+// The first refusal of a track, and a full disk, become events.
+void DataFile::flushNoted(Stored &stored, bool force, Events &events)
+{
+    const uint64_t refused = stored.ledger.conversion;
+    flushTrack(stored, force);
+    stored.waiting.emptied();
+    if (refused == 0 && stored.ledger.conversion > 0)
+        events.add("error", stored.track.name, libvuLastError() ? libvuLastError() : "conversion failed");
+    noteDisk(events);
+}
+
 void DataFile::flush(bool force, Events &events)
 {
-    for (Stored &stored : tracks_) {
-        if (!stored.record)
-            continue;
-        const uint64_t refused = stored.ledger.conversion;
-        flushTrack(stored, force);
-        if (refused == 0 && stored.ledger.conversion > 0)
-            events.add("error", stored.track.name, libvuLastError() ? libvuLastError() : "conversion failed");
-        noteDisk(events);
-    }
+    for (Stored &stored : tracks_)
+        if (stored.record)
+            flushNoted(stored, force, events);
+    lookAfter(events);
+}
+
+// What has to be seen to between writes: the sync thread's word, and room for the end.
+void DataFile::lookAfter(Events &events)
+{
     noteSync(sync_ ? sync_->takeError() : 0, events);
     holdForEnd(events);
 }
@@ -269,13 +266,6 @@ void DataFile::account(Account account)
         accounts_.push_back(std::move(account));
     else
         *known = std::move(account);
-}
-
-void DataFile::setNever(std::string_view track)
-{
-    for (Stored &stored : tracks_)
-        if (stored.track.name == track)
-            stored.ledger.never = true;
 }
 
 // What the library has counted is what was received; what it counted and never delivered found no frame.

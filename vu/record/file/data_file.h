@@ -18,6 +18,7 @@
 #include "vu/record/file/track.h"
 #include "vu/support/account.h"
 #include "vu/support/new_file.h"
+#include "vu/record/file/waiting.h"
 
 namespace vu {
 
@@ -37,8 +38,6 @@ public:
     void flush(bool force, Events &events);
     // Takes what a source says of its input, in place of what it said before.
     void account(Account account);
-    // Says of a track that it never had a value.
-    void setNever(std::string_view track);
     // Gives back the memory that is held for the end, when there is no other left.
     void releaseMemory() { memory_.reset(); }
     // Writes the rest, index and closing block, brings all of it to the disk and closes. `end` says why the
@@ -46,8 +45,15 @@ public:
     // neither memory nor disk has room for all.
     void finish(const char *end, Events &events);
 
-    // Bytes that wait in memory for the next flush.
-    uint64_t waitingBytes() const;
+    // The same bit by bit. Makes all that waits due;
+    void beginFlush(Events &events);
+    // writes for about so long, first the tracks that hold much, and returns whether anything is left;
+    bool flushPortion(double seconds, Events &events);
+    // tells whether tracks that hold much were left over by it;
+    bool isBehind() const { return full_; }
+    // counts what waits, and writes at once what is beyond the budget of memory.
+    void lookAtWaiting(Events &events);
+
     uint64_t writtenBytes() const;
     const std::filesystem::path &path() const { return file_.path(); }
 
@@ -57,6 +63,7 @@ public:
         int32_t group = -1; // -1: not stored
         KRDBuffer *record = nullptr;
         uint64_t delivered = 0; // elements that came out of its pipe
+        Waiting waiting;
     };
     const std::vector<Stored> &tracks() const { return tracks_; }
     const std::vector<Account> &accounts() const { return accounts_; }
@@ -72,7 +79,9 @@ private:
     void writeBytes(KRDBuffer &record, const std::string &text);
     void writeCatalogue(const Description &test);
     void flushTrack(Stored &stored, bool force);
+    void flushNoted(Stored &stored, bool force, Events &events);
     void book(Stored &stored, uint64_t taken, int64_t advanced);
+    void lookAfter(Events &events);
     void settleLedgers();
     void noteDisk(Events &events);
     void noteSync(int error, Events &events);
@@ -96,6 +105,10 @@ private:
     uint64_t event_bytes_ = 0;           // and they take about so much
     bool full_told_ = false;
     std::unique_ptr<SyncThread> sync_;
+    WaitingLimits limits_;
+    size_t due_ = 0;       // the first track that is due and not yet written
+    bool full_ = false;    // one holds more than its limit
+    size_t next_full_ = 0; // where the search for those goes on
 };
 
 } // namespace vu
