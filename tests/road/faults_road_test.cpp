@@ -1,13 +1,18 @@
 // A recording under bad conditions: killed, interrupted, on a full disk, from sources that misbehave.
 #include <csignal>
 #include <fstream>
+#include <list>
 #include <numeric>
 #include <random>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
+#include <unistd.h>
 
 #include "libvu/core/wire_private.h"
 #include "tests/road/road.h"
+#include "tests/support/node_fixture.h"
 #include "vu/krdfile/mapped_file.h"
 #include "vu/support/new_file.h"
 
@@ -16,6 +21,55 @@ namespace {
 
 using ::testing::AnyOf;
 using ::testing::HasSubstr;
+
+// A source that the test plays itself: it says the marker and then `bytes`, `times` times or until nobody
+// reads any more.
+class Peer {
+public:
+    Peer(const std::string &path, Bytes bytes, int times) : listener_(socket(AF_UNIX, SOCK_STREAM, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << path;
+        listen(listener_, 1);
+        sending_ = std::thread([this, bytes = std::move(bytes), times] { serve(bytes, times); });
+    }
+    ~Peer()
+    {
+        shutdown(listener_, SHUT_RDWR);
+        sending_.join();
+        close(listener_);
+    }
+    Peer(Peer &&) = delete;
+
+private:
+    static bool sendAll(int to, std::span<const uint8_t> bytes)
+    {
+        while (!bytes.empty()) {
+            const ssize_t sent = send(to, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (sent <= 0)
+                return false;
+            bytes = bytes.subspan(static_cast<size_t>(sent));
+        }
+        return true;
+    }
+    void serve(const Bytes &bytes, int times) const
+    {
+        const int to = accept(listener_, nullptr, nullptr);
+        bool reads = sendAll(to, Bytes{0xFE, 0xED});
+        for (int i = 0; reads && i < times; i++)
+            reads = sendAll(to, bytes);
+        shutdown(to, SHUT_WR);
+        char word[8];
+        while (recv(to, word, sizeof word, 0) > 0) {
+        }
+        close(to);
+    }
+
+    int listener_;
+    std::thread sending_;
+};
 
 class FaultsRoad : public Road {
 protected:
@@ -184,6 +238,67 @@ TEST_F(FaultsRoad, SignalsThatNeverHadAValueAreNamed)
         EXPECT_THAT(runVu({command, file}).out, HasSubstr("1 of 2 signals never had a value: s200\n"));
         EXPECT_EQ(Json::parse(runVu({command, file, "--json"}).out)["never"], Json({"s200"}));
     }
+}
+
+// Whatever the others send: what an honest channel brings is there, and words about them are few.
+TEST_F(FaultsRoad, HostilePeersCostTheirNeighbourNothing)
+{
+    constexpr int kForEver = 1 << 30;
+    const auto repeated = [](const Bytes &bytes, int times) {
+        Bytes all;
+        for (int i = 0; i < times; i++)
+            all.add(bytes);
+        return all;
+    };
+    const auto metainfo = [](std::string_view text) {
+        return Bytes().be(uint32_t{2} << 28).be(static_cast<uint32_t>(4 + text.size())).zeros(4).add(text);
+    };
+    const std::tuple<const char *, const char *, const char *, Bytes> peers[] = {
+        {"tiny", "message_raw", "x", repeated(record(Bytes().be(int64_t{1}).zeros(1)), 5000)},
+        {"short", "message_raw", "x", repeated(record(Bytes{1, 2, 3}), 5000)}, // a log line each
+        {"words", "sequential_float32", "pd806h",
+         repeated(metainfo("{\"method\":\n\x1b[2J" + std::string(600, 'x')), 100)},
+        {"full", "sequential_float32", "pd806h",
+         repeated(metainfo(R"({"method":"fill","params":[80]})"), 500)},
+        {"vast", "message_can", "x", Bytes().be(uint32_t{256} << 20).zeros(256 << 20)},
+        {"long", "message_raw", "x", Bytes().be(uint32_t{256} << 20).zeros(256 << 20)}};
+    std::list<Peer> playing;
+    for (const auto &[name, type, connector, bytes] : peers) {
+        Json more = {{"store", false}};
+        if (connector != std::string("x"))
+            more["signals"] = {held(100, {{"name", std::string("of ") + name},
+                                          {"data_type", "float64"},
+                                          {"scale", 1},
+                                          {"offset", 0}})};
+        addChannel(name, {{"data_type", type}, {"connector", connector}}, {}, more);
+        description["channels"].back().erase("source");
+        playing.emplace_back(folder.path(std::string(name) + ".sock"), bytes, kForEver);
+    }
+    addCounters(1, 1000);
+    description["duration"] = 2;
+    run(3);
+    EXPECT_EQ(summary["end"], "duration");
+    EXPECT_GT(countedTo("c0"), 1500u);
+    EXPECT_EQ(ledger["c0"]["received"], ledger["c0"]["stored"]);
+    EXPECT_GE(events["error"], 2u) << "bad words and a message too long";
+    EXPECT_LT(summary["events"].size(), 40u);
+    EXPECT_EQ(recorder->err().find('\x1b'), std::string::npos);
+    EXPECT_LT(recorder->err().size(), 40'000u);
+}
+
+TEST_F(FaultsRoad, WhatAPeriodicSourceDropsIsSeenByTheTimesOfItsRecords)
+{
+    Bytes bytes;
+    for (const int64_t first : {0, 10, 20, 45, 55})
+        bytes.add(record(Bytes().be(first * 40'000).zeros(10 * sizeof(float))));
+    const Peer peer(folder.path("seq.sock"), bytes, 1);
+    addChannel("seq", {{"data_type", "sequential_float32"}, {"sample_rate", 1000}}, {});
+    description["channels"].back().erase("source");
+    run(3);
+    EXPECT_EQ(events["gap"], 1u);
+    for (const Json &event : summary["events"])
+        EXPECT_TRUE(event["kind"] != "gap" || event["value"] == 15) << event;
+    EXPECT_EQ(ledger["seq"]["stored"], 50);
 }
 
 TEST_F(FaultsRoad, ZeroAskedForWhileItRuns)
