@@ -65,9 +65,10 @@ void Walk(benchmark::State &state)
                 benchmark::DoNotOptimize(crc32_z(0, rest.data(), block - KRD_TRAILER_SIZE));
         });
         turns.work([&] {
-            BlockWalk walk(asBytes(file));
+            const InputFile input(asBytes(file), "file");
+            BlockWalk walk(input);
             while (const auto piece = walk.next())
-                benchmark::DoNotOptimize(piece->block.payload.data());
+                benchmark::DoNotOptimize(piece->block.offset);
         });
         state.SetIterationTime(turns.lastWork());
     }
@@ -93,7 +94,10 @@ void Damage(benchmark::State &state)
             }
             benchmark::DoNotOptimize(tags);
         });
-        turns.work([&] { benchmark::DoNotOptimize(BlockWalk(asBytes(file)).next()->bytes); });
+        turns.work([&] {
+            const InputFile input(asBytes(file), "file");
+            benchmark::DoNotOptimize(BlockWalk(input).next()->bytes);
+        });
         state.SetIterationTime(turns.lastWork());
     }
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(file.size()));
@@ -105,7 +109,8 @@ void CsvLines(benchmark::State &state)
 {
     const std::string file = dataFile(1000);
     std::vector<Block> blocks;
-    for (BlockWalk walk(asBytes(file)); blocks.size() < 500;)
+    const InputFile input(asBytes(file), "file");
+    for (BlockWalk walk(input); blocks.size() < 500;)
         blocks.push_back(walk.next()->block);
     Channel channel;
     channel.kind = Kind::kSequential;
@@ -119,8 +124,9 @@ void CsvLines(benchmark::State &state)
         turns.limit([&] {
             fmt::memory_buffer text;
             samples = 0;
+            BlockReader reader;
             for (const Block &block : blocks) {
-                for (Bytes data = samplesOf(channel, block); !data.empty();
+                for (Bytes data = samplesOf(channel, reader.payload(block)); !data.empty();
                      data = data.subspan(sizeof(float))) {
                     fmt::format_to(std::back_inserter(text), "{},{},{}\n", samples,
                                    static_cast<double>(samples) / 1000, loadLittle<float>(data.data()));
@@ -132,7 +138,8 @@ void CsvLines(benchmark::State &state)
         });
         turns.work([&] {
             vu::TextFile csv(path, true);
-            kCsvFormat.write(channel, blocks, {.ticksPerSecond = 40'000'000, .fill = {}, .bus = {}}, csv);
+            kCsvFormat.write(channel, blocks,
+                             {.ticksPerSecond = 40'000'000, .progress = nullptr, .fill = {}, .bus = {}}, csv);
             csv.finish();
         });
         state.SetIterationTime(turns.lastWork());

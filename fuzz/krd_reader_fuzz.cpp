@@ -24,9 +24,9 @@ static void readChannel(const Channel &channel, const std::vector<Block> &blocks
         const Extent extent = extentOf(channel, blocks, {});
         int64_t last = 0;
         uint64_t samples = 0;
-        for (SampleCursor cursor(channel, blocks); !cursor.atEnd(); cursor.advance(cursor.alike())) {
+        for (SampleCursor cursor(channel, blocks); !cursor.atEnd(); cursor.advance(cursor.runLeft())) {
             last = cursor.sample();
-            samples += cursor.alike();
+            samples += cursor.runLeft();
         }
         require(samples == extent.samples && last >= 0);
     } else if (channel.kind != Kind::kUnknown)
@@ -64,9 +64,9 @@ void fuzz(const uint8_t *data, size_t size)
     }
     try {
         const Recording recording = scan(file, "fuzz");
-        uint64_t bytes = recording.damagedBytes + recording.unfinishedBytes;
+        uint64_t bytes = recording.damagedBytes + recording.unfinishedBytes + recording.rest.bytes;
         for (const Block &block : recording.blocks)
-            bytes += block.whole.size();
+            bytes += block.size;
         require(bytes == size);
         check(recording);
         if (recording.catalogue)

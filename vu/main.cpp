@@ -1,13 +1,10 @@
 // One command, one subcommand a job. Results go to standard output, everything else to standard error.
-#include <CLI/CLI.hpp>
 #include <csignal>
-#include <cstdio>
-#include <exception>
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "vu/command.h"
+#include "vu/run_command.h"
 
 // Descriptors 0 to 2 that the caller closed would go to the next files that are opened, and what is meant for
 // a terminal would be written into them. They are filled before any library is initialised, since one of them
@@ -30,28 +27,6 @@ __attribute__((section(".preinit_array"), used)) void (*const fillFirst)(int, ch
 int main(int argc, char **argv)
 {
     std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow further is reported by its name
-    CLI::App app{"Records measurement channels into one checked data file, and reads such files.\n"
-                 "Example: vu run examples/drive/drive.json"};
-    app.name("vu");
-    app.require_subcommand(1);
-    app.set_version_flag("--version", std::string("vu ") + vu::kVersion);
-    vu::Action chosen;
-    for (const auto add : {vu::addCheck, vu::addRun, vu::addRecord, vu::addSource, vu::addInfo, vu::addVerify,
-                           vu::addRecover, vu::addExport, vu::addPlot})
-        add(app, chosen);
-    try {
-        app.parse(argc, argv);
-        return chosen();
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error); // help or version, asked for
-        std::fprintf(stderr, "vu: %s\n", error.what());
-        return vu::kUsage;
-    } catch (const vu::InputError &error) {
-        std::fprintf(stderr, "%s\n", error.what());
-        return vu::kUsage;
-    } catch (const std::exception &error) {
-        std::fprintf(stderr, "vu: %s\n", error.what());
-        return vu::kFailed;
-    }
+    vu::endQuietlyWithoutMemory();
+    return vu::runCommand(argc, argv);
 }

@@ -256,7 +256,6 @@ TEST_F(Recorded, AFileNamesItselfItsRecorderItsStartAndItsSources)
         file.account(account);
         account.left_out["truncated"] = 2;
         file.account(account);
-        file.setNever("b");
         file.finish("duration", events);
         const krd::Closing closing = this->closing();
         ASSERT_EQ(closing.accounts.size(), 1u);

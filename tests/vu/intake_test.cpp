@@ -22,7 +22,7 @@ Channel described(const std::string &type, double rate = 0.0)
     Channel channel;
     channel.name = "ch";
     channel.kind = kKinds.at(type);
-    channel.wide = type == "message_float64";
+    channel.values = type == "message_float64" ? ValueType::kFloat64 : ValueType::kFloat32;
     channel.sample_rate = rate;
     return channel;
 }
@@ -150,7 +150,6 @@ TEST(Intake, GapsAreFilledInPortionsAndOnlyAsFarAsTheCreditGoes)
     Channel description = described("message_can");
     Signal signal;
     signal.sample_rate = 10000;
-    signal.wide = true;
     signal.stanza =
         R"({"name":"s","db_msg_id":"100","db_data_format":"SLSB","db_bit_start":0,"db_bit_length":16,
         "data_type":"float64","sample_rate":10000,"pipe_rate":10,"scale":1,"offset":0,"invalid_data_output_value":-1,

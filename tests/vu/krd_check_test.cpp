@@ -40,7 +40,7 @@ TEST(KrdCheck, EachLieIsFoundAndNamed)
         const krd::Recording recording = krd::scan(bytes, "file");
         EXPECT_THAT(krd::check(recording).problems, ::testing::UnorderedElementsAreArray(expected));
         if (!recording.catalogue) {
-            EXPECT_THROW(krd::requireCatalogue(krd::glance(bytes, "file"), "file"), InputError);
+            EXPECT_THROW(krd::requireCatalogue(krd::glance(bytes, "file")), InputError);
         }
     }
 }

@@ -1,12 +1,17 @@
 // The commands on data files: what they say, how they end, and what they export.
+#include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <sys/wait.h>
 
 #include "tests/support/cases.h"
 #include "tests/support/krd_builder.h"
 #include "tests/support/running_vu.h"
-#include "vu/krdfile/recording.h"
+#include "vu/krdfile/check.h"
+#include "vu/krdfile/rewrite.h"
 
 namespace vu::test {
 namespace {
@@ -68,15 +73,39 @@ TEST_F(KrdCommand, EveryLineOfTheFile)
                    canElement(40'000'059, 0x12345678, 0x88, eight) + padded,
                4, 0);
     can.close();
+    KrdBuilder none(
+        folder.path("none"),
+        R"([{"name":"i","element":"int16","element_size":2,"scale":0.5,"offset":1,"invalid":-32768},
+                        {"name":"f","invalid":-3.4028234663852886e38},
+                        {"name":"m","kind":"message_float","sample_rate":0,"element_size":12,"invalid":-1}])");
+    none.samples(0, {1, -16383, 2}, 0);
+    none.samples(1, {0.5, -3.4028234663852886e38, 0.25}, 0);
+    none.append(2, bytesOf(__builtin_bswap64(0), -1.0F, __builtin_bswap64(40'000'000), 2.0F), 2, 0);
+    none.close();
+    // Names that would write lines and colours of their own; runs that mean more rows than a disk holds.
+    KrdBuilder hostile(
+        folder.path("hostile"),
+        R"([{"name":"x\n(0.0) can1 7FF#00 ","kind":"message_can","sample_rate":0,"element":"can","element_size":21},
+            {"name":"\u001b[31mred"}, {"name":"r","element":"float64","element_size":8,"encoding":"rle"}])");
+    hostile.append(0, canElement(0, 0x123, 0, ""), 1, 0);
+    hostile.samples(1, {1}, 0);
+    hostile.samples(1, {1}, 5'000'000'000);
+    hostile.loose(4, bytesOf(int64_t{0}, 4e12, 1.0));
+    hostile.close();
+    const KrdBuilder::Json deep = KrdBuilder::Json::parse(std::string(100, '[') + std::string(100, ']'));
+    KrdBuilder(folder.path("deep"), R"([{"name":"a"}])", {{"/deep", deep}}).close();
     const std::vector<uint8_t> bytes = all.bytes();
     const std::string whole(bytes.begin(), bytes.end());
-    const krd::Block middle = krd::scan(bytes, "all").blocks[20];
+    const krd::Block middle = krd::scan(bytes, "all").blocks[20]; // its place; the file is gone
     const std::tuple<const char *, size_t, size_t, std::string> damages[] = {
         {"payload", middle.offset + 14, 1, {static_cast<char>(bytes[middle.offset + 14] ^ 4)}},
-        {"removed", middle.offset, middle.whole.size(), ""},
+        {"removed", middle.offset, middle.size, ""},
         {"inserted", middle.offset, 0, std::string(7, '\0')},
         {"ragged", whole.size() - 9, 9, ""},
         {"lost", 100, 1, "?"},
+        {"two", whole.size(), 0, whole},
+        {"another", whole.size(), 0, readText(gaps.path)},
+        {"twice", middle.offset, 0, whole.substr(middle.offset, middle.size)},
         {"text", 0, whole.size(), "This is no data file."}};
     for (const auto &[name, at, gone, put] : damages)
         writeText(folder.path(name), std::string(whole).replace(at, gone, put));
@@ -91,9 +120,101 @@ TEST_F(KrdCommand, EveryLineOfTheFile)
         EXPECT_THAT('^' + (isStatus ? result.out + result.err : shown(exported(parts[1]))) + '$',
                     HasSubstr(parts[2]));
         if (parts[0].find("-o @mended") < parts[0].size()) {
-            EXPECT_THAT(run("verify @mended").out, HasSubstr("whole: "));
+            EXPECT_THAT(run("verify @mended").out, HasSubstr("whole: ")) << parts[0];
         }
     }
+}
+
+// Wherever one block of a file stands twice: verify notices, and what recover makes of it is sound and holds
+// every sample and message once.
+TEST_F(KrdCommand, ADoubledBlockIsLeftOutWhichEverItIs)
+{
+    KrdBuilder all(folder.path("all"), everyKind());
+    buildEverything(all);
+    const std::vector<uint8_t> bytes = all.bytes();
+    const krd::Recording whole = krd::scan(bytes, "all");
+    for (const krd::Block &block : whole.blocks) {
+        SCOPED_TRACE(block.offset);
+        std::vector<uint8_t> doubled = bytes;
+        doubled.insert(doubled.begin() + static_cast<ptrdiff_t>(block.offset),
+                       bytes.begin() + static_cast<ptrdiff_t>(block.offset),
+                       bytes.begin() + static_cast<ptrdiff_t>(block.offset + block.size));
+        const krd::Recording found = krd::scan(doubled, "doubled");
+        EXPECT_FALSE(krd::check(found).sound());
+        std::vector<uint8_t> mended;
+        krd::rewrite(found, [&](krd::Bytes more) { mended.insert(mended.end(), more.begin(), more.end()); });
+        const krd::Recording again = krd::scan(mended, "mended");
+        EXPECT_THAT(krd::check(again).problems, ::testing::IsEmpty());
+        for (size_t i = 0; i < whole.closing->ledger.size(); ++i)
+            EXPECT_EQ(again.closing->ledger[i].stored, whole.closing->ledger[i].stored) << i;
+    }
+}
+
+// The command with its standard output or error elsewhere.
+TEST_F(KrdCommand, AnOutputThatCannotBeWrittenIsAFailureAndAClosedStandardErrorIsNone)
+{
+    KrdBuilder all(folder.path("all"), everyKind());
+    buildEverything(all);
+    const std::string file = folder.path("all"), vu = VU_COMMAND;
+    const auto shell = [](const std::string &line) {
+        const int status = pclose(popen(line.c_str(), "r"));
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    for (const std::string words :
+         {"info ", "info --json ", "verify ", "verify --json ", "plot ", "export --force -o @out "}) {
+        std::string line = vu + ' ' + words + file;
+        if (const size_t at = line.find('@'); at < line.size())
+            line.replace(at, 1, folder.path() / "");
+        const std::string err = folder.path("err");
+        EXPECT_EQ(shell(line + " >/dev/full 2>" + err), 1) << words;
+        EXPECT_THAT(readText(err), HasSubstr("standard output cannot be written: No space left")) << words;
+        EXPECT_EQ(shell(line + " >/dev/null 2>&-"), 0) << words;
+    }
+    EXPECT_EQ(shell(vu + " --help >/dev/full 2>/dev/null"), 1);
+    EXPECT_EQ(shell(vu + " info /nowhere 2>&-"), 2);
+    if (VU_SANITIZED)
+        return; // a sanitizer needs more address space than any limit leaves it
+    // Less address space than the file has bytes; the file is a hole, and no data file.
+    EXPECT_EQ(
+        shell("truncate -s 3G " + file + "; ulimit -v 1500000; " + vu + " verify " + file + " >/dev/null"),
+        3);
+}
+
+// A file that loses its end after it was opened: a message, and no signal.
+TEST_F(KrdCommand, AFileThatBecomesShorterWhileItIsReadIsAMessage)
+{
+    KrdBuilder all(folder.path("all"), everyKind());
+    buildEverything(all);
+    const krd::Recording recording = krd::scan(krd::openInput(all.path));
+    std::filesystem::resize_file(all.path, 1000);
+    krd::BlockReader reader;
+    try {
+        reader.payload(recording.blocks.back());
+        FAIL() << "read from beyond the end";
+    } catch (const std::runtime_error &error) {
+        EXPECT_THAT(error.what(), HasSubstr("all: became shorter while it was read"));
+    }
+}
+
+// Lines of the picture and of the table are as wide as the terminal says, and not wider.
+TEST_F(KrdCommand, PictureAndTableKeepToTheWidthOfTheTerminal)
+{
+    KrdBuilder file(folder.path("wide"),
+                    R"([{"name":"a name that is longer than anybody wants in a table of channels"}])");
+    file.samples(0, {1, -1.23456e300, 1e-30, 3}, 0);
+    file.close();
+    for (const size_t width : {40, 80, 133}) {
+        setenv("COLUMNS", std::to_string(width).c_str(), 1);
+        for (const char *command : {"plot @wide", "info @wide"}) {
+            const Strings lines = split(run(command).out, '\n');
+            for (const std::string &line : std::span(lines).subspan(command[0] == 'i' ? 2 : 0)) {
+                const auto characters =
+                    std::ranges::count_if(line, [](char c) { return (c & 0xC0) != 0x80; });
+                EXPECT_LE(characters, std::max<size_t>(width, command[0] == 'i' ? 66 : 0)) << line;
+            }
+        }
+    }
+    unsetenv("COLUMNS");
 }
 
 // The one sample that stands out is in the picture, and what is missing is a break in the curve.

@@ -8,6 +8,7 @@
 
 #include "vu/description/stanza_rules.h"
 #include "vu/support/descriptor.h"
+#include "vu/support/new_file.h"
 
 namespace vu {
 
@@ -35,6 +36,9 @@ std::string outputRefusal(const std::filesystem::path &file, bool replace)
         return fmt::format("{} is a folder: expected a file", file.string());
     if (!std::filesystem::is_directory(folder, ignored))
         return fmt::format("there is no folder {}", folder.string());
+    const bool isFile = std::filesystem::is_regular_file(file, ignored);
+    if (const pid_t recorder = isFile ? recorderOf(file) : 0; recorder != 0)
+        return recordedBy(file, recorder);
     if (std::filesystem::exists(file, ignored) && !replace)
         return fmt::format("{} exists already: --force replaces it", file.string());
     if (!takesFiles(folder))

@@ -7,27 +7,34 @@ namespace vu::krd {
 
 namespace {
 
-// visit(seconds, seconds of the last sample alike, value, samples, whether samples are missing before it)
+// visit(seconds, seconds of the last sample of the run, value, samples, whether samples are missing before
+// it)
 template <typename Visit>
 void forEachPoint(const Channel &channel, std::span<const Block> blocks, int64_t ticksPerSecond,
-                  Visit &&visit)
+                  ReadProgress *progress, Visit &&visit)
 {
+    constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
     if (!channel.periodic()) {
-        forEachMessage(channel, blocks, [&](const Message &message) {
+        const auto point = [&](const Message &message) {
             const double time = static_cast<double>(message.tick) / static_cast<double>(ticksPerSecond);
-            visit(time, time, toDouble(physicalValue(channel, message.body.data())), uint64_t{1}, false);
-        });
+            const uint8_t *stored = message.body.data();
+            const double value =
+                isNoValue(channel, stored) ? kNone : toDouble(physicalValue(channel, stored));
+            visit(time, time, value, uint64_t{1}, false);
+        };
+        forEachMessage(channel, blocks, point, progress);
         return;
     }
     int64_t expected = -1;
-    SampleCursor cursor(channel, blocks);
+    SampleCursor cursor(channel, blocks, progress);
     while (!cursor.atEnd()) {
-        const uint64_t run = cursor.alike();
-        const int64_t last = sampleBehind(cursor.sample(), run - 1);
+        const uint64_t run = cursor.runLeft();
+        const int64_t last = sampleAfter(cursor.sample(), run - 1);
         visit(static_cast<double>(cursor.sample()) / channel.sampleRate,
-              static_cast<double>(last) / channel.sampleRate, toDouble(cursor.value()), run,
+              static_cast<double>(last) / channel.sampleRate,
+              cursor.noValue() ? kNone : toDouble(cursor.value()), run,
               expected >= 0 && cursor.sample() != expected);
-        expected = sampleBehind(cursor.sample(), run);
+        expected = sampleAfter(cursor.sample(), run);
         cursor.advance(run);
     }
 }
@@ -44,14 +51,14 @@ void add(Column &column, double value, bool joined)
 } // namespace
 
 Envelope envelopeOf(const Channel &channel, std::span<const Block> blocks, int64_t ticksPerSecond,
-                    TimeRange wanted, size_t columns)
+                    TimeRange wanted, size_t columns, ReadProgress *progress)
 {
     Envelope envelope;
     envelope.columns.resize(columns);
     const auto seen = [&wanted](double from, double to, double value) {
         return std::isfinite(value) && to >= wanted.from && from <= wanted.to;
     };
-    forEachPoint(channel, blocks, ticksPerSecond,
+    forEachPoint(channel, blocks, ticksPerSecond, progress,
                  [&](double from, double to, double value, uint64_t count, bool) {
                      if (!seen(from, to, value))
                          return;
@@ -74,7 +81,7 @@ Envelope envelopeOf(const Channel &channel, std::span<const Block> blocks, int64
         return std::min(static_cast<size_t>(part * static_cast<double>(columns)), columns - 1);
     };
     bool joined = false;
-    forEachPoint(channel, blocks, ticksPerSecond,
+    forEachPoint(channel, blocks, ticksPerSecond, progress,
                  [&](double from, double to, double value, uint64_t, bool missing) {
                      joined = joined && !missing;
                      if (!seen(from, to, value)) {

@@ -29,8 +29,9 @@ struct Envelope {
     std::vector<Column> columns;
 };
 
-// Of a periodic channel or one of float messages.
+// Of a periodic channel or one of float messages. What stands for "no value" is a break, like what is not
+// finite.
 Envelope envelopeOf(const Channel &channel, std::span<const Block> blocks, int64_t ticksPerSecond,
-                    TimeRange wanted, size_t columns);
+                    TimeRange wanted, size_t columns, ReadProgress *progress = nullptr);
 
 } // namespace vu::krd

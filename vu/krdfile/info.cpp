@@ -6,6 +6,8 @@
 #include "vu/command.h"
 #include "vu/krdfile/never.h"
 #include "vu/krdfile/recording.h"
+#include "vu/krdfile/tool.h"
+#include "vu/support/terminal.h"
 #include "vu/support/texts.h"
 
 namespace vu::krd {
@@ -18,14 +20,12 @@ struct InfoOptions {
     bool verbose = false;
 };
 
-OrderedJson toJson(const Recording &recording, const Catalogue &catalogue, const std::string &file)
+OrderedJson toJson(const Recording &recording, const Catalogue &catalogue)
 {
-    OrderedJson json = {{"file", file},
-                        {"bytes", recording.file.size()},
-                        {"test", catalogue.test},
-                        {"start_time", catalogue.startTime},
-                        {"ticks_per_second", catalogue.ticksPerSecond},
-                        {"closed", recording.closing.has_value()}};
+    OrderedJson json = answerOf(recording);
+    json["test"] = catalogue.test;
+    json["start_time"] = catalogue.startTime;
+    json["ticks_per_second"] = catalogue.ticksPerSecond;
     if (recording.closing) {
         json["end"] = recording.closing->end;
         json["seconds"] = recording.closing->seconds;
@@ -33,13 +33,13 @@ OrderedJson toJson(const Recording &recording, const Catalogue &catalogue, const
         json["never"] = neverNames(recording);
     }
     json["channels"] = OrderedJson::array();
+    const auto ledger = ledgerByGroup(recording.closing);
     for (const Channel &channel : catalogue.channels) {
         OrderedJson entry = krd::toJson(channel);
-        if (const LedgerEntry *ledger =
-                recording.closing ? recording.closing->byGroup(channel.group) : nullptr) {
-            entry["received"] = ledger->received;
-            entry["stored"] = ledger->stored;
-            entry["discarded"] = ledger->discarded;
+        if (const auto line = ledger.find(channel.group); line != ledger.end()) {
+            entry["received"] = line->second->received;
+            entry["stored"] = line->second->stored;
+            entry["discarded"] = line->second->discarded;
         }
         json["channels"].push_back(std::move(entry));
     }
@@ -48,7 +48,7 @@ OrderedJson toJson(const Recording &recording, const Catalogue &catalogue, const
 
 std::string storedAs(const Channel &channel)
 {
-    std::string text = channel.elementName;
+    std::string text = printable(channel.elementName);
     if (channel.runLength)
         text += " rle";
     if (!channel.identity())
@@ -61,7 +61,7 @@ std::string eventText(const OrderedJson &event)
 {
     const auto text = [&event](const char *key) {
         const bool there = event.is_object() && event.contains(key) && event[key].is_string();
-        return there ? event[key].get<std::string>() : std::string();
+        return there ? printable(event[key].get<std::string>()) : std::string();
     };
     const bool timed = event.is_object() && event.contains("time") && event["time"].is_number();
     return fmt::format("{:>9} s  {}  {}  {}",
@@ -69,24 +69,28 @@ std::string eventText(const OrderedJson &event)
                        text("channel"), text("text"));
 }
 
-void print(const Recording &recording, const Catalogue &catalogue, const std::string &file, bool verbose)
+void print(const Recording &recording, const Catalogue &catalogue, bool verbose)
 {
-    fmt::print("{}: test '{}', started {}\n", file, catalogue.test, catalogue.startTime);
-    fmt::print("{}, {} channels", sizeText(recording.file.size()), catalogue.channels.size());
+    fmt::print("{}: test '{}', started {}\n", printable(recording.file->name()), printable(catalogue.test),
+               printable(catalogue.startTime));
+    fmt::print("{}, {} channels", sizeText(recording.file->size()), catalogue.channels.size());
     if (recording.closing)
-        fmt::print(", {} s, ended: {}", recording.closing->seconds, recording.closing->end);
+        fmt::print(", {} s, ended: {}", recording.closing->seconds, printable(recording.closing->end));
     fmt::print("\n\n");
 
+    const auto ledger = ledgerByGroup(recording.closing);
     std::vector<std::vector<std::string>> rows = {
         {"name", "kind", ">rate/Hz", "stored as", ">stored", ">discarded", "unit"}};
     for (const Channel &channel : catalogue.channels) {
-        const LedgerEntry *ledger = recording.closing ? recording.closing->byGroup(channel.group) : nullptr;
-        rows.push_back({channel.name, channel.kindName,
+        const auto line = ledger.find(channel.group);
+        const bool known = line != ledger.end();
+        rows.push_back({printable(channel.name), printable(channel.kindName),
                         channel.sampleRate > 0 ? fmt::format("{}", channel.sampleRate) : "",
-                        storedAs(channel), ledger ? fmt::format("{}", ledger->stored) : "?",
-                        ledger ? fmt::format("{}", ledger->discardedSum()) : "?", channel.unit});
+                        storedAs(channel), known ? fmt::format("{}", line->second->stored) : "?",
+                        known ? fmt::format("{}", line->second->discardedSum()) : "?",
+                        printable(channel.unit)});
     }
-    fmt::print("{}", tableText(rows));
+    fmt::print("{}", tableText(rows, outputWidth()));
     if (!recording.closing)
         return;
     if (const std::string never = neverText(recording, verbose); !never.empty())
@@ -100,21 +104,13 @@ void print(const Recording &recording, const Catalogue &catalogue, const std::st
 
 int info(const InfoOptions &options)
 {
-    const MappedFile file(options.file);
-    const Recording recording = glance(file.bytes(), options.file);
-    const Catalogue &catalogue = requireCatalogue(recording, options.file);
+    const Recording recording = glance(openInput(options.file));
+    const Catalogue &catalogue = requireCatalogue(recording);
     if (options.json)
-        fmt::print("{}\n", toJson(recording, catalogue, options.file).dump(2));
+        printAnswer(toJson(recording, catalogue));
     else
-        print(recording, catalogue, options.file, options.verbose);
-    if (recording.closing)
-        return kDone;
-    fmt::print(
-        stderr,
-        "{0}: there is no closing block at its end: it is being recorded, or the recording was not ended "
-        "properly; 'vu verify {0}' says what is in it\n",
-        options.file);
-    return kDataMissing;
+        print(recording, catalogue, options.verbose);
+    return statusOf(recording);
 }
 
 } // namespace
@@ -124,7 +120,9 @@ int info(const InfoOptions &options)
 void vu::addInfo(CLI::App &app, Action &chosen)
 {
     auto *command = app.add_subcommand("info", "Says what a data file holds, at once whatever its size");
-    command->footer("Example: vu info drive.krd");
+    command->footer("Exit status 3: there is no closing block, or the catalogue or closing block is damaged. "
+                    "Only 'vu verify' "
+                    "looks into\nevery block.\nExample: vu info drive.krd");
     const auto options = std::make_shared<krd::InfoOptions>();
     command->add_option("FILE", options->file, "The data file")->required();
     command->add_flag("--json", options->json, "Answer with JSON, everything the file says of itself");

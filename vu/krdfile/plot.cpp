@@ -3,14 +3,17 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
-#include <fnmatch.h>
 #include <memory>
 #include <utility>
 
 #include "vu/command.h"
 #include "vu/krdfile/envelope.h"
-#include "vu/krdfile/recording.h"
+#include "vu/krdfile/tool.h"
+#include "vu/support/progress.h"
+#include "vu/support/say.h"
+#include "vu/support/terminal.h"
 #include "vu/support/text_file.h"
+#include "vu/support/texts.h"
 
 namespace vu::krd {
 
@@ -19,7 +22,7 @@ namespace {
 struct PlotOptions {
     std::string file;
     std::vector<std::string> channels;
-    std::string output;
+    std::optional<std::string> output; // none: the terminal
     TimeRange time;
     size_t width = 0; // characters or pixels; 0: what suits the output
     size_t height = 0;
@@ -32,7 +35,8 @@ struct Panel {
 
     std::string title() const
     {
-        return channel->unit.empty() ? channel->name : fmt::format("{} [{}]", channel->name, channel->unit);
+        return printable(channel->unit.empty() ? channel->name
+                                               : fmt::format("{} [{}]", channel->name, channel->unit));
     }
     // 0 at the lowest value, 1 at the highest; a constant lies in the middle.
     double level(double value) const
@@ -74,6 +78,21 @@ private:
     std::vector<uint8_t> cells_;
 };
 
+// Figures of the scale, flush right in front of the picture.
+constexpr size_t kScale = 13, kBar = 2;
+
+std::string shortened(std::string text, size_t most)
+{
+    if (text.size() > most) {
+        size_t end = most - 3;
+        while (end > 0 && (text[end] & 0xC0) == 0x80) // not within a character
+            end--;
+        text = text.substr(0, end) + "...";
+    }
+    return text;
+}
+
+// No line is wider than scale, bar and `width`.
 void printPanel(const Panel &panel, size_t width, size_t height)
 {
     Braille raster(width, height);
@@ -100,7 +119,9 @@ void printPanel(const Panel &panel, size_t width, size_t height)
     const std::string high = fmt::format("{:.6g}", panel.envelope.high),
                       low = fmt::format("{:.6g}", panel.envelope.low);
     const size_t margin = std::max(high.size(), low.size());
-    fmt::print("{}, {} values\n", panel.title(), panel.envelope.values);
+    const std::string values = fmt::format(", {} values", panel.envelope.values);
+    fmt::print("{}{}\n", shortened(panel.title(), kScale + kBar + width - std::min(width, values.size())),
+               values);
     for (size_t y = 0; y < height; ++y)
         fmt::print("{:>{}} |{}\n", y == 0 ? high : y + 1 == height ? low : "", margin, raster.row(y));
     const std::string from = fmt::format("{:.6g} s", panel.envelope.time.from);
@@ -155,7 +176,7 @@ void drawPanel(TextFile &svg, const Panel &panel, double top, double width, doub
 
 void writeSvg(const std::vector<Panel> &panels, const PlotOptions &options, size_t width, size_t height)
 {
-    TextFile svg(options.output, options.force);
+    TextFile svg(*options.output, options.force);
     svg.print(
         "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{0}\" height=\"{1}\" viewBox=\"0 0 {0} {1}\" "
         "font-family=\"sans-serif\" font-size=\"12\">\n<rect width=\"100%\" height=\"100%\" "
@@ -173,35 +194,51 @@ bool hasCurve(const Channel &channel)
     return channel.periodic() || channel.kind == Kind::kFloat || channel.kind == Kind::kFloatNtp;
 }
 
+// The channels that were asked for and have a curve; why another one is left out is said.
+std::vector<Panel> panelsOf(const Recording &recording, const PlotOptions &options, size_t columns)
+{
+    const Catalogue &catalogue = requireCatalogue(recording);
+    std::vector<Panel> panels;
+    uint64_t bytes = 0;
+    for (const Channel *channel : channelsNamed(catalogue, options.channels, options.file)) {
+        if (hasCurve(*channel)) {
+            panels.push_back({channel, {}});
+            for (const Block &block : recording.blocksOf(channel->group))
+                bytes += 2 * uint64_t{block.size}; // each is read for the scale and for the curve
+        } else if (!options.channels.empty()) {
+            say("{}: has no curve: its messages are no numbers\n", printable(channel->name));
+        }
+    }
+    ReadProgress progress(printable(options.file), bytes);
+    for (Panel &panel : panels)
+        panel.envelope = envelopeOf(*panel.channel, recording.blocksOf(panel.channel->group),
+                                    catalogue.ticksPerSecond, options.time, columns, &progress);
+    std::erase_if(panels, [](const Panel &panel) {
+        if (panel.envelope.values == 0)
+            say("{}: nothing to show in this time\n", printable(panel.channel->name));
+        return panel.envelope.values == 0;
+    });
+    return panels;
+}
+
 int plot(const PlotOptions &options)
 {
-    const bool picture = !options.output.empty();
-    const size_t width = options.width > 0 ? options.width : picture ? 1000 : 100;
+    const bool picture = options.output.has_value();
+    if (picture)
+        requireOutput(*options.output, std::span(&options.file, 1));
+    const size_t fitting = terminalWidth() - std::min(terminalWidth(), kScale + kBar);
+    const size_t width = options.width > 0 ? options.width : picture ? 1000 : std::max<size_t>(fitting, 6);
     const size_t height = options.height > 0 ? options.height : picture ? 220 : 8;
-    const MappedFile file(options.file);
-    const Recording recording = scan(file.bytes(), options.file);
-    const Catalogue &catalogue = requireCatalogue(recording, options.file);
-    std::vector<Panel> panels;
-    for (const Channel &channel : catalogue.channels) {
-        const auto fits = [&](const std::string &glob) {
-            return fnmatch(glob.c_str(), channel.name.c_str(), 0) == 0;
-        };
-        if (!hasCurve(channel) || (!options.channels.empty() && std::ranges::none_of(options.channels, fits)))
-            continue;
-        Panel panel{&channel, envelopeOf(channel, recording.blocksOf(channel.group), catalogue.ticksPerSecond,
-                                         options.time, picture ? width : 2 * width)};
-        if (panel.envelope.values > 0)
-            panels.push_back(std::move(panel));
-        else
-            fmt::print(stderr, "{}: nothing to show in this time\n", channel.name);
-    }
+    const Recording recording = scan(openInput(options.file));
+    const std::vector<Panel> panels = panelsOf(recording, options, picture ? width : 2 * width);
     if (panels.empty())
-        throw InputError(fmt::format("{}: expected a channel of numbers with values to show", options.file));
+        throw InputError(
+            fmt::format("{}: expected a channel of numbers with values to show", printable(options.file)));
     if (picture)
         writeSvg(panels, options, width, std::max<size_t>(height, kMinPanel));
     else
         std::ranges::for_each(panels, [&](const Panel &panel) { printPanel(panel, width, height); });
-    return recording.damagedBytes > 0 ? kDataMissing : kDone;
+    return statusOf(recording);
 }
 
 } // namespace
@@ -211,7 +248,9 @@ int plot(const PlotOptions &options)
 void vu::addPlot(CLI::App &app, Action &chosen)
 {
     auto *command = app.add_subcommand("plot", "Draws channels in the terminal or as SVG, every peak kept");
-    command->footer("Example: vu plot drive.krd 'Engine*' --from 2 --to 4 -o engine.svg");
+    command->footer("What stands for \"no value\" is left out. Exit status 3: the file is damaged or was not "
+                    "ended properly.\n"
+                    "Example: vu plot drive.krd 'Engine*' --from 2 --to 4 -o engine.svg");
     const auto options = std::make_shared<krd::PlotOptions>();
     command->add_option("FILE", options->file, "The data file")->required();
     command->add_option("CHANNEL", options->channels,
@@ -219,7 +258,10 @@ void vu::addPlot(CLI::App &app, Action &chosen)
     command->add_option("-o,--output", options->output, "An SVG file instead of the terminal");
     command->add_option("--from", options->time.from, "Begin, in seconds of the test");
     command->add_option("--to", options->time.to, "End, in seconds of the test");
-    command->add_option("--width", options->width, "Characters or pixels")->check(CLI::Range(20, 10000));
+    command
+        ->add_option("--width", options->width,
+                     "Characters of the curve, or pixels; as wide as the terminal if not given")
+        ->check(CLI::Range(20, 10000));
     command->add_option("--height", options->height, "Of one channel, in characters or pixels")
         ->check(CLI::Range(2, 10000));
     command->add_flag("--force", options->force, "Overwrite the SVG file if it exists");

@@ -6,6 +6,7 @@
 
 #include "libvu/datafile/krd_format.h"
 #include "vu/krdfile/check.h"
+#include "vu/krdfile/mend.h"
 
 namespace vu::krd {
 
@@ -16,6 +17,7 @@ constexpr size_t kEntriesPerIndexBlock = 4096;
 // Channels that nothing is known of, one for each group that has blocks.
 Catalogue inventedCatalogue(const Recording &damaged)
 {
+    const auto ledger = ledgerByGroup(damaged.closing);
     Catalogue catalogue;
     catalogue.ticksPerSecond = 40'000'000;
     for (const auto &[group, blocks] : damaged.groups) {
@@ -23,8 +25,8 @@ Catalogue inventedCatalogue(const Recording &damaged)
             continue;
         Channel channel;
         channel.group = group;
-        const LedgerEntry *entry = damaged.closing ? damaged.closing->byGroup(group) : nullptr;
-        channel.name = entry ? entry->name : fmt::format("group_{}", group);
+        const auto line = ledger.find(group);
+        channel.name = line == ledger.end() ? fmt::format("group_{}", group) : line->second->name;
         channel.kindName = channel.elementName = "unknown";
         channel.encodingName = "plain";
         catalogue.channels.push_back(std::move(channel));
@@ -32,25 +34,45 @@ Catalogue inventedCatalogue(const Recording &damaged)
     return catalogue;
 }
 
+// What is discarded and stored, added up; nothing beyond 2^64.
+std::optional<uint64_t> receivedOf(const LedgerEntry &entry)
+{
+    uint64_t sum = entry.stored;
+    for (const auto &[cause, count] : entry.discarded)
+        if (__builtin_add_overflow(sum, count, &sum))
+            return std::nullopt;
+    return sum;
+}
+
 // The ledger of what is left: what the old one called stored and nobody can find is discarded by damage. If
-// the old one is lost too, only the gaps between sample numbers tell.
+// the old one is lost too, only the gaps between sample numbers show what is missing.
 LedgerEntry ledgerOf(const ChannelCheck &found, const LedgerEntry *old)
 {
     LedgerEntry entry = old ? *old : LedgerEntry();
     entry.group = found.group;
     entry.name = found.name;
     entry.stored = found.elements;
-    const uint64_t lost = !old ? found.gaps : old->stored > found.elements ? old->stored - found.elements : 0;
-    if (lost > 0)
+    if (!receivedOf(entry)) // sums that no 64 bits hold are no account of anything
+        entry.discarded.clear();
+    uint64_t lost = old && old->stored > found.elements ? old->stored - found.elements : 0;
+    const uint64_t explained = receivedOf(entry).value_or(0) - entry.stored;
+    if (found.gaps > explained)
+        lost = std::max(lost, found.gaps - explained);
+    if (lost > 0) {
+        const LedgerEntry before = entry;
         entry.discarded["damage"] += lost;
-    entry.received = entry.stored + entry.discardedSum();
+        if (!receivedOf(entry))
+            entry = before;
+    }
+    entry.received = receivedOf(entry).value_or(0);
     return entry;
 }
 
 class Rewriter {
 public:
     Rewriter(const Recording &damaged, const ByteSink &sink)
-        : damaged_(damaged), sink_(sink), invented_(!damaged.catalogue)
+        : mended_(mend(damaged)), damaged_(mended_.recording), sink_(sink), window_(*damaged.file),
+          invented_(!damaged.catalogue)
     {
         if (invented_)
             damaged_.catalogue = inventedCatalogue(damaged);
@@ -69,8 +91,16 @@ private:
         offset_ += bytes.size();
     }
 
-    Recording damaged_; // with a catalogue, whatever it was found with
+    void copy(const Block &block)
+    {
+        forEachPiece(window_, block.offset, block.size, [this](Bytes piece) { copy(piece); });
+    }
+
+    Mended mended_;
+    Recording &damaged_; // the mended one, with a catalogue, whatever it was found with
     const ByteSink &sink_;
+    Window window_;
+    BlockReader reader_;
     bool invented_;
     uint64_t offset_ = 0; // in the new file
     std::vector<std::pair<uint64_t, uint32_t>> entries_;
@@ -107,7 +137,7 @@ void Rewriter::catalogueBlock()
     if (invented_ || damaged_.catalogueIsCopy)
         put(KRD_GROUP_CATALOGUE, toText(toJson(*damaged_.catalogue)));
     else
-        copy(damaged_.blocks.front().whole);
+        copy(damaged_.blocks.front());
 }
 
 void Rewriter::indexBlocks()
@@ -126,6 +156,7 @@ void Rewriter::indexBlocks()
 void Rewriter::closingBlock()
 {
     const auto &old = damaged_.closing;
+    const auto ledger = ledgerByGroup(old);
     if (old) {
         closing_ = *old;
         closing_.ledger.clear();
@@ -134,8 +165,9 @@ void Rewriter::closingBlock()
     }
     closing_.indexBlocks = index_blocks_;
     for (const ChannelCheck &channel : check(damaged_).channels) {
-        const LedgerEntry *entry = old ? old->byGroup(channel.group) : nullptr;
-        // The elements of invented channels can not be counted: what the old ledger says of them stays.
+        const auto line = ledger.find(channel.group);
+        const LedgerEntry *entry = line == ledger.end() ? nullptr : line->second;
+        // The elements of invented channels cannot be counted: what the old ledger says of them is kept.
         closing_.ledger.push_back(invented_ && entry ? *entry : ledgerOf(channel, entry));
     }
     if (old) // what was not stored is in no block
@@ -145,8 +177,10 @@ void Rewriter::closingBlock()
         {{"time", closing_.seconds},
          {"kind", "recovered"},
          {"channel", ""},
-         {"text", fmt::format("{} bytes were damaged in {} places, {} of an unfinished block",
-                              damaged_.damagedBytes, damaged_.damage.size(), damaged_.unfinishedBytes)}});
+         {"text",
+          fmt::format("{} bytes were damaged in {} places, {} of an unfinished block, {} blocks left out",
+                      damaged_.damagedBytes, damaged_.damage.size(), damaged_.unfinishedBytes,
+                      mended_.left_out)}});
     put(KRD_GROUP_CATALOGUE, toText(toJson(closing_)));
 }
 
@@ -154,10 +188,12 @@ void Rewriter::run()
 {
     catalogueBlock();
     for (const Block &block : damaged_.blocks) {
-        if (block.group < KRD_GROUP_FIRST_CHANNEL)
-            continue;
-        entries_.emplace_back(offset_, block.group);
-        copy(block.whole);
+        if (block.group >= KRD_GROUP_FIRST_CHANNEL)
+            entries_.emplace_back(offset_, block.group);
+        else if (block.group != KRD_GROUP_CATALOGUE ||
+                 headKind(reader_.payload(block)) != HeadKind::kAttachment)
+            continue; // written anew
+        copy(block);
     }
     indexBlocks();
     closingBlock();
@@ -172,18 +208,16 @@ void rewrite(const Recording &damaged, const ByteSink &sink)
 
 std::string compareRewritten(const Recording &damaged, const Recording &rewritten)
 {
-    if (rewritten.damagedBytes + rewritten.unfinishedBytes > 0 || !rewritten.closing || !rewritten.catalogue)
-        return "the new file is not whole";
+    if (rewritten.damagedBytes + rewritten.unfinishedBytes + rewritten.rest.bytes > 0 || !rewritten.closing ||
+        !rewritten.catalogue)
+        return "the new file is not complete";
     const auto ofChannels = [](const Recording &recording) {
         std::vector<Block> blocks;
         std::ranges::copy_if(recording.blocks, std::back_inserter(blocks),
                              [](const Block &block) { return block.group >= KRD_GROUP_FIRST_CHANNEL; });
         return blocks;
     };
-    const auto same = [](const Block &one, const Block &other) {
-        return std::ranges::equal(one.whole, other.whole);
-    };
-    if (!std::ranges::equal(ofChannels(damaged), ofChannels(rewritten), same))
+    if (!std::ranges::equal(ofChannels(mend(damaged).recording), ofChannels(rewritten), sameBytes))
         return "the new file does not hold the blocks of the old one";
     return {};
 }

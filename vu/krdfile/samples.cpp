@@ -1,7 +1,10 @@
 #include "vu/krdfile/samples.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <limits>
+#include <type_traits>
 
 namespace vu::krd {
 
@@ -23,7 +26,27 @@ Number storedValue(Element element, const uint8_t *from)
     case Element::kInt32: return int64_t{loadLittle<int32_t>(from)};
     case Element::kUint32: return uint64_t{loadLittle<uint32_t>(from)};
     case Element::kInt64: return loadLittle<int64_t>(from);
-    default: return loadLittle<uint64_t>(from);
+    case Element::kUint64: return loadLittle<uint64_t>(from);
+    case Element::kCan:
+    case Element::kBytes:
+    case Element::kUnknown: break; // no numbers, and nobody asks for one
+    }
+    return uint64_t{0};
+}
+
+// In the type of the stored value: beyond 2^53 neighbouring whole numbers are one double.
+template <typename T>
+bool isSame(T stored, double wanted)
+{
+    if constexpr (std::is_same_v<T, float>) {
+        return std::abs(wanted) <= std::numeric_limits<float>::max() && stored == static_cast<float>(wanted);
+    } else if constexpr (std::is_same_v<T, double>) {
+        return stored == wanted;
+    } else {
+        constexpr double kBeyond = std::is_signed_v<T> ? kTwoTo63 : 2 * kTwoTo63;
+        constexpr double kLowest = std::is_signed_v<T> ? -kTwoTo63 : 0.0;
+        return wanted >= kLowest && wanted < kBeyond && wanted == std::floor(wanted) &&
+               stored == static_cast<T>(wanted);
     }
 }
 
@@ -62,7 +85,7 @@ double toDouble(const Number &number)
     return std::visit([](auto value) { return static_cast<double>(value); }, number);
 }
 
-int64_t sampleBehind(int64_t sample, uint64_t more)
+int64_t sampleAfter(int64_t sample, uint64_t more)
 {
     int64_t sum = 0;
     if (more > uint64_t{INT64_MAX} || __builtin_add_overflow(sample, static_cast<int64_t>(more), &sum))
@@ -78,50 +101,63 @@ Number physicalValue(const Channel &channel, const uint8_t *from)
     return toDouble(stored) * channel.scale + channel.offset;
 }
 
+bool isNoValue(const Channel &channel, const uint8_t *from)
+{
+    return channel.invalid && std::visit([&](auto stored) { return isSame(stored, *channel.invalid); },
+                                         storedValue(channel.element, from));
+}
+
 std::optional<int64_t> positionOf(const Channel &channel, const Block &block)
 {
-    if (!channel.hasPosition || block.payload.size() < channel.leadingBytes())
+    if (!channel.hasPosition || block.payloadSize() < channel.leadingBytes())
         return std::nullopt;
-    return loadLittle<int64_t>(block.payload.data());
+    std::array<uint8_t, sizeof(int64_t)> bytes;
+    block.file->read(block.payloadOffset(), bytes);
+    return loadLittle<int64_t>(bytes.data());
 }
 
-Bytes samplesOf(const Channel &channel, const Block &block)
+Bytes samplesOf(const Channel &channel, Bytes payload)
 {
-    return block.payload.size() < channel.leadingBytes() ? Bytes()
-                                                         : block.payload.subspan(channel.leadingBytes());
+    return payload.size() < channel.leadingBytes() ? Bytes() : payload.subspan(channel.leadingBytes());
 }
 
-std::optional<uint64_t> countElements(const Channel &channel, const Block &block)
+uint32_t samplesSize(const Channel &channel, const Block &block)
 {
-    if (channel.kind == Kind::kUnknown || block.payload.size() < channel.leadingBytes())
+    return block.payloadSize() - std::min(block.payloadSize(), channel.leadingBytes());
+}
+
+std::optional<uint64_t> countElements(const Channel &channel, const Block &block, BlockReader &reader)
+{
+    if (channel.kind == Kind::kUnknown || block.payloadSize() < channel.leadingBytes())
         return std::nullopt;
-    Bytes data = samplesOf(channel, block);
+    if (!channel.runLength && channel.elementSize > 0) {
+        const uint64_t bytes = samplesSize(channel, block);
+        return bytes % channel.elementSize == 0 ? std::optional(bytes / channel.elementSize) : std::nullopt;
+    }
+    Bytes data = samplesOf(channel, reader.payload(block));
     if (channel.runLength)
         return countRuns(channel, data);
-    if (channel.elementSize > 0)
-        return data.size() % channel.elementSize == 0 ? std::optional(data.size() / channel.elementSize)
-                                                      : std::nullopt;
     uint64_t messages = 0;
     while (takeMessage(channel, data))
         ++messages;
     return data.empty() ? std::optional(messages) : std::nullopt;
 }
 
-SampleCursor::SampleCursor(const Channel &channel, std::span<const Block> blocks)
-    : channel_(channel), blocks_(blocks)
+SampleCursor::SampleCursor(const Channel &channel, std::span<const Block> blocks, ReadProgress *progress)
+    : channel_(channel), blocks_(blocks), reader_(progress)
 {
     load();
 }
 
 void SampleCursor::advance(uint64_t samples)
 {
-    sample_ = sampleBehind(sample_, samples);
+    sample_ = sampleAfter(sample_, samples);
     left_ -= std::min(samples, left_);
     if (left_ == 0)
         load();
 }
 
-// Takes the next run, passing over runs of none and blocks without a whole element.
+// Takes the next run, passing over empty runs and blocks without a complete element.
 void SampleCursor::load()
 {
     const size_t value = channel_.valueSize();
@@ -131,12 +167,13 @@ void SampleCursor::load()
             if (blocks_.empty())
                 return;
             sample_ = std::max<int64_t>(positionOf(channel_, blocks_.front()).value_or(sample_), 0);
-            data_ = samplesOf(channel_, blocks_.front());
+            data_ = samplesOf(channel_, reader_.payload(blocks_.front()));
             blocks_ = blocks_.subspan(1);
             continue;
         }
         left_ = channel_.runLength ? runCount(channel_.element, data_.data()).value_or(0) : 1;
         value_ = physicalValue(channel_, data_.data() + element - value);
+        no_value_ = isNoValue(channel_, data_.data() + element - value);
         data_ = data_.subspan(element);
     }
 }

@@ -6,6 +6,7 @@
 #include "vu/command.h"
 #include "vu/krdfile/check.h"
 #include "vu/krdfile/never.h"
+#include "vu/krdfile/tool.h"
 #include "vu/support/texts.h"
 
 namespace vu::krd {
@@ -18,24 +19,19 @@ struct VerifyOptions {
     bool verbose = false;
 };
 
-OrderedJson toJson(const Recording &recording, const Check &found, const std::string &file)
+OrderedJson toJson(const Recording &recording, const Check &found)
 {
-    OrderedJson json = {{"file", file},
-                        {"bytes", recording.file.size()},
-                        {"sound", found.sound()},
-                        {"blocks", recording.blocks.size()},
-                        {"closed", recording.closing.has_value()},
-                        {"damaged_bytes", recording.damagedBytes},
-                        {"damage", OrderedJson::array()},
-                        {"unfinished_bytes", recording.unfinishedBytes},
-                        {"index",
-                         {{"blocks", found.indexBlocks},
-                          {"entries", found.indexEntries},
-                          {"dangling_entries", found.danglingEntries},
-                          {"unlisted_blocks", found.unlistedBlocks}}},
-                        {"channels", OrderedJson::array()},
-                        {"problems", found.problems},
-                        {"never", neverNames(recording)}};
+    OrderedJson json = answerOf(recording);
+    json["problems"] = found.problems;
+    json["never"] = neverNames(recording);
+    json["sound"] = found.sound();
+    json["blocks"] = recording.blocks.size();
+    json["damage"] = OrderedJson::array();
+    json["index"] = {{"blocks", found.indexBlocks},
+                     {"entries", found.indexEntries},
+                     {"dangling_entries", found.danglingEntries},
+                     {"unlisted_blocks", found.unlistedBlocks}};
+    json["channels"] = OrderedJson::array();
     for (const Damage &damage : recording.damage)
         json["damage"].push_back({{"offset", damage.offset}, {"bytes", damage.bytes}});
     for (const ChannelCheck &channel : found.channels) {
@@ -51,13 +47,14 @@ OrderedJson toJson(const Recording &recording, const Check &found, const std::st
     return json;
 }
 
-void print(const Recording &recording, const Check &found, const std::string &file, bool verbose)
+void print(const Recording &recording, const Check &found, bool verbose)
 {
-    fmt::print("{}: {}, {} whole blocks, {} channels, {} index entries in {} blocks\n", file,
-               sizeText(recording.file.size()), recording.blocks.size(), found.channels.size(),
+    const std::string name = printable(recording.file->name());
+    fmt::print("{}: {}, {} whole blocks, {} channels, {} index entries in {} blocks\n", name,
+               sizeText(recording.file->size()), recording.blocks.size(), found.channels.size(),
                found.indexEntries, found.indexBlocks);
     for (const std::string &problem : found.problems)
-        fmt::print("  {}\n", problem);
+        fmt::print("  {}\n", printable(problem));
     if (found.sound() && found.danglingEntries > 0)
         fmt::print("  {} index entries point at blocks that the full disk did not take\n",
                    found.danglingEntries);
@@ -67,20 +64,19 @@ void print(const Recording &recording, const Check &found, const std::string &fi
         fmt::print("whole: every checksum, index entry, sample number and ledger line agrees\n");
     else if (recording.damagedBytes > 0)
         fmt::print("damaged: {} bytes; 'vu recover {}' makes a whole file of the rest\n",
-                   recording.damagedBytes, file);
+                   recording.damagedBytes, name);
     else
-        fmt::print("not damaged, and not complete; 'vu recover {}' makes a whole file of it\n", file);
+        fmt::print("not damaged, and not complete; 'vu recover {}' makes a whole file of it\n", name);
 }
 
 int verify(const VerifyOptions &options)
 {
-    const MappedFile file(options.file);
-    const Recording recording = scan(file.bytes(), options.file);
+    const Recording recording = scan(openInput(options.file));
     const Check found = check(recording);
     if (options.json)
-        fmt::print("{}\n", toJson(recording, found, options.file).dump(2));
+        printAnswer(toJson(recording, found));
     else
-        print(recording, found, options.file, options.verbose);
+        print(recording, found, options.verbose);
     return found.sound() ? kDone : kDataMissing;
 }
 

@@ -1,7 +1,8 @@
-// The known word that somebody probably meant.
+// The word that somebody probably meant, out of those that are known.
 #pragma once
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <numeric>
 #include <string>
 #include <string_view>
@@ -9,40 +10,49 @@
 
 namespace vu {
 
-// Insertions, deletions and replacements of a character that lead from one word to the other; two neighbours
-// that changed places count as one.
-inline size_t editDistance(std::string_view from, std::string_view to)
+// Letters to put in, take out, exchange, or swap with their neighbour to make one word of the other.
+inline size_t editDistance(std::string_view one, std::string_view other)
 {
-    std::vector<size_t> beforeLast(to.size() + 1), last(to.size() + 1), row(to.size() + 1);
-    std::iota(last.begin(), last.end(), size_t{0});
-    for (size_t i = 1; i <= from.size(); i++) {
+    std::vector<size_t> before, last, row(other.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 1; i <= one.size(); ++i) {
+        before = std::exchange(last, row);
         row[0] = i;
-        for (size_t k = 1; k <= to.size(); k++) {
-            row[k] =
-                std::min({last[k] + 1, row[k - 1] + 1, last[k - 1] + (from[i - 1] == to[k - 1] ? 0u : 1u)});
-            if (i > 1 && k > 1 && from[i - 1] == to[k - 2] && from[i - 2] == to[k - 1])
-                row[k] = std::min(row[k], beforeLast[k - 2] + 1);
+        for (size_t j = 1; j <= other.size(); ++j) {
+            row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (one[i - 1] != other[j - 1])});
+            if (i > 1 && j > 1 && one[i - 1] == other[j - 2] && one[i - 2] == other[j - 1])
+                row[j] = std::min(row[j], before[j - 2] + 1);
         }
-        beforeLast.swap(last);
-        last.swap(row);
     }
-    return last[to.size()];
+    return row.back();
 }
 
-// Of `known` the word nearest to `word`; empty if none is near: a third of its letters may differ.
-inline std::string nearestOf(std::string_view word, const std::vector<std::string> &known)
+// The known word nearest to `word`; empty if none is so near that it may have been meant. Long words are not
+// compared: nobody types them, and the cost grows with the product of the lengths.
+template <typename Words>
+std::string nearestOf(std::string_view word, const Words &known)
 {
-    constexpr size_t kLongestWord = 100;
-    std::string nearest;
-    size_t least = std::max<size_t>(word.size() / 3, 1) + 1;
-    if (word.size() > kLongestWord)
-        return nearest;
-    for (const std::string &candidate : known)
-        if (const size_t distance = editDistance(word, candidate); distance < least) {
-            least = distance;
-            nearest = candidate;
-        }
-    return nearest;
+    constexpr size_t kLongest = 100;
+    const size_t most = std::max<size_t>(1, word.size() / 3);
+    std::string best;
+    size_t least = most + 1;
+    for (const auto &candidate : known) {
+        const std::string_view text = candidate;
+        if (word.size() > kLongest || text.size() > kLongest)
+            continue;
+        const size_t distance = editDistance(word, text);
+        if (distance < least)
+            least = distance, best = text;
+    }
+    return best;
+}
+
+// "; did you mean 'verify'?", or nothing.
+template <typename Words>
+std::string didYouMean(std::string_view word, const Words &known)
+{
+    const std::string best = nearestOf(word, known);
+    return best.empty() ? best : fmt::format("; did you mean '{}'?", best);
 }
 
 } // namespace vu

@@ -99,9 +99,7 @@ void checkName(const std::filesystem::path &path, bool force)
     // A link that points nowhere is replaced itself; one to a device stays.
     const bool isFile = stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
     if (const pid_t recorder = isFile ? recorderOf(path) : 0; recorder != 0)
-        throw InputError(recorder > 0
-                             ? fmt::format("{}: is being recorded by process {}", path.string(), recorder)
-                             : fmt::format("{}: is being recorded by another process", path.string()));
+        throw InputError(recordedBy(path, recorder));
     if (!isFile)
         throw InputError(fmt::format("{}: is no file: expected the name of a file", path.string()));
     if (!force)
@@ -120,6 +118,12 @@ bool renameToFree(const std::string &from, const std::filesystem::path &to)
 }
 
 } // namespace
+
+std::string recordedBy(const std::filesystem::path &path, pid_t recorder)
+{
+    return recorder > 0 ? fmt::format("{}: is being recorded by process {}", path.string(), recorder)
+                        : fmt::format("{}: is being recorded by another process", path.string());
+}
 
 std::filesystem::path folderOf(const std::filesystem::path &path)
 {

@@ -51,5 +51,7 @@ std::filesystem::path folderOf(const std::filesystem::path &path);
 
 // The process that records into the file at `path`; 0 if none does, and -1 if it cannot be named.
 pid_t recorderOf(const std::filesystem::path &path);
+// What is said of such a file.
+std::string recordedBy(const std::filesystem::path &path, pid_t recorder);
 
 } // namespace vu

@@ -43,6 +43,7 @@ public:
         if (offset - looked_ >= kLookEvery)
             look(offset);
     }
+    void more(uint64_t bytes) { reached(done_ += bytes); }
 
 private:
     static constexpr uint64_t kLookEvery = 32 << 20; // bytes; the clock is not asked for each block
@@ -52,6 +53,7 @@ private:
     std::string name_;
     uint64_t total_;
     uint64_t looked_ = 0;
+    uint64_t done_ = 0; // as more() added it up
     ProgressLine line_;
 };
 

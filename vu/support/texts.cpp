@@ -40,6 +40,37 @@ size_t printableBytes(std::string_view text)
     return length;
 }
 
+// At most so many characters of a text; the last three are "..." where it was longer.
+std::string cut(const std::string &text, size_t most)
+{
+    constexpr size_t kDots = 3;
+    if (width(text) <= most)
+        return text;
+    size_t end = 0;
+    for (size_t characters = 0; end < text.size(); ++end)
+        if ((text[end] & 0xC0) != 0x80 && ++characters + kDots > most)
+            break;
+    return text.substr(0, end) + "...";
+}
+
+// Takes from the widest columns of text what a line has too much; numbers are never cut.
+void fitColumns(std::vector<size_t> &widths, const std::vector<bool> &right, size_t widest)
+{
+    constexpr size_t kGap = 2, kNarrowest = 8;
+    size_t total = 0;
+    for (const size_t column : widths)
+        total += column + kGap;
+    for (total -= kGap; total > widest; --total) {
+        size_t *most = nullptr;
+        for (size_t column = 0; column < widths.size(); ++column)
+            if (!right[column] && widths[column] > kNarrowest && (!most || widths[column] > *most))
+                most = &widths[column];
+        if (!most)
+            return;
+        --*most;
+    }
+}
+
 } // namespace
 
 std::string sizeText(double bytes)
@@ -87,7 +118,7 @@ std::string printable(std::string_view text, size_t most)
     return shown;
 }
 
-std::string tableText(const std::vector<std::vector<std::string>> &rows)
+std::string tableText(const std::vector<std::vector<std::string>> &rows, size_t widest)
 {
     std::vector<size_t> widths(rows.front().size(), 0);
     std::vector<bool> right;
@@ -100,12 +131,14 @@ std::string tableText(const std::vector<std::vector<std::string>> &rows)
         for (size_t column = 0; column < widths.size(); ++column)
             widths[column] = std::max(widths[column], width(cell(row, column)));
     }
+    fitColumns(widths, right, widest);
     std::string text;
     for (size_t row = 0; row < rows.size(); ++row) {
         std::string line;
         for (size_t column = 0; column < widths.size(); ++column) {
-            const std::string padding(widths[column] - width(cell(row, column)), ' ');
-            line += right[column] ? padding + cell(row, column) : cell(row, column) + padding;
+            const std::string shown = cut(cell(row, column), widths[column]);
+            const std::string padding(widths[column] - width(shown), ' ');
+            line += right[column] ? padding + shown : shown + padding;
             line += "  ";
         }
         line.erase(line.find_last_not_of(' ') + 1);

@@ -16,7 +16,8 @@ std::string sizeText(double bytes);
 std::string durationText(double seconds);
 
 // Rows under a heading, columns as wide as they need. A column whose heading begins with ">" is flush right.
-std::string tableText(const std::vector<std::vector<std::string>> &rows);
+// Lines beyond `widest` characters are made to fit: the widest columns of text are cut, and end in "..."
+std::string tableText(const std::vector<std::vector<std::string>> &rows, size_t widest = SIZE_MAX);
 
 // A text of others made fit for a terminal, a log line or a table: control characters as \xNN, bytes that are
 // no UTF-8 likewise, and at most `most` bytes of it, with "..." where it was longer.

@@ -40,11 +40,22 @@ std::string remoteText(const CanFrame &frame)
     return frame.data.empty() ? "R" : fmt::format("R{}", frame.data.size());
 }
 
+// The name of a bus is one word of a line: a blank or a line end in a channel's name would make another line.
+std::string oneWord(std::string name)
+{
+    for (char &c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte <= ' ' || byte == 0x7F)
+            c = '_';
+    }
+    return name.empty() ? "can" : name;
+}
+
 void write(const Channel &channel, std::span<const Block> blocks, const ExportSettings &settings,
            TextFile &file)
 {
-    const std::string &bus = settings.bus.empty() ? channel.name : settings.bus;
-    forEachMessage(channel, blocks, [&](const Message &message) {
+    const std::string bus = oneWord(settings.bus.empty() ? channel.name : settings.bus);
+    const auto line = [&](const Message &message) {
         const CanFrame frame = canFrame(message.body);
         int64_t time = 0;
         if (__builtin_add_overflow(microseconds(message.tick, settings.ticksPerSecond),
@@ -53,12 +64,14 @@ void write(const Channel &channel, std::span<const Block> blocks, const ExportSe
             time = 0; // such a log knows no time before its own origin
         file.print("({}.{:06}) {} {}#{}\n", time / kMicrosecondsPerSecond, time % kMicrosecondsPerSecond, bus,
                    frame.idText(), frame.remote ? remoteText(frame) : hexText(frame.data));
-    });
+    };
+    forEachMessage(channel, blocks, line, settings.progress);
 }
 
 } // namespace
 
-const ExportFormat kCandumpFormat = {"candump", refusal, write};
+const ExportFormat kCandumpFormat = {"candump", "the log of a raw CAN channel", false, false, true, refusal,
+                                     write};
 
 std::string CanFrame::idText() const
 {
@@ -73,10 +86,10 @@ CanFrame canFrame(Bytes body)
     frame.extended = (flags & kExtended) != 0 || frame.id > kMaxStandardId;
     frame.remote = (flags & kRemote) != 0;
     const Bytes payload = body.subspan(kIdBytes, kDataBytes);
-    // Not every source tells the length. Bytes behind it that are not padding show that this one did not.
-    const size_t told = std::min<size_t>(flags & kLengthBits, kDataBytes);
-    const bool padded = std::ranges::all_of(payload.subspan(told), [](uint8_t byte) { return byte == 0; });
-    frame.data = payload.first(padded ? told : kDataBytes);
+    // Not every source gives the length. Bytes after it that are not padding show that this one did not.
+    const size_t given = std::min<size_t>(flags & kLengthBits, kDataBytes);
+    const bool padded = std::ranges::all_of(payload.subspan(given), [](uint8_t byte) { return byte == 0; });
+    frame.data = payload.first(padded ? given : kDataBytes);
     return frame;
 }
 

@@ -18,6 +18,12 @@ double secondsOf(const Channel &channel, int64_t sample)
     return static_cast<double>(sample) / channel.sampleRate;
 }
 
+// Readers of tables take bare 1E3 for a thousand and 00123 for 123; 0x1E3 is a text to all of them.
+std::string hexCell(Bytes bytes)
+{
+    return bytes.empty() ? "" : "0x" + hexText(bytes);
+}
+
 bool isText(Bytes bytes)
 {
     return std::ranges::all_of(
@@ -46,9 +52,12 @@ void writeSamples(const Channel &channel, std::span<const Block> blocks, const E
                   TextFile &file)
 {
     file.append("sample,time,value\n");
-    forEachSample(channel, blocks, settings, [&](int64_t sample, const Number &value) {
+    forEachSample(channel, blocks, settings, [&](int64_t sample, const Number &value, bool noValue) {
         const double time = secondsOf(channel, sample);
-        std::visit([&](auto number) { file.print("{},{},{}\n", sample, time, number); }, value);
+        if (noValue)
+            file.print("{},{},\n", sample, time);
+        else
+            std::visit([&](auto number) { file.print("{},{},{}\n", sample, time, number); }, value);
     });
 }
 
@@ -64,19 +73,21 @@ void writeMessages(const Channel &channel, std::span<const Block> blocks, const 
                                  : !bytes                   ? "value"
                                  : text                     ? "text"
                                                             : "hex");
-    forEachMessage(channel, blocks, [&](const Message &message) {
+    const auto line = [&](const Message &message) {
         file.print("{},{},", message.tick, secondsText(message.tick, settings.ticksPerSecond));
         if (channel.kind == Kind::kCan) {
             const CanFrame frame = canFrame(message.body);
-            file.print("{},{:d},{:d},{}", frame.idText(), frame.extended, frame.remote,
-                       hexText(frame.remote ? Bytes() : frame.data));
+            file.print("0x{},{:d},{:d},{}", frame.idText(), frame.extended, frame.remote,
+                       hexCell(frame.remote ? Bytes() : frame.data));
         } else if (!bytes) {
-            appendNumber(file, physicalValue(channel, message.body.data()));
+            if (!isNoValue(channel, message.body.data()))
+                appendNumber(file, physicalValue(channel, message.body.data()));
         } else {
-            file.append(text ? quoted(message.body) : hexText(message.body));
+            file.append(text ? quoted(message.body) : hexCell(message.body));
         }
         file.append("\n");
-    });
+    };
+    forEachMessage(channel, blocks, line, settings.progress);
 }
 
 std::string refusal(const Channel &channel, std::span<const Block>, const ExportSettings &)
@@ -92,24 +103,45 @@ void write(const Channel &channel, std::span<const Block> blocks, const ExportSe
 
 } // namespace
 
-const ExportFormat kCsvFormat = {"csv", refusal, write};
+const ExportFormat kCsvFormat = {"csv", "tables of text, every channel", true, true, false, refusal, write};
 
 Extent extentOf(const Channel &channel, std::span<const Block> blocks, const ExportSettings &settings)
 {
     Extent extent;
     std::optional<int64_t> expected;
     SampleCursor cursor(channel, blocks);
+    extent.begin = extent.end = cursor.atEnd() ? 0 : cursor.sample();
+    const auto add = [](uint64_t &sum, uint64_t more) {
+        sum = std::min(sum + more, static_cast<uint64_t>(INT64_MAX)); // neither is larger: no wrap
+    };
     while (!cursor.atEnd()) {
         if (expected && cursor.sample() > *expected)
-            extent.missing += static_cast<uint64_t>(cursor.sample() - *expected);
-        const uint64_t run = cursor.alike();
-        extent.samples += run;
-        expected = sampleBehind(cursor.sample(), run);
+            add(extent.missing, static_cast<uint64_t>(cursor.sample() - *expected));
+        const uint64_t run = cursor.runLeft();
+        add(extent.samples, run);
+        extent.no_values |= cursor.noValue();
+        expected = sampleAfter(cursor.sample(), run);
+        extent.end = std::max(extent.end, *expected);
         cursor.advance(run);
     }
     if (settings.fill)
-        extent.samples += std::exchange(extent.missing, 0);
+        add(extent.samples, std::exchange(extent.missing, 0));
     return extent;
+}
+
+uint64_t mergedRows(const std::vector<ChannelBlocks> &channels, const ExportSettings &settings)
+{
+    uint64_t sum = 0;
+    int64_t begin = INT64_MAX, end = 0;
+    for (const auto &[channel, blocks] : channels) {
+        const Extent extent = extentOf(*channel, blocks, settings);
+        if (extent.samples == 0)
+            continue;
+        sum = std::min(sum + extent.samples, static_cast<uint64_t>(INT64_MAX));
+        begin = std::min(begin, extent.begin);
+        end = std::max(end, extent.end);
+    }
+    return std::min(sum, end > begin ? static_cast<uint64_t>(end - begin) : sum);
 }
 
 void writeMergedCsv(const std::vector<ChannelBlocks> &channels, const ExportSettings &settings,
@@ -118,16 +150,16 @@ void writeMergedCsv(const std::vector<ChannelBlocks> &channels, const ExportSett
     std::vector<SampleCursor> cursors;
     file.append("sample,time");
     for (const auto &[channel, blocks] : channels) {
-        cursors.emplace_back(*channel, blocks);
+        cursors.emplace_back(*channel, blocks, settings.progress);
         file.print(",{}", quoted(channel->name));
     }
     file.append("\n");
 
     while (true) {
-        const auto behind = [](const SampleCursor &one, const SampleCursor &other) {
+        const auto isBefore = [](const SampleCursor &one, const SampleCursor &other) {
             return !one.atEnd() && (other.atEnd() || one.sample() < other.sample());
         };
-        const auto first = std::ranges::min_element(cursors, behind);
+        const auto first = std::ranges::min_element(cursors, isBefore);
         if (first == cursors.end() || first->atEnd())
             break;
         const int64_t sample = first->sample();
@@ -139,12 +171,12 @@ void writeMergedCsv(const std::vector<ChannelBlocks> &channels, const ExportSett
                     file.print("{}", *settings.fill);
                 continue;
             }
-            appendNumber(file, cursor.value());
+            if (!cursor.noValue())
+                appendNumber(file, cursor.value());
             cursor.next();
         }
         file.append("\n");
     }
-    file.finish();
 }
 
 } // namespace vu::krd

@@ -1,6 +1,7 @@
 // NumPy arrays, version 1.0 of their format. A periodic channel without gaps is a plain array of its values;
 // anything else is an array of records that carry their sample number or tick.
 #include <algorithm>
+#include <limits>
 
 #include "vu/krdfile/export/export_formats.h"
 
@@ -11,6 +12,7 @@ namespace {
 constexpr size_t kAlignment = 64; // of the data, for those who map the file
 constexpr size_t kPreamble = 10;  // magic, version, length of the header
 constexpr size_t kCanData = 8;
+constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
 
 template <typename T>
 void appendLittle(TextFile &file, T value)
@@ -59,55 +61,72 @@ void writeSamples(const Channel &channel, std::span<const Block> blocks, const E
 {
     const Extent extent = extentOf(channel, blocks, settings);
     const bool numbered = extent.missing > 0;
-    // A fill that the stored integers can not hold would be cut; doubles hold both.
+    // A fill that the stored integers cannot hold would be cut, and none of them is "no value"; doubles hold
+    // both.
     Channel shown = channel;
-    if (settings.fill && channel.element != Element::kFloat32)
+    if ((settings.fill || extent.no_values) && channel.element != Element::kFloat32)
         shown.element = Element::kFloat64;
     const std::string value = valueType(shown);
     appendHeader(file,
                  numbered ? fmt::format("[('sample', '<i8'), ('value', '{}')]", value)
                           : fmt::format("'{}'", value),
                  extent.samples);
-    forEachSample(channel, blocks, settings, [&](int64_t sample, const Number &number) {
+    forEachSample(channel, blocks, settings, [&](int64_t sample, const Number &number, bool noValue) {
+        const double shownValue = noValue ? kNone : toDouble(number);
         if (numbered)
             appendLittle(file, sample);
+        if (value == "<f4")
+            appendLittle(file, static_cast<float>(shownValue));
+        else if (value == "<f8")
+            appendLittle(file, shownValue);
+        else
+            appendValue(file, channel, number);
+    });
+}
+
+void appendCan(TextFile &file, const CanFrame &frame)
+{
+    appendLittle(file, frame.id);
+    appendLittle(file, static_cast<uint8_t>(frame.extended));
+    appendLittle(file, static_cast<uint8_t>(frame.remote));
+    appendLittle(file, static_cast<uint8_t>(frame.data.size()));
+    char data[kCanData] = {};
+    std::ranges::copy(frame.data, data);
+    file.append({data, sizeof data});
+}
+
+void writeMessages(const Channel &channel, std::span<const Block> blocks, const ExportSettings &settings,
+                   TextFile &file)
+{
+    uint64_t count = 0;
+    for (const Block &block : blocks)
+        count += samplesSize(channel, block) / channel.elementSize;
+    const bool can = channel.kind == Kind::kCan;
+    // A whole number that stands for "no value" is a NaN, and an array has one type.
+    Channel shown = channel;
+    if (!can && channel.invalid && channel.element != Element::kFloat32)
+        shown.element = Element::kFloat64;
+    const std::string value = can ? "" : valueType(shown);
+    appendHeader(
+        file,
+        can ? "[('tick', '<i8'), ('id', '<u4'), ('extended', '|b1'), ('remote', '|b1'), ('length', '|u1'), "
+              "('data', '|u1', (8,))]"
+            : fmt::format("[('tick', '<i8'), ('value', '{}')]", value),
+        count);
+    const auto record = [&](const Message &message) {
+        appendLittle(file, message.tick);
+        if (can)
+            return appendCan(file, canFrame(message.body));
+        const uint8_t *stored = message.body.data();
+        const Number number = isNoValue(channel, stored) ? Number(kNone) : physicalValue(channel, stored);
         if (value == "<f4")
             appendLittle(file, static_cast<float>(toDouble(number)));
         else if (value == "<f8")
             appendLittle(file, toDouble(number));
         else
             appendValue(file, channel, number);
-    });
-}
-
-void writeMessages(const Channel &channel, std::span<const Block> blocks, const ExportSettings &,
-                   TextFile &file)
-{
-    uint64_t count = 0;
-    for (const Block &block : blocks)
-        count += samplesOf(channel, block).size() / channel.elementSize;
-    const bool can = channel.kind == Kind::kCan;
-    appendHeader(
-        file,
-        can ? "[('tick', '<i8'), ('id', '<u4'), ('extended', '|b1'), ('remote', '|b1'), ('length', '|u1'), "
-              "('data', '|u1', (8,))]"
-            : fmt::format("[('tick', '<i8'), ('value', '{}')]", valueType(channel)),
-        count);
-    forEachMessage(channel, blocks, [&](const Message &message) {
-        appendLittle(file, message.tick);
-        if (!can) {
-            appendValue(file, channel, physicalValue(channel, message.body.data()));
-            return;
-        }
-        const CanFrame frame = canFrame(message.body);
-        appendLittle(file, frame.id);
-        appendLittle(file, static_cast<uint8_t>(frame.extended));
-        appendLittle(file, static_cast<uint8_t>(frame.remote));
-        appendLittle(file, static_cast<uint8_t>(frame.data.size()));
-        char data[kCanData] = {};
-        std::ranges::copy(frame.data, data);
-        file.append({data, sizeof data});
-    });
+    };
+    forEachMessage(channel, blocks, record, settings.progress);
 }
 
 std::string refusal(const Channel &channel, std::span<const Block>, const ExportSettings &)
@@ -125,6 +144,7 @@ void write(const Channel &channel, std::span<const Block> blocks, const ExportSe
 
 } // namespace
 
-const ExportFormat kNpyFormat = {"npy", refusal, write};
+const ExportFormat kNpyFormat = {"npy", "NumPy arrays of numbers and CAN frames", false, true, false, refusal,
+                                 write};
 
 } // namespace vu::krd

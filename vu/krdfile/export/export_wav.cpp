@@ -1,5 +1,6 @@
 // RIFF WAVE with floating-point samples, one channel a file.
 #include <cmath>
+#include <limits>
 
 #include "vu/krdfile/export/export_formats.h"
 
@@ -64,16 +65,18 @@ void write(const Channel &channel, std::span<const Block> blocks, const ExportSe
     append<uint32_t>(file, samples);
     file.append("data");
     append<uint32_t>(file, samples * width);
-    forEachSample(channel, blocks, settings, [&](int64_t, const Number &number) {
+    forEachSample(channel, blocks, settings, [&](int64_t, const Number &number, bool noValue) {
+        const double value = noValue ? std::numeric_limits<double>::quiet_NaN() : toDouble(number);
         if (width == sizeof(float))
-            append(file, static_cast<float>(toDouble(number)));
+            append(file, static_cast<float>(value));
         else
-            append(file, toDouble(number));
+            append(file, value);
     });
 }
 
 } // namespace
 
-const ExportFormat kWavFormat = {"wav", refusal, write};
+const ExportFormat kWavFormat = {
+    "wav", "sound files of periodic channels, floating point", false, true, false, refusal, write};
 
 } // namespace vu::krd

@@ -5,10 +5,14 @@
 #include <exception>
 #include <fmt/format.h>
 #include <fstream>
+#include <optional>
+#include <vector>
 
 #include "vu/command.h"
 #include "vu/source/kinds.h"
 #include "vu/source/samples/sample_stream.h"
+#include "vu/support/nearest.h"
+#include "vu/support/texts.h"
 
 namespace vu {
 
@@ -23,11 +27,14 @@ struct CsvOptions {
     size_t skip = 0;
 };
 
+constexpr size_t kMostLinesOfARow = 1000;
 constexpr std::string_view kEndOfHeader = "***End_of_Header***";
+
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
 std::string_view trimmed(std::string_view text)
 {
-    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '"'; };
+    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r'; };
     while (!text.empty() && blank(text.front()))
         text.remove_prefix(1);
     while (!text.empty() && blank(text.back()))
@@ -58,17 +65,23 @@ public:
         skipPreamble();
         chooseDelimiter();
         chooseColumn();
+        requireRows();
     }
 
     size_t read(std::span<float> out) override { return fill(out); }
     size_t read(std::span<double> out) override { return fill(out); }
 
 private:
+    bool readLine();
     bool nextLine();
+    void requireRows();
     void skipPreamble();
     void chooseDelimiter();
     void chooseColumn();
-    std::string_view cell(size_t column) const; // of the present line; no data pointer if it has none
+    // Of the present line, without the quotes around it; nothing if the line has no such cell.
+    std::optional<std::string> cell(size_t column) const;
+    size_t unquote(size_t at, std::string &text) const;
+    bool quotesOpen() const;
     [[noreturn]] void refuse(const std::string &what) const
     {
         throw InputError(fmt::format("{}:{}: {}", options_.file, number_, what));
@@ -79,52 +92,102 @@ private:
     const CsvOptions options_;
     std::ifstream in_;
     std::string line_;
-    size_t number_ = 0;     // of the present line, from 1
-    bool standing_ = false; // `line_` was read and not yet used
+    size_t number_ = 0;   // of the present line, from 1
+    bool unused_ = false; // `line_` was read and not yet used
+    bool header_ = false; // the first line held names
     char delimiter_ = ',';
+    bool delimiter_known_ = false;
     size_t column_ = 0;
     std::exception_ptr failure_;
 };
 
+bool CsvReader::readLine()
+{
+    if (!std::getline(in_, line_))
+        return false;
+    if (number_++ == 0 && line_.starts_with(kByteOrderMark))
+        line_.erase(0, kByteOrderMark.size());
+    return true;
+}
+
+// A cell in quotes may hold line ends. One that is never closed would take in the file: at most so many
+// lines.
 bool CsvReader::nextLine()
 {
-    if (standing_) {
-        standing_ = false;
+    if (unused_) {
+        unused_ = false;
         return true;
     }
-    while (std::getline(in_, line_)) {
-        ++number_;
-        if (!trimmed(line_).empty())
-            return true;
+    while (readLine()) {
+        if (trimmed(line_).empty())
+            continue;
+        const size_t begin = number_;
+        for (std::string row = line_; quotesOpen(); line_ = row) {
+            if (number_ - begin >= kMostLinesOfARow || !readLine()) {
+                number_ = begin;
+                refuse("a quotation mark is opened and never closed");
+            }
+            row += '\n' + line_;
+            line_ = row;
+        }
+        return true;
     }
     return false;
 }
 
+// Whether the line ends within a cell that began with a quotation mark.
+bool CsvReader::quotesOpen() const
+{
+    if (line_.find('"') == std::string::npos)
+        return false;
+    bool open = false, begin = true;
+    for (size_t i = 0; i < line_.size(); ++i) {
+        const char c = line_[i];
+        if (open) {
+            open = c != '"' || (i + 1 < line_.size() && line_[i + 1] == '"' && ++i);
+        } else if (c == '"' && begin) {
+            open = true;
+            begin = false;
+        } else if (c != ' ') {
+            begin = delimiter_known_ ? c == delimiter_ : c == ',' || c == ';' || c == '\t';
+        }
+    }
+    return open;
+}
+
+void CsvReader::requireRows()
+{
+    if (!header_)
+        return;
+    if (!nextLine())
+        refuse("the table has a line of names and no rows");
+    unused_ = true;
+}
+
 void CsvReader::skipPreamble()
 {
-    while (number_ < options_.skip && std::getline(in_, line_))
-        ++number_;
+    while (number_ < options_.skip && readLine()) {
+    }
     if (options_.skip != 0)
         return;
     // Measurement files of the LVM kind have two heads, each with this line at its end.
     const auto begin = in_.tellg();
     size_t end = 0;
-    while (std::getline(in_, line_) && number_ < 1000) {
-        ++number_;
+    while (number_ < 1000 && readLine()) {
         if (std::string_view(line_).starts_with(kEndOfHeader))
             end = number_;
     }
     in_.clear();
     in_.seekg(begin);
-    for (number_ = 0; number_ < end; ++number_)
-        std::getline(in_, line_);
+    for (number_ = 0; number_ < end && readLine();) {
+    }
 }
 
 void CsvReader::chooseDelimiter()
 {
     if (!nextLine())
         refuse("the table has no lines");
-    standing_ = true;
+    unused_ = true;
     if (options_.delimiter == "tab" || options_.delimiter == "\\t")
         delimiter_ = '\t';
     else if (options_.delimiter.size() == 1)
@@ -138,6 +201,7 @@ void CsvReader::chooseDelimiter()
                 delimiter_ = candidate;
                 break;
             }
+    delimiter_known_ = true;
     if (options_.decimal != "." && options_.decimal != ",")
         throw InputError(fmt::format("--decimal: expected . or , but got '{}'", options_.decimal));
 }
@@ -148,33 +212,52 @@ void CsvReader::chooseColumn()
     const bool byNumber = parseNumber(std::string_view(options_.column), column_);
     bool header = options_.header == "yes" || !byNumber;
     if (options_.header == "auto" && byNumber) {
-        std::string text(trimmed(cell(column_)));
+        std::string text(trimmed(cell(column_).value_or("")));
         std::replace(text.begin(), text.end(), ',', '.');
         header = !text.empty() && !parseNumber(std::string_view(text), ignored);
     }
+    header_ = header;
     if (header)
-        standing_ = false;
+        unused_ = false;
     if (byNumber)
         return;
+    std::vector<std::string> names;
     for (column_ = 0;; ++column_) {
-        const std::string_view name = cell(column_);
-        if (!name.data())
-            refuse(fmt::format("no column is called '{}'", options_.column));
-        if (trimmed(name) == options_.column)
+        const auto name = cell(column_);
+        if (!name)
+            refuse(fmt::format("no column is called '{}'{}", printable(options_.column),
+                               didYouMean(options_.column, names)));
+        names.emplace_back(trimmed(*name));
+        if (names.back() == options_.column)
             return;
     }
 }
 
-std::string_view CsvReader::cell(size_t column) const
+// As RFC 4180 has it: a cell in quotes may hold delimiters, line ends, and quotes that are doubled.
+std::optional<std::string> CsvReader::cell(size_t column) const
 {
-    std::string_view rest = line_;
-    for (; column > 0; --column) {
-        const size_t end = rest.find(delimiter_);
-        if (end == std::string_view::npos)
-            return {};
-        rest = rest.substr(end + 1);
+    for (size_t at = 0; at <= line_.size(); --column) {
+        std::string text;
+        const size_t quote = line_.find_first_not_of(' ', at);
+        if (quote != std::string::npos && line_[quote] == '"')
+            at = unquote(quote + 1, text);
+        const size_t end = std::min(line_.find(delimiter_, at), line_.size());
+        if (column == 0)
+            return text + line_.substr(at, end - at);
+        at = end + 1;
     }
-    return rest.substr(0, rest.find(delimiter_));
+    return std::nullopt;
+}
+
+// What is in quotes from `at` on; returns the place after the quote that ends it.
+size_t CsvReader::unquote(size_t at, std::string &text) const
+{
+    for (; at < line_.size(); ++at) {
+        if (line_[at] == '"' && (at + 1 == line_.size() || line_[++at] != '"'))
+            return line_[at] == '"' ? at + 1 : at;
+        text += line_[at];
+    }
+    return at;
 }
 
 template <class T>
@@ -185,15 +268,13 @@ size_t CsvReader::fill(std::span<T> out)
     size_t count = 0;
     try {
         while (count < out.size() && nextLine()) {
-            std::string_view text = trimmed(cell(column_));
-            std::string pointed;
-            if (options_.decimal == "," && text.find(',') != std::string_view::npos) {
-                pointed = text;
-                pointed[pointed.find(',')] = '.';
-                text = pointed;
-            }
+            std::string held = cell(column_).value_or("");
+            if (const size_t comma = held.find(','); options_.decimal == "," && comma != std::string::npos)
+                held[comma] = '.';
+            const std::string_view text = trimmed(held);
             if (!parseNumber(text, out[count]))
-                refuse(fmt::format("column {}: expected a number, got '{}'", options_.column, text));
+                refuse(fmt::format("column {}: expected a number, got '{}'", options_.column,
+                                   printable(text, 60)));
             ++count;
         }
     } catch (const InputError &) {
