@@ -394,15 +394,14 @@ TEST_F(FaultsRoad, AnEndIsWrittenWithoutMemory)
 {
     if (VU_SANITIZED)
         GTEST_SKIP() << "a sanitizer needs all the memory there is";
-    addCounters(2, 100000);
+    addCounters(8, 100000); // each wants six frames of 40 kB before any of them is written
     description["flush_interval"] = 3600;
     start();
     for (int tries = 0; tries < 1000 && recorderOf(file) == 0; tries++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    std::this_thread::sleep_for(std::chrono::milliseconds(500)); // something waits by now
     uint64_t pages = 0;
     std::ifstream("/proc/" + std::to_string(recorder->pid()) + "/statm") >> pages;
-    const rlimit limit{pages * 4096 + 100000, RLIM_INFINITY};
+    const rlimit limit{pages * 4096 + 600'000, RLIM_INFINITY};
     ASSERT_EQ(prlimit(recorder->pid(), RLIMIT_AS, &limit, nullptr), 0);
     std::this_thread::sleep_for(std::chrono::seconds(3));
     recorder->signal(SIGINT);

@@ -139,7 +139,7 @@ TEST_F(Damage, KeysThatNobodyKnowsSurviveARecovery)
     const auto closing =
         R"({"/new": "n", "/ledger/0/new": 4, "/ledger/0/never": true, "/ledger/0/discarded/new": 0,
         "/ledger/1/group": 3, "/events/0": {"time": 1.0, "kind": "new", "new": 1}, "/events_left_out": 3,
-        "/accounts": [{"channel": "a", "source": "s", "known": true, "final": true, "read": 3, "sent": 2,
+        "/accounts": [{"channel": "a", "source": "s", "known": true, "final": true, "read": 3, "sent": 2, "lost": 0,
                        "left_out": {"new": 1}, "can_fd_wanted_out": true, "new": 6}]})";
     KrdBuilder built(folder.path("later.krd"), everyKind(), KrdBuilder::Json::parse(catalogue));
     built.samples(0, {1, 2}, 0);
