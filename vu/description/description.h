@@ -40,10 +40,10 @@ struct Signal {
     Store store;
     bool text = false; // texts with times; everything else is a stream of numbers
     ValueType values = ValueType::kFloat64;
-    double sample_rate = 0.0;      // Hz
-    double pipe_rate = 10.0;       // frames per second, at least 1
-    std::optional<double> invalid; // what a sample without a value reads
-    std::string comment;           // from a DBC file, like the next
+    double sample_rate = 0.0;                                // Hz
+    double pipe_rate = 10.0;                                 // frames per second, at least 1
+    std::optional<double> invalid;                           // what a sample without a value reads
+    std::string comment;                                     // from a DBC file, like the next
     std::vector<std::pair<double, std::string>> value_texts; // of its value table, by physical value
 };
 

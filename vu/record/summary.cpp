@@ -90,14 +90,10 @@ void printSummary(const Description &test, const DataFile &file, const Events &e
 {
     const int status = recordingStatus(file, events, accounts);
     if (json) {
-        Json summary = {{"test", test.name},
-                        {"file", file.path().string()},
-                        {"end", outcome.end},
-                        {"seconds", outcome.seconds},
-                        {"bytes", outcome.bytes},
-                        {"complete", status == kDone},
-                        {"ledger", ledgerJson(file)},
-                        {"accounts", accountsJson(accounts)},
+        Json summary = {{"test", test.name},           {"file", file.path().string()},
+                        {"end", outcome.end},          {"seconds", outcome.seconds},
+                        {"bytes", outcome.bytes},      {"complete", status == kDone},
+                        {"ledger", ledgerJson(file)},  {"accounts", accountsJson(accounts)},
                         {"events", eventsJson(events)}};
         fmt::print("{}\n", summary.dump(2, ' ', false, Json::error_handler_t::replace));
         return;

@@ -16,9 +16,9 @@
 #include "vu/record/file/ledger.h"
 #include "vu/record/file/sync_thread.h"
 #include "vu/record/file/track.h"
+#include "vu/record/file/waiting.h"
 #include "vu/support/account.h"
 #include "vu/support/new_file.h"
-#include "vu/record/file/waiting.h"
 
 namespace vu {
 
