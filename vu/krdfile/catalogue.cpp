@@ -21,14 +21,16 @@ struct ElementName {
     uint32_t size; // of a number; 0: no number
 };
 // In the order of Element: the types of numbers, and then what is no number.
-constexpr auto kElements = [] {
+constexpr auto elementNames()
+{
     std::array<ElementName, std::size(kValueTypes) + 2> names{};
     for (size_t i = 0; i < std::size(kValueTypes); i++)
         names[i] = {kValueTypes[i].name, kValueTypes[i].size};
     names[std::size(kValueTypes)] = {"can", 0};
     names[std::size(kValueTypes) + 1] = {"bytes", 0};
     return names;
-}();
+}
+constexpr auto kElements = elementNames();
 static_assert(static_cast<size_t>(Element::kUint64) == static_cast<size_t>(ValueType::kUint64) &&
               static_cast<size_t>(Element::kUnknown) == kElements.size());
 // In the order of Kind.

@@ -87,7 +87,7 @@ std::string shortened(std::string text, size_t most)
         size_t end = most - 3;
         while (end > 0 && (text[end] & 0xC0) == 0x80) // not within a character
             end--;
-        text = text.substr(0, end) + "...";
+        text.replace(end, std::string::npos, "...");
     }
     return text;
 }
