@@ -1,4 +1,5 @@
 #include "vu/description/stanza_rules.h"
+#include "libvu/proxy/channel_kind.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -115,66 +116,40 @@ void check(ObjectReader &stanza, const std::vector<Rule> &rules)
     }
 }
 
-struct DataType {
-    const char *name;
-    ChannelKind kind;
-    ValueType values = ValueType::kFloat32; // of those that bring numbers
-    bool ntp = false;
-};
-const DataType kDataTypes[] = {
-    {"sequential_float32", ChannelKind::kSequential},
-    {"sequential_float64", ChannelKind::kSequential, ValueType::kFloat64},
-    {"message_raw", ChannelKind::kBytes},
-    {"message_nmea", ChannelKind::kNmea},
-    {"message_can", ChannelKind::kCan},
-    {"message_xcp_ip", ChannelKind::kXcp},
-    {"message_float32", ChannelKind::kFloats},
-    {"message_float64", ChannelKind::kFloats, ValueType::kFloat64},
-    {"message_float32_ntp", ChannelKind::kFloats, ValueType::kFloat32, true},
-    {"message_float64_ntp", ChannelKind::kFloats, ValueType::kFloat64, true},
-};
-
-// The library looks for the first two as a part of the text; so does this.
-const DataType *dataTypeOf(const std::string &text)
-{
-    const auto fits = [&](const DataType &type) {
-        return type.kind == ChannelKind::kSequential ? text.find(type.name) != std::string::npos
-                                                     : text == type.name;
-    };
-    const auto found = std::find_if(std::begin(kDataTypes), std::end(kDataTypes), fits);
-    return found == std::end(kDataTypes) ? nullptr : found;
-}
-
-bool has(const std::string &text, const char *part)
-{
-    return text.find(part) != std::string::npos;
-}
-
 // False if the stanza does not tell.
-bool chooseKind(ObjectReader &stanza, Channel &channel)
+bool readKind(ObjectReader &stanza, Channel &channel)
 {
     const std::string dataType = stanza.text("data_type");
     const std::string connector = stanza.text("connector");
-    const DataType *type = dataTypeOf(dataType);
-    if (has(connector, "pd806h") || has(connector, "pd806k")) {
-        channel.kind = ChannelKind::kStream;
-        channel.little = has(connector, "pd806k");
+    const auto is = [&channel](ChannelKind kind, ValueType values = ValueType::kFloat32, bool ntp = false) {
+        channel.kind = kind;
+        channel.values = values;
+        channel.ntp = ntp;
         return true;
+    };
+    switch (proxyNodeKindOf(dataType.c_str(), connector.c_str())) {
+    case PROXY_NODE_KIND_STREAM:
+        channel.little = proxyNodeIsLittleStream(connector.c_str());
+        return is(ChannelKind::kStream);
+    case PROXY_NODE_KIND_SEQUENTIAL_FLOAT32: return is(ChannelKind::kSequential);
+    case PROXY_NODE_KIND_SEQUENTIAL_FLOAT64: return is(ChannelKind::kSequential, ValueType::kFloat64);
+    case PROXY_NODE_KIND_RAW: return is(ChannelKind::kBytes);
+    case PROXY_NODE_KIND_GPS:
+    case PROXY_NODE_KIND_NMEA: return is(ChannelKind::kNmea);
+    case PROXY_NODE_KIND_CAN: return is(ChannelKind::kCan);
+    case PROXY_NODE_KIND_XCP_IP: return is(ChannelKind::kXcp);
+    case PROXY_NODE_KIND_FLOAT32: return is(ChannelKind::kFloats);
+    case PROXY_NODE_KIND_FLOAT64: return is(ChannelKind::kFloats, ValueType::kFloat64);
+    case PROXY_NODE_KIND_FLOAT32_NTP: return is(ChannelKind::kFloats, ValueType::kFloat32, true);
+    case PROXY_NODE_KIND_FLOAT64_NTP: return is(ChannelKind::kFloats, ValueType::kFloat64, true);
+    case PROXY_NODE_KIND_UNKNOWN: break;
     }
-    if (!type) {
-        if (!dataType.empty())
-            stanza.findings().mistake(
-                stanza.pathOf("data_type"),
-                "expected sequential_float32 or 64, message_raw, message_nmea, message_can, "
-                "message_xcp_ip, message_float32[_ntp] or 64[_ntp]");
-        return false;
-    }
-    channel.kind = type->kind;
-    channel.values = type->values;
-    channel.ntp = type->ntp;
-    if (channel.kind == ChannelKind::kBytes && has(connector, "gps"))
-        channel.kind = ChannelKind::kNmea;
-    return true;
+    if (!dataType.empty())
+        stanza.findings().mistake(
+            stanza.pathOf("data_type"),
+            "expected sequential_float32 or 64, message_raw, message_nmea, message_can, "
+            "message_xcp_ip, message_float32[_ntp] or 64[_ntp]");
+    return false;
 }
 
 void checkStartTime(ObjectReader &stanza)
@@ -225,7 +200,7 @@ bool isTextSignal(ObjectReader &stanza, ChannelKind kind)
 {
     const Json *type = stanza.find("data_type");
     return kind == ChannelKind::kNmea && type && type->is_string() &&
-           !has(type->get<std::string>(), "_float");
+           type->get<std::string>().find("_float") == std::string::npos;
 }
 
 } // namespace
@@ -273,7 +248,7 @@ void readChannelStanza(ObjectReader &stanza, Channel &channel)
 {
     channel.name = stanza.text("name");
     checkName(stanza.findings(), stanza.pathOf("name"), channel.name);
-    const bool known = chooseKind(stanza, channel);
+    const bool known = readKind(stanza, channel);
     checkStartTime(stanza);
     stanza.text("purpose", "");
     channel.prerun_zero = stanza.flag("do_prerun_zero", false) && !stanza.has("purpose");

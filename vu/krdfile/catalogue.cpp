@@ -1,4 +1,5 @@
 #include "vu/krdfile/catalogue.h"
+#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 #include <array>
@@ -13,8 +14,8 @@ namespace vu::krd {
 
 namespace {
 
-constexpr uint32_t kTickBytes = 8;
-constexpr uint32_t kCanRecordBytes = 21;
+constexpr uint32_t kTickBytes = VU_TIME_BYTES;
+constexpr uint32_t kCanRecordBytes = VU_CAN_RECORD_BYTES;
 
 struct ElementName {
     const char *name;

@@ -1,4 +1,5 @@
 #include "vu/krdfile/rewrite.h"
+#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -19,7 +20,7 @@ Catalogue inventedCatalogue(const Recording &damaged)
 {
     const auto ledger = ledgerByGroup(damaged.closing);
     Catalogue catalogue;
-    catalogue.ticksPerSecond = 40'000'000;
+    catalogue.ticksPerSecond = VU_TICKS_PER_SECOND;
     for (const auto &[group, blocks] : damaged.groups) {
         if (group < KRD_GROUP_FIRST_CHANNEL)
             continue;

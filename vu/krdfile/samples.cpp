@@ -1,4 +1,5 @@
 #include "vu/krdfile/samples.h"
+#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 #include <array>
@@ -10,8 +11,8 @@ namespace vu::krd {
 
 namespace {
 
-constexpr size_t kTickBytes = 8;
-constexpr size_t kLengthBytes = 4;
+constexpr size_t kTickBytes = VU_TIME_BYTES;
+constexpr size_t kLengthBytes = VU_LENGTH_BYTES;
 constexpr double kTwoTo63 = 9223372036854775808.0;
 
 Number storedValue(Element element, const uint8_t *from)

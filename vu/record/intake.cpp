@@ -19,9 +19,9 @@ double steadySeconds()
 
 namespace {
 
-constexpr uint32_t kCanRecord = 21;    // bytes
-constexpr uint32_t kStreamSample = 12; // bytes
-constexpr uint32_t kSlack = 16;        // in front of a rest: room for the head of its next part
+constexpr uint32_t kCanRecord = VU_CAN_RECORD_BYTES;
+constexpr uint32_t kStreamSample = VU_STREAM_SAMPLE_BYTES;
+constexpr uint32_t kSlack = 16; // in front of a rest: room for the head of its next part
 // A receiver's sentences are moved back to its pulse, by a quarter of a second at most.
 constexpr int64_t kMessageMargin = 20000000; // ticks
 

@@ -92,7 +92,7 @@ void Intake::fillPortion()
 // An entry without a value, which moves the channel's own stream on to its time.
 void Intake::fillHeld(int64_t ticks)
 {
-    constexpr int64_t kTicks = 40000000, kSecondsTo2000 = 946684800;
+    constexpr int64_t kTicks = VU_TICKS_PER_SECOND, kSecondsTo2000 = 946684800;
     uint8_t bytes[kLengthWord + 3 * kTime];
     std::memset(bytes, 0xFF, sizeof bytes); // no number, in either byte order
     storeWord(bytes, layout_.head + layout_.entry);

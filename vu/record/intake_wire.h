@@ -4,11 +4,13 @@
 #include <cstdint>
 #include <cstring>
 
+#include "libvu/core/wire_format.h"
+
 namespace vu {
 
-constexpr double kTicksPerSecond = 40e6;
-constexpr uint32_t kLengthWord = 4;            // bytes
-constexpr uint32_t kTime = 8;                  // bytes
+constexpr double kTicksPerSecond = VU_TICKS_PER_SECOND;
+constexpr uint32_t kLengthWord = VU_LENGTH_BYTES;
+constexpr uint32_t kTime = VU_TIME_BYTES;
 constexpr uint32_t kReadAtOnce = 64 << 10;     // room of the node's buffer
 constexpr uint32_t kCompleteRecord = 32 << 10; // a longer one is not kept together
 constexpr uint32_t kBatch = 2 << 10;           // bytes handed on between two looks at the clock

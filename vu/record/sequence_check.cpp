@@ -1,4 +1,5 @@
 #include "vu/record/sequence_check.h"
+#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,7 +9,7 @@ namespace vu {
 
 namespace {
 
-constexpr double kTicksPerSecond = 40e6;
+constexpr double kTicksPerSecond = VU_TICKS_PER_SECOND;
 constexpr double kFewestTicks = 8.0;   // times are whole ticks, and their sources round
 constexpr double kPartOfPeriod = 0.75; // less than that is a rounding, too
 constexpr double kOffSeconds = 1.0;

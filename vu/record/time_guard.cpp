@@ -1,4 +1,5 @@
 #include "vu/record/time_guard.h"
+#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 
@@ -6,7 +7,7 @@ namespace vu {
 
 namespace {
 
-constexpr double kTicksPerSecond = 40e6;
+constexpr double kTicksPerSecond = VU_TICKS_PER_SECOND;
 constexpr double kUsualStep = 2.0;      // seconds between two entries that cost nothing
 constexpr double kFilledAtOnce = 256e3; // bytes; more than that is a gap
 constexpr double kEarnedPerByte = 64.0; // a replay is faster than time, and brings its bytes

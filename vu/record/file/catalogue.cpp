@@ -1,4 +1,5 @@
 #include "vu/record/file/catalogue.h"
+#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,9 +15,6 @@
 namespace vu {
 
 namespace {
-
-constexpr int kTicksPerSecond = 40000000;
-constexpr uint32_t kTimeBytes = 8; // in front of the value of a message
 
 // Version 4: 122 random bits.
 std::string randomUuid()
@@ -92,7 +90,7 @@ krd::Channel channelOf(const DataFile::Stored &stored)
     channel.elementName = converted ? store.element : track.element;
     channel.elementSize = !converted         ? track.element_size
                           : track.periodic() ? elementSize(store.element)
-                                             : elementSize(store.element) + kTimeBytes;
+                                             : elementSize(store.element) + VU_TIME_BYTES;
     channel.encodingName = store.run_length ? "rle" : "plain";
     channel.scale = isScaled(store) ? store.scale : 1.0;
     channel.offset = isScaled(store) ? store.offset : 0.0;
@@ -137,7 +135,7 @@ krd::Catalogue catalogueOf(const Description &test, const std::vector<DataFile::
     catalogue.test = test.name;
     catalogue.startTime = test.start_time;
     catalogue.startUtc = test.start_utc.empty() ? utcOf(test.start_time) : test.start_utc;
-    catalogue.ticksPerSecond = kTicksPerSecond;
+    catalogue.ticksPerSecond = VU_TICKS_PER_SECOND;
     for (const DataFile::Stored &stored : tracks)
         if (stored.group >= 0)
             catalogue.channels.push_back(channelOf(stored));

@@ -1,4 +1,5 @@
 #include "vu/source/serve/faults.h"
+#include "libvu/core/wire_format.h"
 
 #include <charconv>
 #include <cmath>
@@ -91,7 +92,7 @@ bool FaultyRecords::pass(const WireWriter &wire, std::vector<uint8_t> &out)
 void FaultyRecords::garble(uint8_t *record, size_t size)
 {
     // The length stays: a recorder that loses the framing could not show what it does with the content.
-    constexpr size_t kLength = 4;
+    constexpr size_t kLength = VU_LENGTH_BYTES;
     if (size <= kLength)
         return;
     ++garbled_;

@@ -12,9 +12,11 @@
 #include <string_view>
 #include <vector>
 
+#include "libvu/core/wire_format.h"
+
 namespace vu {
 
-constexpr int64_t kTicksPerSecond = 40'000'000; // ticks of 25 ns
+constexpr int64_t kTicksPerSecond = VU_TICKS_PER_SECOND; // ticks of 25 ns
 
 enum class Endian { Big, Little };
 

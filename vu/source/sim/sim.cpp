@@ -1,4 +1,5 @@
 #include "vu/source/sim/sim.h"
+#include "libvu/proxy/channel_kind.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -33,22 +34,24 @@ private:
 
 using Simulate = std::unique_ptr<Producer> (*)(const SimOptions &, const ServeOptions &);
 
-// The rules by which a recorder chooses the reader of a channel.
+// As a recorder chooses the reader of a channel.
 Simulate familyOf(const ServeOptions &serving)
 {
-    const auto connectorHas = [&](const char *text) {
-        return serving.connector.find(text) != std::string::npos;
-    };
-    if (connectorHas("pd806h") || connectorHas("pd806k"))
-        return simulateStream;
-    if (serving.dataType == "message_nmea" || (serving.dataType == "message_raw" && connectorHas("gps")))
-        return simulateGps;
-    if (serving.dataType == "message_raw")
-        return simulateRaw;
-    if (serving.dataType == "message_can")
-        return simulateCan;
-    if (serving.dataType == "message_xcp_ip")
-        return simulateXcp;
+    switch (proxyNodeKindOf(serving.dataType.c_str(), serving.connector.c_str())) {
+    case PROXY_NODE_KIND_STREAM: return simulateStream;
+    case PROXY_NODE_KIND_GPS:
+    case PROXY_NODE_KIND_NMEA: return simulateGps;
+    case PROXY_NODE_KIND_RAW: return simulateRaw;
+    case PROXY_NODE_KIND_CAN: return simulateCan;
+    case PROXY_NODE_KIND_XCP_IP: return simulateXcp;
+    case PROXY_NODE_KIND_SEQUENTIAL_FLOAT32:
+    case PROXY_NODE_KIND_SEQUENTIAL_FLOAT64:
+    case PROXY_NODE_KIND_FLOAT32:
+    case PROXY_NODE_KIND_FLOAT64:
+    case PROXY_NODE_KIND_FLOAT32_NTP:
+    case PROXY_NODE_KIND_FLOAT64_NTP:
+    case PROXY_NODE_KIND_UNKNOWN: return simulateFloats; // which refuses what it does not know
+    }
     return simulateFloats;
 }
 

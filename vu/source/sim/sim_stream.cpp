@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "libvu/proxy/channel_kind.h"
 #include "vu/command.h"
 #include "vu/source/sim/ntp_time.h"
 #include "vu/source/sim/sim.h"
@@ -60,7 +61,7 @@ int64_t gatherTicks(const SimOptions &sim)
 
 StreamProducer::StreamProducer(const SimOptions &sim, const ServeOptions &serving)
     : SteppedProducer(serving.duration), sim_(sim), times_(sim.rate, 0.0, serving.seed),
-      order_(serving.connector.find("pd806k") != std::string::npos ? Endian::Little : Endian::Big),
+      order_(proxyNodeIsLittleStream(serving.connector.c_str()) ? Endian::Little : Endian::Big),
       numbers_(sim.numbers), gather_(gatherTicks(sim))
 {
     if (sim.fill.empty() || sim.names.empty())
