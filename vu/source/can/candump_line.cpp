@@ -1,5 +1,6 @@
 #include "vu/source/can/candump_line.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "vu/source/log_time.h"
@@ -21,14 +22,14 @@ bool wholeNumber(std::string_view text, T &value, int base)
     return error == std::errc{} && end == text.data() + text.size() && text.front() != '-';
 }
 
-// The next word, taken off `rest`.
+// The next word, taken off `rest`. Words are short: a search for each of two characters would cost more.
 std::string_view word(std::string_view &rest)
 {
-    const size_t begin = std::min(rest.find_first_not_of(" \t"), rest.size());
-    rest.remove_prefix(begin);
-    const size_t end = std::min(rest.find_first_of(" \t"), rest.size());
-    const std::string_view taken = rest.substr(0, end);
-    rest.remove_prefix(end);
+    const auto isSpace = [](char c) { return c == ' ' || c == '\t'; };
+    const auto begin = std::find_if_not(rest.begin(), rest.end(), isSpace);
+    const auto end = std::find_if(begin, rest.end(), isSpace);
+    const std::string_view taken(begin, end);
+    rest = std::string_view(end, rest.end());
     return taken;
 }
 
