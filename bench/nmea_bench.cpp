@@ -115,11 +115,11 @@ struct Receiver {
     }
 };
 
-struct Fields {
+struct SentenceFields {
     const char *text[32];
     int count = 0;
 
-    explicit Fields(char *at)
+    explicit SentenceFields(char *at)
     {
         char *end = static_cast<char *>(std::memchr(at, '\r', 160));
         *end = '\0';
@@ -139,7 +139,7 @@ double two(const char *at)
 }
 
 // The numbers that the 26 rows take from one sentence, each read once a row.
-double plainRows(const Fields &fields)
+double plainRows(const SentenceFields &fields)
 {
     double sum = 0;
     if (!std::strcmp(fields.text[0], "$GPRMC")) {
@@ -165,7 +165,7 @@ void readAll(const std::vector<Record> &records, Read read)
     alignas(64) char record[256];
     for (const Record &from : records) {
         std::memcpy(record, from.bytes.data(), from.bytes.size());
-        benchmark::DoNotOptimize(read(Fields(record + 12)));
+        benchmark::DoNotOptimize(read(SentenceFields(record + 12)));
     }
 }
 
@@ -177,7 +177,7 @@ void Sentences(benchmark::State &state)
     for (auto _ : state) {
         rows.limit([&] { readAll(records, plainRows); });
         rows.work([&] { receiver.pass(records); });
-        split.limit([&] { readAll(records, [](const Fields &fields) { return fields.count; }); });
+        split.limit([&] { readAll(records, [](const SentenceFields &fields) { return fields.count; }); });
         split.work([&] { receiver.pass(records); });
         state.SetIterationTime(rows.lastWork());
     }

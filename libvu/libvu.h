@@ -1,5 +1,5 @@
 /* libvu: from acquisition processes over sockets to frames, streams, signals and a checked data file.
- * This header brings all public ones; each also stands alone. */
+ * This header brings all public ones; each can also be included alone. */
 #ifndef LIBVU_LIBVU_H
 #define LIBVU_LIBVU_H
 

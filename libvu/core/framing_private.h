@@ -31,7 +31,7 @@ inline RecordHead lengthWord(std::span<const uint8_t> arrived)
     return {kLengthBytes, arrived.size() < kLengthBytes ? 0 : loadBig<uint32_t>(arrived.data())};
 }
 
-// A longer one cannot be told from garbage.
+// A longer one is taken for garbage.
 constexpr uint32_t kLongestBody = (uint32_t{1} << 31) - 1;
 
 // Reports the length and puts the node into the discard state: no record after this one can be found.

@@ -57,7 +57,7 @@ VU_API GpsSignal *gpsSignalInit(struct ProxyNode *channel, const char *stanza);
 
 /* Takes one record of a GPS channel through the list of its signals.
  *
- * `record` is the record as it stood on the connection: a length word, big-endian, then as many bytes: 8 of
+ * `record` is the record as it came on the connection: a length word, big-endian, then as many bytes: 8 of
  * timestamp and the text. It is rewritten in place. `timestamp` is its arrival in ticks.
  *
  * A heartbeat of 5 characters ("#hb" and two more) moves every stream on to `timestamp`. Any other text gets

@@ -39,7 +39,7 @@ struct FreeNode {
 using OwnedNode = std::unique_ptr<ProxyNode, FreeNode>;
 
 // What a stanza says beyond the node's own fields.
-struct Channel {
+struct ChannelStanza {
     const char *dataType;
     const char *connector;
     const char *purpose; // text or null
@@ -99,12 +99,12 @@ constexpr MessageKind kFloat32Ntp = valuesReadBy<float>(
 constexpr MessageKind kFloat64Ntp = valuesReadBy<double>(
     proxyNode_ProxyReaderMessageNTPDouble, proxyNode_ProxyReaderSequentializedNTPMessage, proxyNode_swapNone);
 
-bool isIdentity(const ProxyNode &node, const Channel &channel)
+bool isIdentity(const ProxyNode &node, const ChannelStanza &channel)
 {
     return node.scale == 1.0 && node.offset == 0.0 && node.rezero_offset == 0.0 && !channel.purpose;
 }
 
-bool readNames(ProxyNode &node, const libvu::Stanza &stanza, Channel &channel)
+bool readNames(ProxyNode &node, const libvu::Stanza &stanza, ChannelStanza &channel)
 {
     const char *name = stanza.text("name");
     if (!name) {
@@ -132,7 +132,7 @@ bool readNames(ProxyNode &node, const libvu::Stanza &stanza, Channel &channel)
 }
 
 // On a bridge connector a pre-run zero is no purpose by itself, though it still picks the kernel.
-void readZeroMode(const libvu::Stanza &stanza, Channel &channel)
+void readZeroMode(const libvu::Stanza &stanza, ChannelStanza &channel)
 {
     channel.purpose = stanza.text("purpose");
     if (channel.purpose)
@@ -142,7 +142,7 @@ void readZeroMode(const libvu::Stanza &stanza, Channel &channel)
         channel.purpose = "prerun_zero";
 }
 
-void readCalibration(ProxyNode &node, const libvu::Stanza &stanza, Channel &channel)
+void readCalibration(ProxyNode &node, const libvu::Stanza &stanza, ChannelStanza &channel)
 {
     channel.sampleRate = stanza.number("sample_rate", -1.0);
     channel.sequentialized = proxyNodeIsSequentialized(channel.dataType, channel.sampleRate);
@@ -152,7 +152,7 @@ void readCalibration(ProxyNode &node, const libvu::Stanza &stanza, Channel &chan
         node.rezero_offset = stanza.number("rezero_offset", 0.0);
 }
 
-bool becomeStream(ProxyNode &node, const Channel &channel)
+bool becomeStream(ProxyNode &node, const ChannelStanza &channel)
 {
     node.record_size = node.element_size = sizeof(float);
     node.main_reader = proxyNode_ProxyReaderZNTStream;
@@ -171,7 +171,7 @@ bool becomeStream(ProxyNode &node, const Channel &channel)
     return true;
 }
 
-bool becomeSequential(ProxyNode &node, const Channel &channel, const SequentialKind &kind)
+bool becomeSequential(ProxyNode &node, const ChannelStanza &channel, const SequentialKind &kind)
 {
     node.record_size = node.element_size = kind.size;
     node.byte_swap = kind.swap;
@@ -183,7 +183,7 @@ bool becomeSequential(ProxyNode &node, const Channel &channel, const SequentialK
     return true;
 }
 
-bool becomeMessage(ProxyNode &node, const Channel &channel, const MessageKind &kind)
+bool becomeMessage(ProxyNode &node, const ChannelStanza &channel, const MessageKind &kind)
 {
     node.message_channel = 1;
     node.record_size = kind.recordSize;
@@ -199,7 +199,7 @@ bool becomeMessage(ProxyNode &node, const Channel &channel, const MessageKind &k
 }
 
 // The times of its sentences are moved onto the receiver's pulses.
-bool becomeGps(ProxyNode &node, const Channel &channel)
+bool becomeGps(ProxyNode &node, const ChannelStanza &channel)
 {
     becomeMessage(node, channel, bytesReadBy(proxyNode_ProxyReaderMessageNMEA));
     node.channel_aux = gpsInitializeTsAdjust();
@@ -208,7 +208,7 @@ bool becomeGps(ProxyNode &node, const Channel &channel)
     return node.channel_aux != nullptr;
 }
 
-bool becomeItsKind(ProxyNode &node, const Channel &channel)
+bool becomeItsKind(ProxyNode &node, const ChannelStanza &channel)
 {
     switch (channel.kind()) {
     case PROXY_NODE_KIND_STREAM: return becomeStream(node, channel);
@@ -232,7 +232,7 @@ bool becomeItsKind(ProxyNode &node, const Channel &channel)
     return false;
 }
 
-bool setUpSequentialized(ProxyNode &node, const libvu::Stanza &stanza, const Channel &channel)
+bool setUpSequentialized(ProxyNode &node, const libvu::Stanza &stanza, const ChannelStanza &channel)
 {
     sampleClockInit(&node.clock, channel.sampleRate);
     if (!libvu::clockRuns(node.clock))
@@ -271,7 +271,7 @@ uint32_t firstBuffer(const ProxyNode &node, double sampleRate)
     return bytes < kLargestFirstBuffer ? bytes : kLargestFirstBuffer;
 }
 
-bool sizeBuffers(ProxyNode &node, const Channel &channel, double pipeRate)
+bool sizeBuffers(ProxyNode &node, const ChannelStanza &channel, double pipeRate)
 {
     const bool periodic = channel.sequentialized || channel.typeHas("sequential_float");
     node.frame_length = 1;
@@ -317,7 +317,7 @@ ProxyNode *proxyNode_Create(const char *json, int32_t fd, double pipe_rate)
         libvuError("Unable to allocate memory for proxy node");
         return nullptr;
     }
-    Channel channel{};
+    ChannelStanza channel{};
     if (!readNames(*node, stanza, channel))
         return nullptr;
     readZeroMode(stanza, channel);

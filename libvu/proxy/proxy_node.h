@@ -90,7 +90,7 @@ VU_API ProxyNode *proxyNode_Create(const char *stanza, int32_t fd, double pipe_r
 /* Text "2026-03-15T10:15:30.25", local time, to `start_time`; null gives 2^63 - 1, text that does not parse
  * gives 0. */
 VU_API void proxyNode_SetStartTime(ProxyNode *node, const char *text);
-/* Stops the watcher and tells the peer "Stop". Nothing is delivered: an unfinished frame stays in `frame`. */
+/* Stops the watcher and sends the peer "Stop". Nothing is delivered: an unfinished frame stays in `frame`. */
 VU_API void proxyNode_Stop(ProxyNode *node);
 
 /* The watcher's callback: runs the node's reader. */

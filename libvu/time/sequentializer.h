@@ -1,7 +1,7 @@
 /* Values with timestamps become a periodic stream: the last value is held, written once per sample instant
  * that time has passed, and replaced by an invalid value when it is older than it may be.
  *
- * A stream moves only when its caller tells it a time; there is no timer. Sample i is written at the first
+ * A stream moves only when its caller gives it a time; there is no timer. Sample i is written at the first
  * call whose time exceeds its instant by more than half a period, and carries the last value given up to
  * then. Memory: while nobody takes frames out of its pipes, a stream keeps growing by one frame per frame
  * time. Ownership: frames point at `free_frames`, so the record outlives every frame in any pipe; the host

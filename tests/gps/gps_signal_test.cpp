@@ -171,7 +171,7 @@ TEST_F(Gps, ShortMemoryIsReportedAndLeavesNothing)
 TEST_F(Gps, RecordsAreRewrittenInPlace)
 {
     receiver.listen({{"connector", "fix_type"}});
-    // "!" stands for a NUL that was a comma or a carriage return; an unknown sentence is not cut.
+    // "!" is a NUL that was a comma or a carriage return; an unknown sentence is not cut.
     for (auto [text, left] : {std::pair<std::string, std::string>("$GPGSA,A,2,3", "$GPGSA!A!2!3"),
                               {"$GPGSA,A,2,3\r,7", "$GPGSA!A!2!3!,7"},
                               {"$GPZZZ,A,2\r\n", "$GPZZZ,A,2!\n"},

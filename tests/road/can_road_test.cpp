@@ -18,7 +18,7 @@ struct CanLog {
 
 class CanRoad : public Road, public ::testing::WithParamInterface<CanLog> {};
 
-// Seconds with six digits behind the point, exactly.
+// Seconds with six digits after the point, exactly.
 int64_t microseconds(std::string text)
 {
     return std::stoll(text.erase(text.find('.'), 1));

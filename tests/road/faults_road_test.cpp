@@ -173,7 +173,7 @@ TEST_F(FaultsRoad, SourcesThatMisbehave)
     }
 }
 
-// A time years ahead would fill the memory with held values. It is left out and told; true ones go on.
+// A time years ahead would fill the memory with held values. It is left out and reported; true ones go on.
 TEST_F(FaultsRoad, AbsurdTimesFillNothing)
 {
     const auto addSim = [this](const std::string &name, const std::string &type, Json source, Json signal) {

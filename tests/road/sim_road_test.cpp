@@ -35,7 +35,7 @@ protected:
 TEST_F(SimRoad, EveryValueIsOnItsSample)
 {
     for (const std::string module : {"pd806h", "pd806k"}) {
-        // Records of one sample, and of 50, whose size stands behind the header.
+        // Records of one sample, and of 50, whose size follows the header.
         const double gather = module == "pd806h" ? 0 : 0.5;
         Json names, numbers;
         for (int k = 0; k < 200; k++) {
@@ -87,7 +87,7 @@ TEST_F(SimRoad, EveryValueIsOnItsSample)
     run();
     for (const auto &[name, count] : counts) {
         const auto got = samples(name);
-        ASSERT_GE(got.size(), kRate * kSeconds - 1) << name; // the last waits for a time behind it
+        ASSERT_GE(got.size(), kRate * kSeconds - 1) << name; // the last waits for a time after it
         for (size_t n = 0; n < got.size(); n++) {
             const size_t said = count.silent > 0 && n % count.silent == count.silent - 1 ? n - 1 : n;
             ASSERT_EQ(got[n], std::min(count.first + count.step * static_cast<double>(said), count.most))

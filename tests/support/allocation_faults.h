@@ -15,7 +15,7 @@ public:
     ~AllocationFaults() { failNone(); }
     AllocationFaults(AllocationFaults &&) = delete;
 
-    // The n-th allocation from now on fails, and `more` behind it; 0 is the next one.
+    // The n-th allocation from now on fails, and `more` after it; 0 is the next one.
     void failAt(int64_t n, int64_t more = 0) { first = made + n, last = first + more; }
     void failNone() { first = last = -1; }
     int64_t count() const { return made; } // since construction or reset(), failed ones included

@@ -1,5 +1,5 @@
-// Cases that stand in text files beside the tests, a line each. Lines that are empty or begin with "//" are
-// none. Whatever fails while a case is looked at names the file and the line of it.
+// Cases in text files beside the tests, a line each. Empty lines and those that begin with "//" are left
+// out. Whatever fails while a case is looked at names the file and the line of it.
 #pragma once
 
 #include <algorithm>
@@ -17,7 +17,7 @@ namespace vu::test {
 struct Case : Strings {
     std::string file;
     int line = 0;
-    std::string text; // the line as it stands in the file
+    std::string text; // the line as the file has it
 };
 
 inline void PrintTo(const Case &row, std::ostream *out)

@@ -11,7 +11,7 @@
 
 namespace vu::test {
 
-// These values as they lie in memory, one behind the other.
+// These values as they lie in memory, one after the other.
 std::string bytesOf(const auto &...values)
 {
     std::string bytes;
@@ -32,7 +32,7 @@ public:
     KrdBuilder(KrdBuilder &&) = delete;
 
     // Each call is one block. `start` is the number of the first sample, or the time of the first message;
-    // `bytes` are `count` elements as they stand in blocks, given to the writer in units of `size`.
+    // `bytes` are `count` elements as they are in blocks, given to the writer in units of `size`.
     void samples(size_t channel, const std::vector<double> &values, int64_t start);
     void append(size_t channel, const std::string &bytes, uint64_t count, int64_t start, uint32_t size = 1);
     // A block of any group that no index knows.

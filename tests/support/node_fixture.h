@@ -46,7 +46,7 @@ inline std::string stanza(const std::string &dataType, const std::string &more =
            (more.empty() ? "" : ",") + more + "}";
 }
 
-// The body behind its length word.
+// The body after its length word.
 inline Bytes record(std::span<const uint8_t> body)
 {
     return Bytes().be(static_cast<uint32_t>(body.size())).add(body);
@@ -65,7 +65,7 @@ Bytes sampleRecord(const std::vector<T> &samples, bool big = true)
 // A copy of what a frame says, so that the frame can go at once.
 struct FrameCopy {
     int64_t start;
-    float aux; // `start` as the frame's aux word 1 tells it
+    float aux; // `start` as the frame's aux word 1 has it
     uint32_t length, capacity;
     std::vector<uint8_t> data; // `length` elements
 };

@@ -9,7 +9,7 @@
 namespace vu::test {
 
 // Takes every frame out of the pipe. `next` is the number of the first sample expected, and then of the one
-// behind the last.
+// after the last.
 inline std::vector<double> drain(Pipe *pipe, int64_t &next)
 {
     std::vector<double> samples;

@@ -15,7 +15,7 @@
 #include "tests/support/cases.h"
 #include "vu/krdfile/check.h"
 #include "vu/krdfile/samples.h"
-#include "vu/record/file/catalogue.h"
+#include "vu/record/file/file_head.h"
 #include "vu/record/host_callbacks.h"
 
 namespace {

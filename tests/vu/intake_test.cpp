@@ -1,4 +1,4 @@
-// What stands between a channel's socket and the library's reader: nothing is changed by it, and nothing that
+// What is between a channel's socket and the library's reader: nothing is changed by it, and nothing that
 // a peer sends makes it work long or hold much.
 #include <map>
 #include <random>

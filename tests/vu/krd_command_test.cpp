@@ -67,7 +67,7 @@ TEST_F(KrdCommand, EveryLineOfTheFile)
                        {"name":"a"}])");
     const std::string eight("\0\1\2\3\4\5\6\7", 8);
     const auto padded =
-        canElement(40'000'060, 0x800, 0, "padded"); // its source told neither length nor width
+        canElement(40'000'060, 0x800, 0, "padded"); // its source gave neither length nor width
     can.append(0,
                canElement(0, 0x7FF, 0, "") + canElement(39, 0x1, 0x12, "") +
                    canElement(40'000'059, 0x12345678, 0x88, eight) + padded,
@@ -125,8 +125,8 @@ TEST_F(KrdCommand, EveryLineOfTheFile)
     }
 }
 
-// Wherever one block of a file stands twice: verify notices, and what recover makes of it is sound and holds
-// every sample and message once.
+// Wherever one block of a file is there twice: verify notices, and what recover makes of it is sound and
+// holds every sample and message once.
 TEST_F(KrdCommand, ADoubledBlockIsLeftOutWhichEverItIs)
 {
     KrdBuilder all(folder.path("all"), everyKind());
@@ -232,7 +232,7 @@ TEST_F(KrdCommand, APlotKeepsPeaksAndShowsGaps)
     EXPECT_EQ(run("plot @plot -o @plot.svg").status, 0);
     const std::string svg = readText(folder.path("plot.svg")), path = svg.substr(svg.find(" d=\""));
     EXPECT_THAT(svg, HasSubstr("&lt;a&gt; [V]"));
-    EXPECT_EQ(std::ranges::count(path, 'M'), 2); // before and behind the gap; the NaN is within one column
+    EXPECT_EQ(std::ranges::count(path, 'M'), 2); // before and after the gap; the NaN is within one column
     EXPECT_THAT(path, HasSubstr("V24.0"));       // the peak touches the upper edge
     EXPECT_EQ(run("plot @plot --from 300").status, 2);
 }

@@ -65,7 +65,7 @@ protected:
 TEST_F(Damage, EveryFlippedBitCostsItsOwnBlockAndNoOther)
 {
     for (size_t i = 0; i < whole.size(); ++i) {
-        // A walk depends on nothing before the block it is at, so that what is behind two more is as it was.
+        // A walk depends on nothing before the block it is at, so that what is after two more is as it was.
         const Bytes rest = Bytes(file).subspan(whole[i].offset);
         for (uint64_t bit = 0; bit < 8 * whole[i].bytes; ++bit) {
             uint8_t &byte = file[whole[i].offset + bit / 8];

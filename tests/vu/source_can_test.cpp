@@ -32,7 +32,7 @@ std::vector<Timed> rawOf(const Stream &stream)
     return all;
 }
 
-// The messages, after a look at the time told in between: it never stands still for more than 10 ms.
+// The messages, after a look at the times sent in between: they never pause for more than 10 ms.
 std::vector<Timed> messagesOf(const Stream &stream, int64_t end = -1)
 {
     constexpr const char *kTimeOnly = "0 20 0000000000000000";

@@ -15,7 +15,7 @@
 namespace vu::test {
 
 using Bytes = std::vector<uint8_t>;
-using Timed = std::pair<int64_t, std::string>; // ticks, and what was told then
+using Timed = std::pair<int64_t, std::string>; // ticks, and what was sent then
 
 // The number at `at`, most significant byte first, or least.
 template <class T>

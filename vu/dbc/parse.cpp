@@ -169,7 +169,7 @@ void Parser::statement()
     passStatement();
 }
 
-// Keywords, of which only what follows one tells whether it begins a statement. A tool may have some of its
+// Keywords, of which only what follows one shows whether it begins a statement. A tool may have some of its
 // own.
 void Parser::passKeywords()
 {

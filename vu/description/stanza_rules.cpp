@@ -1,11 +1,12 @@
 #include "vu/description/stanza_rules.h"
-#include "libvu/proxy/channel_kind.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+
+#include "libvu/proxy/channel_kind.h"
 
 namespace vu {
 

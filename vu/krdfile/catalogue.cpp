@@ -1,10 +1,10 @@
 #include "vu/krdfile/catalogue.h"
-#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
 
+#include "libvu/core/wire_format.h"
 #include "libvu/datafile/krd_format.h"
 #include "vu/krdfile/json_fields.h"
 #include "vu/support/json_depth.h"

@@ -1,10 +1,10 @@
 #include "vu/krdfile/rewrite.h"
-#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <zlib.h>
 
+#include "libvu/core/wire_format.h"
 #include "libvu/datafile/krd_format.h"
 #include "vu/krdfile/check.h"
 #include "vu/krdfile/mend.h"

@@ -1,11 +1,12 @@
 #include "vu/krdfile/samples.h"
-#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
 #include <type_traits>
+
+#include "libvu/core/wire_format.h"
 
 namespace vu::krd {
 

@@ -159,7 +159,7 @@ void LiveChannel::freeNode()
 {
     if (!node_)
         return;
-    freeSignals();
+    freeSignalRecords();
     struct ev_loop *loop = ev_default_loop(0);
     ev_io_stop(loop, node_->watcher);
     if (node_->heartbeat)
@@ -176,7 +176,7 @@ void LiveChannel::freeNode()
     std::free(node_);
 }
 
-void LiveChannel::freeSignals()
+void LiveChannel::freeSignalRecords()
 {
     for (const Decoded &decoded : decoded_) {
         detachAll(*decoded.pipes);

@@ -59,7 +59,7 @@ private:
     bool addGpsSignal(const Signal &signal);
     bool addStreamSignal(const Signal &signal);
     void freeNode();
-    void freeSignals();
+    void freeSignalRecords();
     Track ownTrack();
 
     const Channel &channel_;

@@ -47,7 +47,7 @@ const char *runToItsEnd(Session &session, DataFile &file, Events &events)
 int recordTest(const Description &test, const RecordOptions &options)
 {
     setHostCallbacks({});
-    // A source or a disk that is gone, a terminal that is somebody else's: told by the call's result.
+    // A source or a disk that is gone, a terminal that is somebody else's: reported by the call's result.
     for (const int ignored : {SIGPIPE, SIGXFSZ, SIGTTIN})
         std::signal(ignored, SIG_IGN);
     makeRoomForChannels(test.channels.size());

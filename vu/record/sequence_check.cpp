@@ -1,9 +1,10 @@
 #include "vu/record/sequence_check.h"
-#include "libvu/core/wire_format.h"
 
 #include <algorithm>
 #include <cmath>
 #include <utility>
+
+#include "libvu/core/wire_format.h"
 
 namespace vu {
 

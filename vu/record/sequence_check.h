@@ -14,7 +14,7 @@ class SequenceCheck {
 public:
     explicit SequenceCheck(double sampleRate) : rate_(sampleRate) {}
 
-    // A record: the time that it tells, in ticks (0: none, unless it is the first), how many samples it has,
+    // A record: the time that it has, in ticks (0: none, unless it is the first), how many samples it has,
     // and the seconds on the recorder's clock.
     void record(int64_t ticks, uint64_t samples, double now);
 
@@ -33,8 +33,8 @@ private:
 
     double rate_;
     uint64_t count_ = 0;    // samples before the next record
-    double difference_ = 0; // ticks told beyond those that the count makes, at the last record that told any
-    bool told_ = false;     // a record has told its time
+    double difference_ = 0; // ticks beyond those that the count makes, at the last record that had a time
+    bool told_ = false;     // a record has had a time
     bool trusted_ = false;
     uint64_t gaps_ = 0, missing_ = 0, overlaps_ = 0;
     uint64_t first_samples_ = 0; // of the first record: its arrival begins the clock

@@ -130,12 +130,12 @@ void SourceWatch::tellEnd(Seen &seen)
     const std::string &name = seen.channel->description().name;
     const ProxyNode &node = seen.channel->node();
     const Children::Child *child = seen.child;
-    // A source that is told to stop before it began may end without its first two bytes.
+    // A source that is asked to stop before it began may end without its first two bytes.
     if (node.state == PROXY_NODE_DISCARDS && seen.ended_alone)
         events_.add("error", name, "what its source sends is no channel: nothing more of it is taken");
     else if (child && !child->running && !child->ended_here && child->status != 0)
         events_.add("source_lost", name, "its source ended with " + describeEnd(child->status));
-    else if (seen.ended_alone && seen.channel->brokenBytes() > 0) // a source that is told to stop may do so
+    else if (seen.ended_alone && seen.channel->brokenBytes() > 0) // a source that is asked to stop may do so
         events_.add("source_lost", name,
                     fmt::format("its source ended inside a record: {} bytes of it are lost",
                                 seen.channel->brokenBytes()));

@@ -5,7 +5,7 @@
 #include <map>
 
 #include "vu/command.h"
-#include "vu/record/file/catalogue.h"
+#include "vu/record/file/file_head.h"
 #include "vu/support/account_json.h"
 #include "vu/support/texts.h"
 

@@ -1,7 +1,7 @@
 // The system log of this process, which never waits.
 //
 // The library writes its log lines with syslog(), as it must, and the C library's own waits for a log daemon
-// that does not read: the whole recorder would stand still. The command therefore brings its own syslog()
+// that does not read: the whole recorder would wait. The command therefore brings its own syslog()
 // (vu/system_log_symbols.cpp), which ends here: a line goes out without waiting or is dropped and counted,
 // and of lines that repeat only the first in a second goes out, with the count of the others after it.
 #pragma once

@@ -1,7 +1,8 @@
 #include "vu/record/time_guard.h"
-#include "libvu/core/wire_format.h"
 
 #include <algorithm>
+
+#include "libvu/core/wire_format.h"
 
 namespace vu {
 

@@ -54,7 +54,7 @@ std::optional<int64_t> secondsOfDay(std::string_view text, size_t apart)
     return *hours * 3600 + *minutes * 60 + *seconds;
 }
 
-// The digits behind a point, as ticks.
+// The digits after a point, as ticks.
 std::optional<int64_t> fraction(std::string_view digits)
 {
     int64_t unit = kTicksPerSecond * 100; // in hundredths, since a tick is 2.5 times ten to the -8 seconds

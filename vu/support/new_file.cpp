@@ -32,7 +32,7 @@ constexpr int kTries = 100;    // random names, and looks at a folder that someb
 }
 
 // Temporary names that a signal has to take away. Nearly every file system has files without a name, so that
-// few are ever used at once; one that finds no place here stays behind after a signal.
+// few are ever used at once; one that finds no place here is left after a signal.
 std::array<std::atomic<const char *>, 16> temporaries;
 
 void removeTemporaries(int signal)

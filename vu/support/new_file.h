@@ -1,5 +1,5 @@
-// A file that has no name until its maker gives it one: what stood under the name before is untouched until
-// then, and a process that ends early, by a signal or a lost machine, leaves nothing behind.
+// A file that has no name until its maker gives it one: what had the name before is untouched until
+// then, and a process that ends early, by a signal or a lost machine, leaves no file.
 //
 // It is a new inode. Where the file system knows files without a name it has none; elsewhere it begins under
 // a random name in the same folder, which goes away with the object, or with SIGINT, SIGTERM or SIGHUP.

@@ -21,7 +21,7 @@ public:
     // Seconds since the last line if the next one is due, else 0.
     double due() const;
     void show(const std::string &text);
-    // Lets the last line stand on a terminal.
+    // Leaves the last line on a terminal.
     void keep();
 
 private:

@@ -127,7 +127,7 @@ void Exporter::add(const std::string &name, std::vector<ChannelBlocks> channels,
                      std::move(channels), merged});
 }
 
-// A few bytes of run lengths, or a fill over a gap, stand for more rows than a disk holds.
+// A few bytes of run lengths, or a fill over a gap, mean more rows than a disk holds.
 void Exporter::requireRoom() const
 {
     for (const Job &job : jobs_) {

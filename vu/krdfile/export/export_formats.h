@@ -67,7 +67,7 @@ void forEachSample(const Channel &channel, std::span<const Block> blocks, const 
 struct Extent {
     uint64_t samples = 0; // at most INT64_MAX, like every sample number
     uint64_t missing = 0;
-    bool no_values = false;     // some stand for "no value"
+    bool no_values = false;     // some mean "no value"
     int64_t begin = 0, end = 0; // of the sample numbers
 };
 Extent extentOf(const Channel &channel, std::span<const Block> blocks, const ExportSettings &settings);

@@ -10,7 +10,7 @@
 
 #include "libvu/core/report.h"
 #include "libvu/datafile/storage_convert.h"
-#include "vu/record/file/catalogue.h"
+#include "vu/record/file/file_head.h"
 
 namespace vu {
 
@@ -158,7 +158,7 @@ void DataFile::addTrack(Stored &stored)
     if (!record.pipe)
         throw std::bad_alloc();
     // Messages carry times, and a block of runs advances the running position by its pairs: there only the
-    // `start` of the frames tells where a block belongs.
+    // `start` of the frames says where a block belongs.
     record.block_type = isPeriodicAsItComes(track) ? KRD_BLOCK_RUNNING : KRD_BLOCK_START;
     record.sample_limit = track.store.limit;
     if (track.store.element.empty())

@@ -1,8 +1,8 @@
 // The data file being written: its records, one for each stored track, and the account of what went in.
 //
-// The file is a new one that gets its name when its catalogue has been written: what stood under that name
-// before is whole until then, and whoever reads it keeps it. It is locked while it is recorded. Room on the
-// disk and memory for the end of the recording are held back until then.
+// The file is a new one that gets its name when its catalogue has been written: what had that name
+// before is complete until then, and whoever reads it keeps it. It is locked while it is recorded. Room on
+// the disk and memory for the end of the recording are held back until then.
 #pragma once
 
 #include <filesystem>
@@ -49,7 +49,7 @@ public:
     void beginFlush(Events &events);
     // writes for about so long, first the tracks that hold much, and returns whether anything is left;
     bool flushPortion(double seconds, Events &events);
-    // tells whether tracks that hold much were left over by it;
+    // says whether tracks that hold much were left over by it;
     bool isBehind() const { return full_; }
     // counts what waits, and writes at once what is beyond the budget of memory.
     void lookAtWaiting(Events &events);

@@ -17,7 +17,8 @@ namespace vu {
 struct Event {
     double time;         // seconds since the recording began
     std::string kind;    // "zero", "range", "gap", "rate", "source_lost", "source_ended", "source_found",
-                         // "disk_full", "error"
+                         // "left_out", "pps_lost", "pps_found", "note", "disk_full", "monitor_ended",
+                         // "error"
     std::string channel; // empty: none in particular
     std::optional<double> value;
     std::string text; // printable

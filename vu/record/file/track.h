@@ -50,7 +50,7 @@ inline bool neverHadValue(const Track &track, uint64_t delivered)
     return track.signal && track.store.wanted && delivered == 0;
 }
 
-// What the stanza of a channel or signal says of its values: the one that stands for none, and the
+// What the stanza of a channel or signal says of its values: the one that means "no value", and the
 // calibration.
 void describeValues(Track &track, const std::string &stanza);
 

@@ -13,12 +13,12 @@ struct CanFrame {
     bool extended = false; // an identifier of 29 bits
     bool remote = false;
     uint8_t length = 0;            // 0 to 8; of a remote frame the length asked for
-    std::array<uint8_t, 8> data{}; // zeros behind `length`
+    std::array<uint8_t, 8> data{}; // zeros from `length` on
 
     bool operator==(const CanFrame &) const = default;
 };
 
-// Streams of signals move on when time is told, so none is silent for longer.
+// Signals move on with the times that the source sends, so it is never silent for longer.
 constexpr int64_t kCanTimeSpacing = kTicksPerSecond / 100;
 
 // Into an open body.

@@ -9,7 +9,7 @@ namespace vu {
 namespace {
 
 constexpr int kBodyLimit = 512;
-// Between the kernel's stamp on a frame and its arrival here passes a moment; time told meanwhile must not
+// Between the kernel's stamp on a frame and its arrival here passes a moment; a time sent meanwhile must not
 // overtake it.
 constexpr int64_t kMarginTicks = kTicksPerSecond / 500;
 constexpr int64_t kWakeTicks = kCanTimeSpacing - kMarginTicks;

@@ -56,7 +56,7 @@ private:
     {
         throw InputError(fmt::format("{}: {}", interface_, std::strerror(errno)));
     }
-    // An option that the kernel does not know only costs what it would have told.
+    // An option that the kernel does not know only costs what it would have reported.
     void option(int level, int name, int value)
     {
         setsockopt(socket_.get(), level, name, &value, sizeof value);

@@ -1,5 +1,5 @@
-// A CAN interface of the kernel. What a source does with its frames is told apart from how the kernel gives
-// them, so that tests can stand in for the kernel: not every machine has CAN.
+// A CAN interface of the kernel. What a source does with its frames is separate from how the kernel gives
+// them, so that tests can take the kernel's place: not every machine has CAN.
 #pragma once
 
 #include <memory>

@@ -59,7 +59,7 @@ private:
     int64_t first_ = 0;  // log time of the first frame
     int64_t parsed_ = 0; // log time of the frame last parsed
     int64_t told_ = 0;   // the latest time sent, from the first frame on
-    int64_t end_ = 0;    // when told_ gets here, all is told; set after the last frame
+    int64_t end_ = 0;    // when told_ gets here, all times are sent; set after the last frame
     std::exception_ptr failure_;
 };
 

@@ -72,7 +72,7 @@ Kind parsePayload(std::string_view data, CanFrame &frame, Kind wide)
     return tooWide ? wide : Kind::Frame;
 }
 
-// "##" and a digit of flags stand in front of the payload of an FD frame; more digits, of a CAN XL frame.
+// "##" and a digit of flags are in front of the payload of an FD frame; more digits, of a CAN XL frame.
 Kind parseFdFrame(std::string_view data, CanFrame &frame)
 {
     uint8_t flags = 0;

@@ -20,7 +20,7 @@ struct CandumpLine {
         Bad,     // no candump line
     } kind = Kind::Bad;
     std::optional<int64_t> ticks; // the time in front, cut to whole ticks
-    std::string_view time;        // the same as it stands in the line
+    std::string_view time;        // the same as the line has it
     std::string_view bus;         // the interface
     CanFrame frame;
 

@@ -64,7 +64,7 @@ private:
     std::exception_ptr failure_;
 };
 
-// Pulses stand at whole seconds, so the start is one too.
+// Pulses are at whole seconds, so the start is one too.
 int64_t NmeaProducer::arrivalOf(const NmeaLine &line)
 {
     if (!line.arrival)
@@ -153,7 +153,7 @@ int serveNmea(const ServeOptions &serving, const NmeaOptions &options)
     expectSeconds("--latency", options.latency, 0.0, 3600.0);
     expectSeconds("--tail", options.tail, 0.0, 3600.0);
     expectLongestGap(options.longestGap);
-    std::error_code ignored; // opening the file tells it better
+    std::error_code ignored; // opening the file reports it better
     if (const auto status = std::filesystem::status(options.input, ignored);
         std::filesystem::is_character_file(status) || std::filesystem::is_fifo(status)) {
         LiveReceiver receiver(openReceiver(options.input, options.baud, options.ppsDevice), options.input,

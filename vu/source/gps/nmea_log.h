@@ -1,4 +1,4 @@
-// The log of a receiver: sentences, or sentences behind the times at which they arrived.
+// The log of a receiver: sentences, or sentences after the times at which they arrived.
 #pragma once
 
 #include <optional>

@@ -1,5 +1,5 @@
-// The wires to a receiver: a serial line, and the line of its pulse. What a source does with them is told
-// apart from how the kernel gives them, so that tests can stand in for the kernel.
+// The wires to a receiver: a serial line, and the line of its pulse. What a source does with them is
+// separate from how the kernel gives them, so that tests can take the kernel's place.
 #pragma once
 
 #include <cstdint>

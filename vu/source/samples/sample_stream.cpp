@@ -41,7 +41,7 @@ public:
         dueTicks = ticksOf(sent_);
         if (count == 0)
             account_.leaveOut("truncated", reader_->missing());
-        return count > 0 && left_ > 0; // after a part of a block its reader tells the end, or what is wrong
+        return count > 0 && left_ > 0; // after a part of a block its reader reports the end, or what is wrong
     }
 
 private:

@@ -34,7 +34,7 @@ public:
     void send();
     // Waits for one event of the reader or of `others`, or for the instant, and sends what is then taken.
     void wait(std::optional<Instant> until, std::span<pollfd> others = {});
-    // Sends the rest, tells the reader that it was all, and waits until the reader is done with it. A signal
+    // Sends the rest, shows the reader that it was all, and waits until the reader is done with it. A signal
     // shortens this to a second.
     void finish();
 

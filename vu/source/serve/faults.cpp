@@ -1,11 +1,11 @@
 #include "vu/source/serve/faults.h"
-#include "libvu/core/wire_format.h"
 
 #include <charconv>
 #include <cmath>
 #include <fmt/format.h>
 #include <limits>
 
+#include "libvu/core/wire_format.h"
 #include "vu/command.h"
 #include "vu/support/random.h"
 

@@ -17,7 +17,7 @@ struct FaultSpec {
     double stallAtSeconds = 1; // and from when on
     uint64_t dropEvery = 0;    // every Nth record is left out
     uint64_t garbleEvery = 0;  // one bit of the body of every Nth record is turned
-    uint64_t closeRecords = 0; // the connection ends in the middle of the record behind so many; 0: never
+    uint64_t closeRecords = 0; // the connection ends in the middle of the record after so many; 0: never
     static const char *help(); // the grammar in a line
 };
 
@@ -29,7 +29,7 @@ class FaultyRecords {
 public:
     FaultyRecords(const FaultSpec &spec, uint64_t seed) : spec_(spec), seed_(seed) {}
 
-    // Appends what is left of the records of `wire` to `out`. False: the connection ends behind it.
+    // Appends what is left of the records of `wire` to `out`. False: the connection ends after it.
     bool pass(const WireWriter &wire, std::vector<uint8_t> &out);
     uint64_t records() const { return records_; }
     // "3 records dropped", for standard error; empty if nothing was done.

@@ -60,7 +60,7 @@ private:
 
     int descriptor_;
     uint64_t told_ = 0; // news
-    size_t notes_ = 0;  // told
+    size_t notes_ = 0;  // reported
     Clock::time_point next_{};
 };
 

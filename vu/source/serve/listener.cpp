@@ -25,7 +25,7 @@ namespace {
     throw std::runtime_error(fmt::format("{}: {}", address.text(), std::strerror(errno)));
 }
 
-// What a killed source left behind: a socket in the file system that refuses every connection.
+// What is left of a killed source: a socket in the file system that refuses every connection.
 bool isDeadSocket(const sockaddr_un &name)
 {
     struct stat status {};
@@ -69,7 +69,7 @@ Listener::~Listener()
 void Listener::bindUnix()
 {
     const std::filesystem::path folder = std::filesystem::path(address_.path).parent_path();
-    std::error_code ignored; // bind() tells it better
+    std::error_code ignored; // bind() reports it better
     if (!folder.empty())
         std::filesystem::create_directories(folder, ignored);
 

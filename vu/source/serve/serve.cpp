@@ -31,7 +31,7 @@ public:
         if (speed_ == 0.0)
             return start_;
         const double seconds = static_cast<double>(ticks) / (speed_ * kTicksPerSecond);
-        constexpr double kYear = 3e7; // longer waits than this are no longer told apart
+        constexpr double kYear = 3e7; // longer waits than this count as this one
         return start_ + std::chrono::duration_cast<Instant::duration>(
                             std::chrono::duration<double>(std::min(seconds, kYear)));
     }

@@ -10,7 +10,7 @@
 
 namespace vu {
 
-// What every kind of source is told. `sampleRate`, `dataType` and `connector` are those of the channel's
+// What every kind of source is given. `sampleRate`, `dataType` and `connector` are those of the channel's
 // stanza.
 struct ServeOptions {
     std::string listen; // "unix:PATH", "tcp:HOST:PORT" or "fd:N"

@@ -41,7 +41,7 @@ StopSignals::~StopSignals()
 
 bool StopSignals::asked() const
 {
-    // A busy source never waits, so a signal may stand before the door.
+    // A busy source never waits, so a signal may be pending all the while.
     sigset_t pending;
     sigpending(&pending);
     return stopAsked != 0 || sigismember(&pending, SIGTERM) == 1 || sigismember(&pending, SIGINT) == 1;

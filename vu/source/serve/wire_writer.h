@@ -41,7 +41,7 @@ public:
     Endian samples() const { return samples_; }
 
     void marker();
-    // What stands between begin and end is the body of one record; end writes its length.
+    // What is written between begin and end is the body of one record; end writes its length.
     void beginRecord();
     void endRecord();
     // Ends a piece that has its own framing, as a stream's records have.
@@ -82,7 +82,7 @@ public:
     void timed(int64_t ticks, std::string_view content);
 
     std::span<const uint8_t> bytes() const { return bytes_; }
-    std::span<const size_t> ends() const { return ends_; } // the first byte behind each record
+    std::span<const size_t> ends() const { return ends_; } // the first byte after each record
     bool empty() const { return bytes_.empty(); }
     void clear();
 

@@ -1,9 +1,9 @@
 #include "vu/source/sim/sim.h"
-#include "libvu/proxy/channel_kind.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "libvu/proxy/channel_kind.h"
 #include "vu/command.h"
 #include "vu/source/kinds.h"
 #include "vu/source/samples/sample_stream.h"

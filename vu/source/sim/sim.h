@@ -67,7 +67,7 @@ private:
     uint64_t seed_;
 };
 
-// All throw InputError for options that they can not serve.
+// All throw InputError for options that they cannot serve.
 std::unique_ptr<Producer> simulateFloats(const SimOptions &sim, const ServeOptions &serving);
 std::unique_ptr<Producer> simulateRaw(const SimOptions &sim, const ServeOptions &serving);
 std::unique_ptr<Producer> simulateCan(const SimOptions &sim, const ServeOptions &serving);

@@ -23,7 +23,7 @@ constexpr double kMostGathered = 1e6;   // samples
 
 enum class Type : uint32_t { Data = 0, Metainfo = 2 };
 
-// A module that sends many signals over one connection, and tells what it sends.
+// A module that sends many signals over one connection, and says what it sends.
 class StreamProducer : public SteppedProducer {
 public:
     StreamProducer(const SimOptions &sim, const ServeOptions &serving);
@@ -47,7 +47,7 @@ private:
     int64_t reached_ = 0;  // what lies before has happened
     int64_t sent_ = 0;     // what lies before has gone out
     uint64_t next_ = 0;
-    int64_t second_ = 0; // the next one to be told as alive
+    int64_t second_ = 0; // the next one in which "alive" is sent
 };
 
 int64_t gatherTicks(const SimOptions &sim)

@@ -1,5 +1,4 @@
-#include "vu/record/file/catalogue.h"
-#include "libvu/core/wire_format.h"
+#include "vu/record/file/file_head.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,6 +8,7 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include "libvu/core/wire_format.h"
 #include "vu/command.h"
 #include "vu/description/store_rules.h"
 
@@ -66,7 +66,7 @@ double storedInteger(const std::string &element, double quotient)
     return !isUnsigned && cut >= range / 2 ? cut - range : cut;
 }
 
-// What stands in the blocks for a value.
+// What the blocks hold for a value.
 double storedValue(const Track &track, double value)
 {
     const Store &store = track.store;
