@@ -200,12 +200,15 @@ void deliver(const PipeList &list, Frame *frame)
         return;
     }
     // One reference more until all are served: a callback may detach the first pipe, which deletes its frame.
-    frame->refcount = static_cast<int16_t>(frame->refcount + 1);
+    // It is one of the root, where a clone's references are counted too, and clones of it are what the others
+    // get.
+    Frame *root = frame->parent ? frame->parent : frame;
+    root->refcount = static_cast<int16_t>(root->refcount + 1);
     pipeAddFrame(pipe, frame);
     pipe = pipe->next;
     while (pipe)
-        pipe = deliverClone(list, pipe, frame);
-    frameDelete(frame);
+        pipe = deliverClone(list, pipe, root);
+    frameDelete(root);
 }
 
 } // namespace libvu

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "libvu/core/c_locale_private.h"
 #include "libvu/core/deliver_private.h"
 #include "libvu/core/report.h"
 #include "libvu/core/saturate_private.h"
@@ -127,6 +128,7 @@ void give(OverRngModule &module, const OverRngChannel &channel, double time, boo
         notices.dropped++;
         return;
     }
+    const libvu::CLocaleScope decimalPoints; // the same text as in the log
     std::snprintf(notices.text[notices.count++], OVER_RNG_NOTICE_SIZE, kNotice, module.name, time,
                   channel.name, kind, value, sign, limit);
 }

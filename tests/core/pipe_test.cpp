@@ -1,4 +1,5 @@
 #include "libvu/core/pipe.h"
+#include "libvu/monitor/element_access.h"
 
 #include <gmock/gmock.h>
 #include <random>
@@ -103,6 +104,19 @@ TEST_F(Pipes, HoldWhatIsPutInAndNothingElse)
     }
     for (Frame *frame : hands)
         frameDelete(frame);
+}
+
+// A consumer of a chain holds a clone, and may hand it on to a chain of its own.
+TEST_F(Pipes, ACloneIsDeliveredLikeItsRoot)
+{
+    Frame *const root = frameCreate(4, 4, nullptr);
+    Pipe *const pipes[] = {pipeAttachPipe(&list), pipeAttachPipe(&list), pipeAttachPipe(&list)};
+    EXPECT_NE(Put_Frame(frameClone(root), &list), 0);
+    EXPECT_EQ(root->refcount, 4);
+    for (Pipe *const pipe : pipes)
+        frameDelete(pipeGetFrame(pipe));
+    EXPECT_EQ(root->refcount, 1);
+    frameDelete(root);
 }
 
 TEST_F(Pipes, ReportWhatIsMissing)

@@ -1,5 +1,6 @@
 #include "vu/description/description.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
@@ -123,6 +124,35 @@ void readTop(ObjectReader &keys, Reading &reading)
     keys.close();
 }
 
+// A recording replaces no file that the test reads, whatever --force says.
+void checkInputs(const LocatedJson &json, const std::filesystem::path &file, const ReadOptions &options,
+                 Findings &findings, const Description &test)
+{
+    std::vector<std::filesystem::path> inputs{file};
+    for (const Channel &channel : test.channels)
+        if (channel.source && !channel.source->arguments.empty())
+            inputs.emplace_back(channel.source->arguments.front());
+    const Json channels = json.root().is_object() ? json.root().value("channels", Json::array()) : Json();
+    for (const Json &channel : channels) {
+        const Json dbc = channel.is_object() ? channel.value("dbc", Json()) : Json();
+        for (const Json &list : dbc.is_array() ? dbc : Json::array({dbc}))
+            if (list.is_object() && list.contains("file") && list["file"].is_string())
+                inputs.push_back(file.parent_path() / list["file"].get<std::string>());
+    }
+    const auto isOutput = [&test](const std::filesystem::path &input) {
+        std::error_code ignored; // one that is not there is no input either
+        return std::filesystem::equivalent(test.file, input, ignored);
+    };
+    const auto input = std::find_if(inputs.begin(), inputs.end(), isOutput);
+    if (input == inputs.end())
+        return;
+    const std::string text = fmt::format("{} is read by this test, and never written over", input->string());
+    if (options.output.empty())
+        findings.mistake("file", text);
+    else
+        findings.mistakeElsewhere({"--output", 0, "", text});
+}
+
 } // namespace
 
 Description parseDescription(std::string_view text, const std::filesystem::path &file,
@@ -138,6 +168,8 @@ Description parseDescription(std::string_view text, const std::filesystem::path 
     for (const Channel &channel : test.channels)
         if (options.try_channel && !findings.isMistakeUnder(channel.path))
             options.try_channel(channel, findings);
+    if (options.try_output)
+        checkInputs(json, file, options, findings, test);
     if (options.try_output && !findings.isMistakeUnder("file"))
         warnOfFullDisk(test, findings);
     findings.throwIfAny();

@@ -1,5 +1,7 @@
 // The subcommands check, run and record.
 #include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdlib>
 #include <fmt/format.h>
 #include <functional>
 #include <sstream>
@@ -148,10 +150,17 @@ CLI::App *addDescription(CLI::App &app, const char *name, const char *about,
     CLI::App *command = app.add_subcommand(name, about);
     command->add_option("TEST", options->description, "Description of the test, a JSON file")->required();
     command->add_flag("--json", options->record.json, "The result for programs, mistakes included");
-    command->add_option("-o,--output", options->output,
-                        "The data file, in place of the one in the description");
+    command
+        ->add_option("-o,--output", options->output, "The data file, in place of the one in the description")
+        ->check([](const std::string &text) { return text.empty() ? "expected a path, got ''" : ""; });
     command->add_option("--for", options->seconds, "Ends after this many seconds")
-        ->check(CLI::PositiveNumber);
+        ->check([](const std::string &text) {
+            char *end = nullptr;
+            const double seconds = std::strtod(text.c_str(), &end);
+            return *end == '\0' && std::isfinite(seconds) && seconds > 0.0
+                       ? std::string()
+                       : fmt::format("expected a number of seconds above 0, got '{}'", text);
+        });
     command->add_flag("--force", options->record.force, "Replaces an existing data file");
     command->add_flag("--verbose", options->verbose, "Lists what a warning only counts");
     return command;

@@ -10,7 +10,7 @@ namespace vu {
 
 namespace {
 
-constexpr uint32_t kLongestBody = (uint32_t{1} << 31) - 8; // beyond it the reader gives the channel up
+constexpr uint32_t kLongestBody = (uint32_t{1} << 31) - 1; // beyond it the reader gives the channel up
 
 } // namespace
 

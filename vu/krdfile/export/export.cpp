@@ -306,6 +306,9 @@ void vu::addExport(CLI::App &app, Action &chosen)
         ->add_option(
             "--most", options->most,
             "Rows of one file beyond which nothing is written; run lengths and --fill can mean very many")
+        ->check([](const std::string &text) {
+            return text.starts_with('-') ? fmt::format("expected a whole number from 0, got '{}'", text) : "";
+        })
         ->capture_default_str();
     command->add_flag("--force", options->force, "Overwrite files that exist");
     command->add_flag("--json", options->json, "Answer with JSON: what was written");
