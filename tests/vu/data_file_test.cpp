@@ -37,6 +37,7 @@ int syncCalled(int number, int fd)
 
 } // namespace
 
+#if !VU_SANITIZED // whose own allocator keeps account of every kind of new and delete
 void *operator new(size_t size)
 {
     void *memory = memoryUsed + size > memoryLimit ? nullptr : std::malloc(size);
@@ -54,6 +55,7 @@ void operator delete(void *memory, size_t) noexcept
 {
     operator delete(memory);
 }
+#endif
 extern "C" int fsync(int fd)
 {
     return syncCalled(SYS_fsync, fd);
