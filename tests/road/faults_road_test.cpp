@@ -364,6 +364,7 @@ TEST_F(FaultsRoad, ARecordingTakesANameOnlyWhenItBegins)
     void *mapped = mmap(nullptr, old.size(), PROT_READ, MAP_SHARED, reader, 0);
     ASSERT_NE(mapped, MAP_FAILED);
     description["channels"] = test;
+    description.erase("connect_timeout");
     description["channels"][0]["source"]["duration"] = 60;
     recorder.emplace(Strings{"run", descriptionFile(), "--json", "--force"});
     for (int tries = 0; tries < 1000 && recorderOf(file) == 0; tries++)
