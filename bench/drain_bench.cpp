@@ -193,9 +193,8 @@ void Drain(benchmark::State &state)
         for (const auto &channel : channels)
             channel->bare.release();
     };
-    const auto wantMore = [&](int64_t expected) {
-        return channels.back()->node->sample_count < expected ||
-               channels.front()->node->sample_count < expected;
+    const auto wantMore = [&](int64_t count) {
+        return channels.back()->node->sample_count < count || channels.front()->node->sample_count < count;
     };
     for (auto _ : state) {
         limit(0, Channel::readOnly);

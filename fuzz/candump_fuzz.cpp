@@ -23,13 +23,16 @@ static std::string written(const CandumpLine &line)
 
 void fuzz(const uint8_t *data, size_t size)
 {
-    const auto [kind, ticks, frame] = vu::parseCandumpLine({reinterpret_cast<const char *>(data), size});
-    if (kind != CandumpLine::Kind::Frame)
+    const CandumpLine line = vu::parseCandumpLine({reinterpret_cast<const char *>(data), size});
+    if (line.kind != CandumpLine::Kind::Frame)
         return;
-    const CandumpLine again = vu::parseCandumpLine(written({kind, ticks, frame}));
+    const vu::CanFrame &frame = line.frame;
+    const std::optional<int64_t> ticks = line.ticks;
+    const std::string text = written(line);
+    const CandumpLine again = vu::parseCandumpLine(text);
     const auto unused = frame.data.begin() + (frame.remote ? 0 : std::min<int>(frame.length, 8));
     require(frame.length <= 8 && frame.id <= (frame.extended ? 0x1FFFFFFFu : 0x7FFu) &&
             ticks.value_or(0) >= 0);
     require(std::all_of(unused, frame.data.end(), [](uint8_t byte) { return byte == 0; }));
-    require(again.kind == kind && again.frame == frame && again.ticks == ticks.value_or(0));
+    require(again.kind == line.kind && again.frame == frame && again.ticks == ticks.value_or(0));
 }

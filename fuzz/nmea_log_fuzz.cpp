@@ -24,7 +24,7 @@ void fuzz(const uint8_t *data, size_t size)
         if (time && sentence.starts_with("$GPRMC,"))
             require((fix - *time) % vu::kTicksPerSecond == 0);
         require(sentence.data() >= line.data() && sentence.end() <= line.end() &&
-                vu::isSoundSentence(sentence));
+                vu::soundnessOf(sentence) == vu::Soundness::Sound);
         require(std::exchange(latest, fix) <= fix);
     }
 }
