@@ -193,8 +193,8 @@ void Drain(benchmark::State &state)
         for (const auto &channel : channels)
             channel->bare.release();
     };
-    const auto wantMore = [&](int64_t count) {
-        return channels.back()->node->sample_count < count || channels.front()->node->sample_count < count;
+    const auto wantMore = [&](int64_t wanted) {
+        return channels.back()->node->sample_count < wanted || channels.front()->node->sample_count < wanted;
     };
     for (auto _ : state) {
         limit(0, Channel::readOnly);
